@@ -1,0 +1,32 @@
+#pragma once
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "simulator/State.h"
+
+namespace simulator {
+
+/// A simulated instrument as its description file gives it.
+struct Description {
+  GpioLine lines[gpioLineCount] = {};
+  bool faults[faultCount] = {};
+
+  /// I2C devices with a driver: the attribute "name" by "<bus>-<address>", such as "0-0074".
+  std::map<std::string, std::string> i2cDevices;
+};
+
+/// A description that cannot be read. The text is one line with the file, group and key.
+class DescriptionError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Reads a description file. Throws DescriptionError.
+Description readDescription(const std::string& file);
+
+/// Reads a description from a text; `name` stands for the file in error texts.
+Description parseDescription(const std::string& text, const std::string& name = "description");
+
+}  // namespace simulator

@@ -1,0 +1,78 @@
+// libudev: the real library answers from the simulated tree; here its calls enter the trace and
+// fail where the description says so.
+
+#include <libudev.h>
+
+#include <cerrno>
+#include <string>
+
+#include "simulator/Next.h"
+#include "simulator/State.h"
+
+using simulator::faultIsOn;
+using simulator::inQuotes;
+using simulator::Nested;
+using simulator::next;
+using simulator::trace;
+using simulator::traceResult;
+
+extern "C" {
+
+udev* udev_new() {
+  static const auto real = next(&udev_new, "udev_new");
+  if (faultIsOn(simulator::udevContext)) {
+    traceResult("udev_new", ENOMEM);
+    errno = ENOMEM;
+    return nullptr;
+  }
+  trace("udev_new");
+  const Nested nested;
+  return real();
+}
+
+udev* udev_unref(udev* context) {
+  static const auto real = next(&udev_unref, "udev_unref");
+  trace("udev_unref");
+  return real(context);
+}
+
+udev_enumerate* udev_enumerate_new(udev* context) {
+  static const auto real = next(&udev_enumerate_new, "udev_enumerate_new");
+  if (faultIsOn(simulator::udevEnumeration)) {
+    traceResult("udev_enumerate_new", ENOMEM);
+    errno = ENOMEM;
+    return nullptr;
+  }
+  trace("udev_enumerate_new");
+  return real(context);
+}
+
+udev_enumerate* udev_enumerate_unref(udev_enumerate* enumeration) {
+  static const auto real = next(&udev_enumerate_unref, "udev_enumerate_unref");
+  trace("udev_enumerate_unref");
+  return real(enumeration);
+}
+
+int udev_enumerate_add_match_subsystem(udev_enumerate* enumeration, const char* subsystem) {
+  static const auto real =
+      next(&udev_enumerate_add_match_subsystem, "udev_enumerate_add_match_subsystem");
+  trace(std::string("udev_enumerate_add_match_subsystem ") + subsystem);
+  return real(enumeration, subsystem);
+}
+
+int udev_enumerate_add_match_sysattr(udev_enumerate* enumeration, const char* attribute,
+                                     const char* value) {
+  static const auto real =
+      next(&udev_enumerate_add_match_sysattr, "udev_enumerate_add_match_sysattr");
+  trace(std::string("udev_enumerate_add_match_sysattr ") + attribute + " " + inQuotes(value));
+  return real(enumeration, attribute, value);
+}
+
+int udev_enumerate_scan_devices(udev_enumerate* enumeration) {
+  static const auto real = next(&udev_enumerate_scan_devices, "udev_enumerate_scan_devices");
+  trace("udev_enumerate_scan_devices");
+  const Nested nested;
+  return real(enumeration);
+}
+
+}  // extern "C"

@@ -1,0 +1,179 @@
+#include "simulator/SimulatedInstrument.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <umockdev.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <system_error>
+
+namespace simulator {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Held locked by the process of an instrument for as long as it lives.
+constexpr char lockName[] = "talvero-sim.lock";
+
+void createFile(const fs::path& file, const std::string& content = "") {
+  fs::create_directories(file.parent_path());
+  std::ofstream(file) << content;
+}
+
+int createLock(const fs::path& root) {
+  // Named only once it is locked, so that nobody takes the new instrument for an abandoned one.
+  const fs::path draft = root / "lock";
+  const int fd = ::open(draft.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0 || flock(fd, LOCK_EX) != 0) {
+    throw std::system_error(errno, std::generic_category(), draft.string());
+  }
+  fs::rename(draft, root / lockName);
+  return fd;
+}
+
+void createGpioClass(const fs::path& root) {
+  const fs::path directory = root / "sys/class/gpio";
+  createFile(directory / ".talvero-sim");
+  createFile(directory / "export");
+  createFile(directory / "unexport");
+  createFile(directory / "gpiochip0/base", "0\n");
+  createFile(directory / "gpiochip0/label", "talvero-sim\n");
+  createFile(directory / "gpiochip0/ngpio", std::to_string(gpioLineCount) + "\n");
+}
+
+std::string addDevice(UMockdevTestbed* testbed, const std::string& name, const std::string& parent,
+                      const std::string& driverName) {
+  char* path = umockdev_testbed_add_device(testbed, "i2c", name.c_str(),
+                                           parent.empty() ? nullptr : parent.c_str(), "name",
+                                           (driverName + "\n").c_str(), nullptr, nullptr);
+  if (path == nullptr) {
+    throw std::runtime_error("cannot create the I2C device " + name);
+  }
+  std::string result = path;
+  g_free(path);
+  return result;
+}
+
+void createI2cDevices(UMockdevTestbed* testbed, const Description& description) {
+  std::map<std::string, std::string> adapters;
+  for (const auto& [name, driverName] : description.i2cDevices) {
+    const std::string adapter = "i2c-" + name.substr(0, name.find('-'));
+    if (adapters.count(adapter) == 0) {
+      adapters[adapter] = addDevice(testbed, adapter, "", "simulated adapter");
+    }
+    addDevice(testbed, name, adapters[adapter], driverName);
+  }
+}
+
+void initialise(State& state, const std::string& root, const std::string& traceFile,
+                const Description& description, bool fast) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(&state.mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  root.copy(state.root, sizeof state.root - 1);
+  traceFile.copy(state.trace, sizeof state.trace - 1);
+  state.fast = fast;
+  std::copy(std::begin(description.lines), std::end(description.lines), state.lines);
+  std::copy(std::begin(description.faults), std::end(description.faults), state.faults);
+}
+
+std::string ownLibrary() {
+  Dl_info library{};
+  dladdr(reinterpret_cast<const void*>(&attach), &library);
+  return fs::absolute(library.dli_fname).string();
+}
+
+/// AddressSanitizer's run-time library, in a build that uses it: it insists on coming first.
+std::string sanitizerLibrary() {
+  Dl_info library{};
+  const void* symbol = dlsym(RTLD_DEFAULT, "__asan_init");
+  return symbol != nullptr && dladdr(symbol, &library) != 0 ? std::string(library.dli_fname) + ":"
+                                                            : "";
+}
+
+}  // namespace
+
+SimulatedInstrument::SimulatedInstrument(const Description& description)
+    : SimulatedInstrument(description, Options()) {}
+
+SimulatedInstrument::SimulatedInstrument(const Description& description, const Options& options)
+    : testbed(umockdev_testbed_new()) {
+  try {
+    char* directory = umockdev_testbed_get_root_dir(testbed);
+    root = directory;
+    g_free(directory);
+    traceFile = options.trace.empty() ? root + "/trace" : fs::absolute(options.trace).string();
+    if (!std::ofstream(traceFile)) {
+      throw std::runtime_error(traceFile + ": cannot be written");
+    }
+    lock = createLock(root);
+    createGpioClass(root);
+    createI2cDevices(testbed, description);
+    const std::string stateFile = root + "/state";
+    createFile(stateFile, std::string(sizeof(State), '\0'));
+    attach(stateFile.c_str());
+    initialise(*state(), root, traceFile, description, options.fast);
+  } catch (...) {
+    release();
+    throw;
+  }
+}
+
+SimulatedInstrument::~SimulatedInstrument() { release(); }
+
+void SimulatedInstrument::release() {
+  detach();
+  g_object_unref(testbed);
+  if (lock >= 0) {
+    ::close(lock);
+  }
+}
+
+std::vector<std::string> SimulatedInstrument::takeTrace() {
+  std::ifstream file(traceFile);
+  file.seekg(traceTaken);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) {
+    traceTaken += static_cast<std::streamoff>(line.size()) + 1;
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+std::int64_t SimulatedInstrument::milliseconds() const { return now() / 1000; }
+
+void SimulatedInstrument::setProgramEnvironment() const {
+  std::string preload = sanitizerLibrary() + ownLibrary() + ":libumockdev-preload.so.0";
+  if (const char* before = std::getenv("LD_PRELOAD")) {
+    preload += std::string(":") + before;
+  }
+  setenv("LD_PRELOAD", preload.c_str(), 1);
+  setenv(stateVariable, (root + "/state").c_str(), 1);
+}
+
+void removeAbandonedInstruments() {
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(g_get_tmp_dir(), ignored)) {
+    const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+      continue;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+      fs::remove_all(entry.path(), ignored);
+    }
+    ::close(fd);
+  }
+}
+
+}  // namespace simulator

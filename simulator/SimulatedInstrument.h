@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <ios>
+#include <string>
+#include <vector>
+
+#include "simulator/Description.h"
+
+struct _UMockdevTestbed;
+
+namespace simulator {
+
+/// A simulated instrument: while the object exists, this process and the programs that it starts
+/// run on it instead of the host's hardware.
+///
+/// The process must be linked with the interposing library before libumockdev-preload. One
+/// instrument exists at a time.
+class SimulatedInstrument {
+ public:
+  struct Options {
+    bool fast = true;   ///< sleeps advance a virtual clock
+    std::string trace;  ///< file that receives the trace; empty for takeTrace() alone
+  };
+
+  explicit SimulatedInstrument(const Description& description);
+  SimulatedInstrument(const Description& description, const Options& options);
+  ~SimulatedInstrument();
+  SimulatedInstrument(const SimulatedInstrument&) = delete;
+  SimulatedInstrument& operator=(const SimulatedInstrument&) = delete;
+
+  /// The trace since the last call, or since construction: one line for each access, in order.
+  std::vector<std::string> takeTrace();
+
+  /// Time on the instrument's clock, milliseconds.
+  std::int64_t milliseconds() const;
+
+  /// Puts what a program needs to run on this instrument into this process's environment.
+  void setProgramEnvironment() const;
+
+ private:
+  void release();
+
+  std::string root;  // of the simulated file system
+  std::string traceFile;
+  std::streamoff traceTaken = 0;
+  int lock = -1;
+  _UMockdevTestbed* testbed;
+};
+
+/// Removes what instruments have left behind whose process was killed.
+void removeAbandonedInstruments();
+
+}  // namespace simulator

@@ -1,0 +1,127 @@
+#include "simulator/State.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace simulator {
+
+namespace {
+
+State* shared = nullptr;
+thread_local int nesting = 0;
+
+[[noreturn]] void fail(const std::string& reason) {
+  const std::string line = "talvero-sim: " + reason + "\n";
+  (void)!::write(STDERR_FILENO, line.data(), line.size());
+  _exit(2);
+}
+
+}  // namespace
+
+void attach(const char* stateFile) {
+  const int fd = ::open(stateFile, O_RDWR | O_CLOEXEC);
+  if (fd < 0) {
+    fail(std::string("the instrument's state ") + stateFile + " cannot be opened");
+  }
+  void* memory = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  if (memory == MAP_FAILED) {
+    fail("the instrument's state cannot be mapped");
+  }
+  shared = static_cast<State*>(memory);
+  // Answered by umockdev: the same file must be there through /sys and through the tree itself.
+  const char* root = std::getenv("UMOCKDEV_DIR");
+  if (root == nullptr || std::string(root) + "/state" != stateFile ||
+      ::access("/sys/class/gpio/.talvero-sim", F_OK) != 0) {
+    fail("the simulated /sys is not in place (is libumockdev-preload.so.0 loaded?)");
+  }
+}
+
+void detach() {
+  if (shared != nullptr) {
+    munmap(shared, sizeof(State));
+    shared = nullptr;
+  }
+}
+
+State* state() { return shared; }
+
+bool attached() { return shared != nullptr; }
+
+void requireInstrument(const char* access) {
+  if (!attached()) {
+    fail(std::string("no simulated instrument: refusing ") + access);
+  }
+}
+
+Locked::Locked() {
+  if (pthread_mutex_lock(&shared->mutex) == EOWNERDEAD) {
+    pthread_mutex_consistent(&shared->mutex);  // a program was killed inside a call
+  }
+}
+
+Locked::~Locked() { pthread_mutex_unlock(&shared->mutex); }
+
+State* Locked::operator->() const { return shared; }
+
+bool faultIsOn(Fault fault) { return attached() && Locked()->faults[fault]; }
+
+std::int64_t now() {
+  const Locked state;
+  if (state->fast) {
+    return state->slept;
+  }
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return std::int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
+}
+
+void trace(const std::string& line) {
+  if (!attached() || shared->trace[0] == '\0' || nested()) {
+    return;
+  }
+  const std::string text = line + "\n";
+  const int fd = ::open(shared->trace, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    return;
+  }
+  (void)!::write(fd, text.data(), text.size());
+  ::close(fd);
+}
+
+void traceResult(const std::string& line, int error) {
+  trace(error == 0 ? line : line + ": " + strerrorname_np(error));
+}
+
+std::string inQuotes(const std::string& text) {
+  std::string result = "\"";
+  for (const char character : text) {
+    if (character == '\n') {
+      result += "\\n";
+    } else if (character == '"' || character == '\\') {
+      result += {'\\', character};
+    } else if (static_cast<unsigned char>(character) < ' ') {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\x%02x", static_cast<unsigned char>(character));
+      result += escape;
+    } else {
+      result += character;
+    }
+  }
+  return result + "\"";
+}
+
+Nested::Nested() { ++nesting; }
+
+Nested::~Nested() { --nesting; }
+
+bool nested() { return nesting > 0; }
+
+}  // namespace simulator

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <climits>
+#include <cstdint>
+#include <string>
+
+/// The state of the simulated instrument, shared by all processes that run on it, and the few
+/// functions that every simulated part stands on.
+///
+/// The state lives in a file that each process maps, so that a shell script of several BIST
+/// programs works on one instrument. It holds plain data only.
+namespace simulator {
+
+/// A line of the board's GPIO chip.
+struct GpioLine {
+  enum class Condition : std::uint8_t {
+    working,
+    missing,      ///< the kernel knows no line of this number
+    noDirection,  ///< exported without a direction file
+    noValue,      ///< the value file cannot be opened
+  };
+  Condition condition;
+  bool level;  ///< what the hardware outside drives on the line
+  bool exported;
+  bool output;
+  bool driven;  ///< the level of an output
+};
+
+constexpr int gpioLineCount = 256;
+
+/// Faults that a description switches on by name.
+enum Fault : unsigned { udevContext, udevEnumeration, gpioExport, faultCount };
+
+constexpr const char* faultNames[faultCount] = {"udev-context", "udev-enumeration", "gpio-export"};
+
+struct State {
+  pthread_mutex_t mutex;
+  char root[PATH_MAX];   ///< umockdev's directory; the simulated /sys is below it
+  char trace[PATH_MAX];  ///< file that receives the trace; empty for none
+  bool fast;             ///< sleeps advance the clock instead of sleeping
+  std::int64_t slept;    ///< clock in fast mode, microseconds
+  bool faults[faultCount];
+  GpioLine lines[gpioLineCount];
+};
+
+/// The environment variable that names the state file to the programs that run on the instrument.
+constexpr char stateVariable[] = "TALVERO_SIM_STATE";
+
+/// Puts the instrument of the given state file behind this process, which has umockdev's directory,
+/// the parent directory of the file, in its environment. Ends the process with one line on standard
+/// error when the simulated /sys is not in place.
+void attach(const char* stateFile);
+
+/// Takes the instrument away again, if there is one.
+void detach();
+
+/// The state, for the process that sets it up; everybody else takes it Locked. Null when no
+/// instrument is attached.
+State* state();
+
+bool attached();
+
+/// Ends the process unless an instrument is attached: `access` would reach the host's hardware.
+void requireInstrument(const char* access);
+
+/// Access to the state, for one holder at a time.
+class Locked {
+ public:
+  Locked();
+  ~Locked();
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+  State* operator->() const;
+};
+
+/// Whether a fault is switched on; false without an instrument.
+bool faultIsOn(Fault fault);
+
+/// Time on the instrument's clock, microseconds.
+std::int64_t now();
+
+/// Appends a line to the trace. What happens inside a call that is itself in the trace, such as
+/// libudev's own reading of /sys, is left out: see Nested.
+void trace(const std::string& line);
+
+/// Appends "line" or, for a refused access, "line: ENOENT" and the like.
+void traceResult(const std::string& line, int error);
+
+/// Text in double quotes, with line ends and other control characters escaped.
+std::string inQuotes(const std::string& text);
+
+/// While one exists, this thread's file accesses belong to a traced call and are not traced.
+class Nested {
+ public:
+  Nested();
+  ~Nested();
+  Nested(const Nested&) = delete;
+  Nested& operator=(const Nested&) = delete;
+};
+
+bool nested();
+
+}  // namespace simulator

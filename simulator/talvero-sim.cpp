@@ -1,0 +1,230 @@
+// talvero-sim: runs a program on a simulated instrument.
+
+#include <elf.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "simulator/SimulatedInstrument.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int usageError = 2;
+constexpr int notExecutable = 126;
+constexpr int notFound = 127;
+
+struct Arguments {
+  std::string instrument = "proto-1";
+  std::string trace = "/dev/null";
+  bool fast = false;
+  std::vector<std::string> program;
+};
+
+// Beside the program where it was built, or where it was installed.
+fs::path instrumentsDirectory() {
+  const fs::path directory = fs::read_symlink("/proc/self/exe").parent_path();
+  const fs::path built = directory / "instruments";
+  return fs::exists(built) ? built : directory.parent_path() / "share/talvero-sim/instruments";
+}
+
+std::string descriptionFile(const std::string& instrument) {
+  const fs::path shipped = instrumentsDirectory() / (instrument + ".conf");
+  return fs::exists(shipped) ? shipped.string() : instrument;
+}
+
+void listInstruments() {
+  std::vector<fs::path> files(fs::directory_iterator(instrumentsDirectory()), {});
+  std::sort(files.begin(), files.end());
+  for (const fs::path& file : files) {
+    std::string title;
+    std::getline(std::ifstream(file), title);
+    std::cout << file.stem().string() << "\t" << title.substr(title.find_first_not_of("# "))
+              << "\n";
+  }
+}
+
+std::string findProgram(const std::string& name) {
+  if (name.find('/') != std::string::npos) {
+    return name;
+  }
+  const char* variable = std::getenv("PATH");
+  std::istringstream path(variable == nullptr ? "/bin:/usr/bin" : variable);
+  for (std::string directory; std::getline(path, directory, ':');) {
+    std::string candidate = (fs::path(directory) / name).string();
+    if (access(candidate.c_str(), X_OK) == 0 && !fs::is_directory(candidate)) {
+      return candidate;
+    }
+  }
+  return "";
+}
+
+/// Why the dynamic linker would not put the simulated instrument behind a program; empty if it
+/// would. Such a program would reach the host's own hardware.
+std::string reasonAgainst(const std::string& program) {
+  std::ifstream file(program, std::ios::binary);
+  Elf64_Ehdr header{};
+  file.read(reinterpret_cast<char*>(&header), sizeof header);
+  if (!file || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0) {
+    return "";  // a script; its interpreter is started in the same way
+  }
+  Elf64_Ehdr own{};
+  std::ifstream("/proc/self/exe", std::ios::binary).read(reinterpret_cast<char*>(&own), sizeof own);
+  if (header.e_ident[EI_CLASS] != own.e_ident[EI_CLASS] || header.e_machine != own.e_machine) {
+    return "is built for another machine";
+  }
+  if ((fs::status(program).permissions() & (fs::perms::set_uid | fs::perms::set_gid)) !=
+      fs::perms::none) {
+    return "changes its user or group";
+  }
+  for (unsigned int index = 0; index < header.e_phnum; ++index) {
+    Elf64_Phdr segment{};
+    file.seekg(static_cast<std::streamoff>(header.e_phoff + index * sizeof segment));
+    file.read(reinterpret_cast<char*>(&segment), sizeof segment);
+    if (file && segment.p_type == PT_INTERP) {
+      return "";
+    }
+  }
+  return "is statically linked";
+}
+
+[[noreturn]] void becomeProgram(const std::string& path, std::vector<std::string>& arguments,
+                                pid_t parent, const sigset_t& signals) {
+  // Nobody would remove the instrument after a program that outlives talvero-sim.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) {
+    _exit(notExecutable);
+  }
+  sigprocmask(SIG_SETMASK, &signals, nullptr);
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  execvp(path.c_str(), pointers.data());
+  const int error = errno;
+  std::cerr << "talvero-sim: cannot run " << path << ": " << std::strerror(error) << "\n";
+  _exit(error == ENOENT ? notFound : notExecutable);
+}
+
+/// Passes signals on to the program until it ends; returns its wait status.
+int waitForProgram(pid_t program, const sigset_t& signals) {
+  while (true) {
+    siginfo_t info{};
+    if (sigwaitinfo(&signals, &info) < 0) {
+      continue;
+    }
+    // The terminal has sent its signals to the program already.
+    if (info.si_signo != SIGCHLD && info.si_code != SI_KERNEL) {
+      kill(program, info.si_signo);
+    }
+    int status = 0;
+    if (waitpid(program, &status, WNOHANG) == program) {
+      return status;
+    }
+  }
+}
+
+/// Ends as the program has ended.
+int passOn(int status, const sigset_t& signals) {
+  if (!WIFSIGNALED(status)) {
+    return WEXITSTATUS(status);
+  }
+  const rlimit noCore{0, 0};  // the program has left one if it was meant to
+  setrlimit(RLIMIT_CORE, &noCore);
+  const int signal = WTERMSIG(status);
+  std::signal(signal, SIG_DFL);
+  sigprocmask(SIG_SETMASK, &signals, nullptr);
+  raise(signal);
+  return 128 + signal;
+}
+
+int run(Arguments& arguments) {
+  const std::string program = findProgram(arguments.program.front());
+  if (program.empty()) {
+    std::cerr << "talvero-sim: " << arguments.program.front() << ": not found\n";
+    return notFound;
+  }
+  const std::string reason = reasonAgainst(program);
+  if (!reason.empty()) {
+    std::cerr << "talvero-sim: " << program << " " << reason
+              << ": it would reach this machine's own hardware\n";
+    return usageError;
+  }
+  sigset_t before;
+  sigset_t passed;
+  sigemptyset(&passed);
+  for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2}) {
+    sigaddset(&passed, signal);
+  }
+  sigprocmask(SIG_BLOCK, &passed, &before);
+  int status = 0;
+  {
+    simulator::removeAbandonedInstruments();
+    const simulator::SimulatedInstrument instrument(
+        simulator::readDescription(descriptionFile(arguments.instrument)),
+        {arguments.fast, arguments.trace});
+    instrument.setProgramEnvironment();
+    const pid_t self = getpid();
+    const pid_t child = fork();
+    if (child < 0) {
+      throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    if (child == 0) {
+      becomeProgram(program, arguments.program, self, before);
+    }
+    status = waitForProgram(child, passed);
+  }
+  return passOn(status, before);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Arguments arguments;
+  CLI::App app(
+      "Runs a program on a simulated instrument: whatever the program does to GPIO lines, udev\n"
+      "devices, PCI configuration space and the platform's classes happens to the instrument that\n"
+      "a description file describes, never to this machine's own hardware.\n\n"
+      "The exit status is the program's; 2 for a wrong description or call, 126 or 127 when the\n"
+      "program cannot be run.",
+      "talvero-sim");
+  app.set_version_flag("--version", TALVERO_VERSION);
+  app.add_option("--instrument", arguments.instrument,
+                 "description file, or the name of a shipped one (see --list)")
+      ->capture_default_str();
+  app.add_flag("--fast", arguments.fast, "advance a virtual clock instead of sleeping");
+  app.add_option("--trace", arguments.trace, "write every access to this file, one line each");
+  app.add_flag_callback(
+      "--list",
+      [] {
+        listInstruments();
+        throw CLI::Success();
+      },
+      "list the shipped instruments");
+  app.add_option("PROGRAM", arguments.program, "the program and its arguments, after --")
+      ->required()
+      ->option_text(" ");
+  app.positionals_at_end();
+  try {
+    app.parse(argc, argv);
+    return run(arguments);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : usageError;
+  } catch (const std::exception& error) {
+    std::cerr << "talvero-sim: " << error.what() << "\n";
+    return usageError;
+  }
+}

@@ -1,0 +1,3 @@
+#include "sysfs/Sysfs.h"
+
+Sysfs::~Sysfs() = default;

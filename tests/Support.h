@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "simulator/SimulatedInstrument.h"
+
+/// An instrument described by a text, in virtual time.
+class Instrument : public simulator::SimulatedInstrument {
+ public:
+  explicit Instrument(const std::string& description)
+      : SimulatedInstrument(simulator::parseDescription(description)) {}
+};
+
+/// A directory that is removed with the object.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+  /// Writes a file into the directory and returns its path.
+  std::string file(const std::string& name, const std::string& content) const;
+
+  std::string path;
+};
+
+std::string contentOf(const std::string& file);
+
+/// What a shell command has printed and how it has ended.
+struct Outcome {
+  int status;  ///< exit status; 128 plus the number of the signal that ended it
+  std::string output;
+  std::string errors;
+};
+
+Outcome runCommand(const std::string& command);
+
+/// How many files and directories this process has open. Sockets and events do not count: umockdev
+/// has a thread that opens some whenever it gets to it.
+std::size_t openFiles();

@@ -1,0 +1,162 @@
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "board/BoardId.h"
+#include "tests/Support.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+std::string straps(int id) {
+  std::string bits;
+  for (int mask = 32; mask != 0; mask /= 2) {
+    bits += (id & mask) != 0 ? '1' : '0';
+  }
+  return bits;
+}
+
+std::string board(int id) { return "[board]\nstraps=" + straps(id) + "\n"; }
+
+TEST(BoardIdentity, EveryIdHasItsDescription) {
+  const std::map<int, std::string> named = {{0, "DORVELLE MMB SINGLE GIG-E"},
+                                            {1, "DORVELLE MMB DUAL GIG-E"},
+                                            {2, "DORVELLE MMB SINGLE GIG-E PDH FULL"},
+                                            {3, "DORVELLE MMB DUAL GIG-E W/MFI"},
+                                            {4, "DORVELLE MMB SINGLE GIG-E PDH FULL W/MFI"},
+                                            {5, "HALCYRA MMB DUAL GIG-E"},
+                                            {6, "HALCYRA MMB SINGLE GIG-E PDH FULL"},
+                                            {7, "HALCYRA MMB DUAL GIG-E W/MFI"},
+                                            {8, "HALCYRA MMB SINGLE GIG-E PDH FULL W/MFI"},
+                                            {9, "QUINDARA MMB SGL GIG-E NO PDH EXCEPT E1/T1 PRI"},
+                                            {10, "QUINDARA MMB SGL GIG-E ONLY NO PDH"},
+                                            {16, "CORVANE CXB DUAL 100G"},
+                                            {32, "TALVERO PROTO-0 SPB"},
+                                            {33, "TALVERO PROTO-1 SPB"},
+                                            {34, "TALVERO PROTO-2 SPB"},
+                                            {48, "TUVAK MMB DUAL 10GE FULL PDH W/POE,1PPS"}};
+  const char* const unknown[] = {"UNKNOWN MMB", "UNKNOWN CXB", "UNKNOWN SPB", "UNKNOWN TUVAK MMB"};
+  for (int id = 0; id < 64; ++id) {
+    const Instrument instrument(board(id));
+    const BoardId identity;
+    EXPECT_EQ(identity.id, id);
+    EXPECT_EQ(identity.idBitString, straps(id));
+    EXPECT_EQ(identity.idDescription, named.count(id) != 0 ? named.at(id) : unknown[id / 16]);
+    EXPECT_EQ(identity.getIdDescription(), identity.idDescription);
+    EXPECT_EQ(identity.isBoardIdKnown(), named.count(id) != 0) << id;
+    EXPECT_EQ(identity.isMMB(), id < 16 || id >= 48) << id;
+    EXPECT_EQ(identity.isQuindara(), id == 9 || id == 10) << id;
+    EXPECT_EQ(identity.isTuvak(), id >= 48) << id;
+    EXPECT_EQ(identity.isCXB(), id >= 16 && id < 32) << id;
+    EXPECT_EQ(identity.isSPB(), id >= 32 && id < 48) << id;
+    EXPECT_EQ(identity.isProtoZero(), id == 32) << id;
+    EXPECT_EQ(identity.isProtoOne(), id == 33) << id;
+    EXPECT_EQ(identity.isProtoTwo(), id == 34) << id;
+  }
+}
+
+TEST(BoardIdentity, ReadsTheStrapsOnceInTheirOrder) {
+  Instrument instrument(board(63));
+  const BoardId identity;
+  std::vector<std::string> exported;
+  for (const std::string& line : instrument.takeTrace()) {
+    if (line.find("export") != std::string::npos) {
+      exported.push_back(line.substr(line.find('"')));
+    }
+  }
+  EXPECT_THAT(exported,
+              ElementsAre("\"167\"", "\"168\"", "\"169\"", "\"170\"", "\"171\"", "\"135\""));
+  EXPECT_TRUE(identity.isTuvak());
+  EXPECT_THAT(instrument.takeTrace(), IsEmpty()) << "asking touches no line";
+}
+
+TEST(BoardIdentity, AnUnreadableStrapCountsAsLow) {
+  const Instrument instrument(board(63) + "[gpio]\n168=missing\n169=no-direction\n135=no-value\n");
+  EXPECT_EQ(BoardId().idBitString, "011001");
+}
+
+TEST(BoardIdentity, KeepsToTheTableWhateverIsPutIntoTheId) {
+  const Instrument instrument(board(0));
+  BoardId identity;
+  identity.id = 0xFFFF;
+  EXPECT_EQ(identity.getIdDescription(), "UNKNOWN TUVAK MMB");
+  EXPECT_EQ(identity.idDescription, "DORVELLE MMB SINGLE GIG-E");
+}
+
+TEST(BoardIdentity, IsReadFromSeveralThreads) {
+  const Instrument instrument(board(33));
+  std::vector<std::thread> threads;
+  std::atomic<int> right{0};
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&right] { right += BoardId().id == 33 ? 1 : 0; });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(right, 4);
+}
+
+TEST(AttachedBoards, APmbIsADeviceAt0x74OnBus0OfTheFirstPrototype) {
+  const struct {
+    int id;
+    const char* devices;
+    bool connected;
+  } cases[] = {{32, "0-0074=pmb", true},  {32, "0-0050=eeprom\n0-0074=pmb\n1-0010=x", true},
+               {32, "", false},           {32, "0-0075=x\n1-0074=x\n10-0074=x", false},
+               {33, "0-0074=pmb", false}, {47, "0-0074=pmb", false},
+               {0, "0-0074=pmb", false}};
+  for (const auto& test : cases) {
+    Instrument instrument(board(test.id) + "[i2c]\n" + test.devices);
+    const BoardId identity;
+    instrument.takeTrace();
+    EXPECT_EQ(identity.isPMBConnected(), test.connected) << test.id << " " << test.devices;
+    if (test.id == 32) {
+      EXPECT_THAT(
+          instrument.takeTrace(),
+          ElementsAre("udev_new", "udev_enumerate_new", "udev_enumerate_add_match_subsystem i2c",
+                      "udev_enumerate_scan_devices", "udev_enumerate_unref", "udev_unref"));
+    } else {
+      EXPECT_THAT(instrument.takeTrace(), IsEmpty());
+    }
+  }
+}
+
+TEST(AttachedBoards, NoPmbIsSeenWithoutUdev) {
+  const std::string description = board(32) + "[i2c]\n0-0074=pmb\n[faults]\n";
+  {
+    Instrument instrument(description + "udev-context=on");
+    const BoardId identity;
+    instrument.takeTrace();
+    EXPECT_FALSE(identity.isPMBConnected());
+    EXPECT_THAT(instrument.takeTrace(), ElementsAre("udev_new: ENOMEM"));
+  }
+  Instrument instrument(description + "udev-enumeration=on");
+  const BoardId identity;
+  instrument.takeTrace();
+  EXPECT_FALSE(identity.isPMBConnected());
+  EXPECT_THAT(instrument.takeTrace(),
+              ElementsAre("udev_new", "udev_enumerate_new: ENOMEM", "udev_unref"));
+}
+
+TEST(AttachedBoards, AnImbPullsLine80LowOnTheLaterSpbs) {
+  const struct {
+    int id;
+    const char* line;
+    bool connected;
+  } cases[] = {{33, "80=low", true},      {33, "80=high", false}, {34, "80=low", true},
+               {47, "80=low", true},      {47, "80=high", false}, {33, "80=missing", true},
+               {33, "80=no-value", true}, {32, "80=low", false},  {31, "80=low", false},
+               {48, "80=low", false},     {0, "80=low", false}};
+  for (const auto& test : cases) {
+    Instrument instrument(board(test.id) + "[gpio]\n" + test.line);
+    const BoardId identity;
+    instrument.takeTrace();
+    EXPECT_EQ(identity.isIMBConnected(), test.connected) << test.id << " " << test.line;
+    const bool read = test.id > 32 && test.id < 48;
+    EXPECT_EQ(instrument.takeTrace().empty(), !read) << test.id << " " << test.line;
+  }
+}
+
+}  // namespace

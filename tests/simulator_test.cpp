@@ -1,0 +1,187 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "tests/Support.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+/// errno of a bare write to an attribute, 0 for success.
+int writeAttribute(const char* path, const std::string& text) {
+  const int fd = open(path, O_WRONLY);
+  if (fd < 0) {
+    return errno;
+  }
+  const int error =
+      write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : errno;
+  close(fd);
+  return error;
+}
+
+TEST(SimulatedGpio, RefusesWhatTheKernelRefuses) {
+  const Instrument instrument("[gpio]\n6=missing\n8=high");
+  const struct {
+    const char* attribute;
+    const char* text;
+    int error;
+  } steps[] = {{"gpio5/value", "1", ENOENT},   {"export", "5\n", 0},
+               {"export", "5", EBUSY},         {"export", "0x8", 0},
+               {"export", "6", EINVAL},        {"export", "256", EINVAL},
+               {"export", "-1", EINVAL},       {"export", "five", EINVAL},
+               {"gpio5/value", "1", EPERM},    {"gpio5/direction", "up", EINVAL},
+               {"gpio5/direction", "high", 0}, {"gpio5/value", "x", EINVAL},
+               {"gpio5/value", "1", 0},        {"gpiochip0/base", "1", EACCES},
+               {"unexport", "7", EINVAL},      {"unexport", "5", 0},
+               {"gpio5/value", "1", ENOENT},   {"gpio8/edge", "both", EACCES}};
+  for (const auto& step : steps) {
+    EXPECT_EQ(writeAttribute((std::string("/sys/class/gpio/") + step.attribute).c_str(), step.text),
+              step.error)
+        << step.attribute << " " << step.text;
+  }
+  EXPECT_EQ(contentOf("/sys/class/gpio/gpio8/value"), "1\n");
+  EXPECT_EQ(open("/sys/class/gpio/export", O_RDONLY), -1);
+  EXPECT_EQ(errno, EACCES);
+}
+
+TEST(SimulatedGpio, TellsAStreamOfARefusalAtTheClose) {
+  const Instrument instrument("");
+  std::FILE* stream = std::fopen("/sys/class/gpio/export", "w");
+  ASSERT_NE(stream, nullptr);
+  EXPECT_GT(std::fprintf(stream, "999"), 0);
+  EXPECT_EQ(std::fclose(stream), EOF);
+  EXPECT_EQ(errno, EINVAL);
+
+  std::ofstream file("/sys/class/gpio/export");
+  file << "7";
+  file.close();
+  EXPECT_TRUE(file.good());
+  EXPECT_EQ(access("/sys/class/gpio/gpio7/value", F_OK), 0);
+}
+
+TEST(SimulatedGpio, ForgetsALineOnceItsLevelIsDriven) {
+  const Instrument instrument("[gpio]\n5=high");
+  writeAttribute("/sys/class/gpio/export", "5");
+  writeAttribute("/sys/class/gpio/gpio5/direction", "out");
+  EXPECT_EQ(contentOf("/sys/class/gpio/gpio5/value"), "0\n") << "\"out\" drives the line low";
+  writeAttribute("/sys/class/gpio/gpio5/direction", "in");
+  EXPECT_EQ(contentOf("/sys/class/gpio/gpio5/value"), "1\n");
+}
+
+TEST(VirtualTime, PassesWithoutWaiting) {
+  const Instrument instrument("");
+  const auto start = std::chrono::steady_clock::now();
+  usleep(1000);
+  sleep(5);
+  std::this_thread::sleep_for(std::chrono::seconds(55));
+  const timespec wrong{0, -1};
+  EXPECT_EQ(nanosleep(&wrong, nullptr), -1);
+  EXPECT_EQ(instrument.milliseconds(), 60001);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
+  const struct {
+    const char* text;
+    const char* reason;
+  } cases[] = {
+      {"[bord]\nstraps=0", "d.conf: [bord]: unknown group"},
+      {"[board]\nstrap=000000", "d.conf: [board] strap: unknown key"},
+      {"[board]\nstraps=00002", "d.conf: [board] straps: must be six characters 0 and 1"},
+      {"[gpio]\n256=low", "d.conf: [gpio] 256: not a line number from 0 to 255"},
+      {"[gpio]\n80=lo", "d.conf: [gpio] 80: must be low, high, missing"},
+      {"[i2c]\n0-74=pmb", "d.conf: [i2c] 0-74: not an I2C device"},
+      {"[faults]\nudev=on", "d.conf: [faults] udev: unknown key"},
+      {"[faults]\nudev-context=1", "d.conf: [faults] udev-context: must be on or off, not \"1\""},
+      {"straps=1", "d.conf: "},
+  };
+  for (const auto& test : cases) {
+    try {
+      simulator::parseDescription(test.text, "d.conf");
+      ADD_FAILURE() << test.text;
+    } catch (const simulator::DescriptionError& error) {
+      EXPECT_THAT(error.what(), HasSubstr(test.reason));
+      EXPECT_EQ(std::string(error.what()).find('\n'), std::string::npos) << "one line";
+    }
+  }
+  EXPECT_THROW(simulator::readDescription("/nowhere.conf"), simulator::DescriptionError);
+}
+
+TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(open("/sys/class/gpio/export", O_WRONLY), testing::ExitedWithCode(2),
+              "no simulated instrument: refusing /sys/class/gpio/export");
+}
+
+TEST(TalveroSim, PassesOnHowTheProgramEnds) {
+  const std::string sim = TALVERO_SIM " --fast -- ";
+  EXPECT_EQ(runCommand(sim + "sh -c 'exit 7'").status, 7);
+  EXPECT_EQ(runCommand("exec " + sim + "sh -c 'kill -TERM $$'").status, 128 + SIGTERM);
+  EXPECT_EQ(runCommand(sim + "no-such-program").status, 127);
+  EXPECT_EQ(runCommand(sim + "/etc/passwd").status, 126);
+  EXPECT_EQ(runCommand(TALVERO_SIM).status, 2);
+  const Outcome forwarded =
+      runCommand("exec " + sim +
+                 "sh -c 'trap \"echo caught; exit 3\" TERM; kill -TERM $PPID; "
+                 "while :; do sleep 0.1; done'");
+  EXPECT_EQ(forwarded.status, 3);
+  EXPECT_EQ(forwarded.output, "caught\n");
+}
+
+TEST(TalveroSim, SaysInOneLineWhatIsWrongWithADescription) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("x.conf", "[gpio]\n1=up\n");
+  for (const std::string& instrument : {file, std::string("/nowhere.conf")}) {
+    const Outcome outcome = runCommand(TALVERO_SIM " --instrument " + instrument + " -- true");
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_THAT(outcome.errors, HasSubstr("talvero-sim: " + instrument + ": "));
+    EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1);
+  }
+}
+
+TEST(TalveroSim, KeepsOneInstrumentForAWholeScript) {
+  const TemporaryDirectory directory;
+  const std::string trace = directory.path + "/trace";
+  const Outcome outcome = runCommand(
+      TALVERO_SIM " --trace " + trace +
+      " -- sh -c 'cd /sys/class/gpio; echo 5 >/sys/class/gpio/export; "
+      "/bin/echo 5 >/sys/class/gpio/export; /bin/echo out >/sys/class/gpio/gpio5/direction; "
+      "echo 1 >/sys/class/gpio/gpio5/value; cat /sys/class/gpio/gpio5/value'");
+  EXPECT_EQ(outcome.output, "1\n");
+  EXPECT_THAT(outcome.errors, HasSubstr("busy"));
+  EXPECT_EQ(contentOf(trace),
+            "write /sys/class/gpio/export \"5\\n\"\n"
+            "write /sys/class/gpio/export \"5\\n\": EBUSY\n"
+            "write /sys/class/gpio/gpio5/direction \"out\\n\"\n"
+            "write /sys/class/gpio/gpio5/value \"1\\n\"\n"
+            "read /sys/class/gpio/gpio5/value \"1\\n\"\n");
+}
+
+TEST(TalveroSim, RefusesProgramsThatWouldReachTheHostsHardware) {
+  const TemporaryDirectory directory;
+  const std::string source = directory.file("main.c", "int main(void) { return 0; }\n");
+  const std::string program = directory.path + "/program";
+  ASSERT_EQ(runCommand("gcc -static -o " + program + " " + source).status, 0);
+  const Outcome outcome = runCommand(TALVERO_SIM " -- " + program);
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.errors, HasSubstr("is statically linked: it would reach"));
+}
+
+TEST(TalveroSim, LeavesNothingBehind) {
+  const TemporaryDirectory directory;
+  const std::string sim = "TMPDIR=" + directory.path + " " TALVERO_SIM " -- ";
+  runCommand(sim + "sh -c 'kill -KILL $$'");
+  EXPECT_EQ(runCommand("ls " + directory.path).output, "");
+  runCommand(sim + "sh -c 'kill -KILL $PPID; sleep 9'");
+  EXPECT_NE(runCommand("ls " + directory.path).output, "") << "nobody was left to remove it";
+  runCommand(sim + "true");
+  EXPECT_EQ(runCommand("ls " + directory.path).output, "");
+}
+
+}  // namespace

@@ -1,0 +1,245 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "sysfs/SysfsUtil.h"
+#include "tests/Support.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+TEST(SysfsFiles, TextReaderReturnsTheContentWithOrWithoutItsLastCharacter) {
+  const TemporaryDirectory directory;
+  SysfsUtil sysfs;
+  const struct {
+    const char* content;
+    bool strip;
+    const char* expected;
+  } cases[] = {{"1\n", true, "1"}, {"1\n", false, "1\n"}, {"1", true, ""},
+               {"", true, ""},     {"", false, ""},       {"a\r\nb\n", true, "a\r\nb"}};
+  for (const auto& test : cases) {
+    bool success = false;
+    EXPECT_EQ(sysfs.readSysfs(directory.file("a", test.content), &success, test.strip),
+              test.expected);
+    EXPECT_TRUE(success);
+  }
+  const std::string large(10000, 'x');
+  EXPECT_EQ(sysfs.readSysfs(directory.file("large", large), nullptr, false), large);
+
+  bool success = true;
+  EXPECT_EQ(sysfs.readSysfs(directory.path + "/missing", &success, true), "");
+  EXPECT_FALSE(success);
+  EXPECT_EQ(sysfs.readSysfs(directory.path + "/missing", nullptr, true), "");
+}
+
+TEST(SysfsFiles, RawReaderReadsBytesOrOneWord) {
+  const TemporaryDirectory directory;
+  SysfsUtil sysfs;
+  const std::string file = directory.file("a", "  abc def\n");
+  char buffer[5000];
+
+  std::fill(std::begin(buffer), std::end(buffer), '#');
+  EXPECT_TRUE(sysfs.readSysfs(file, buffer, 5));
+  EXPECT_EQ(std::string(buffer, 6), "  abc#") << "no terminating zero byte is added";
+  EXPECT_TRUE(sysfs.readSysfs(file, buffer, 10));
+  EXPECT_FALSE(sysfs.readSysfs(file, buffer, 11)) << "one byte more than there is";
+
+  std::fill(std::begin(buffer), std::end(buffer), '#');
+  EXPECT_TRUE(sysfs.readSysfs(file, buffer, 0));
+  EXPECT_EQ(std::string(buffer, 5), std::string("abc\0#", 5));
+
+  EXPECT_TRUE(sysfs.readSysfs(directory.file("long", std::string(4097, 'y')), buffer, 0));
+  EXPECT_EQ(std::string(buffer), std::string(4095, 'y')) << "an attribute is one page";
+
+  std::fill(std::begin(buffer), std::end(buffer), '#');
+  EXPECT_FALSE(sysfs.readSysfs(directory.file("empty", ""), buffer, 0));
+  EXPECT_FALSE(sysfs.readSysfs(directory.file("blank", " \n"), buffer, 0));
+  EXPECT_FALSE(sysfs.readSysfs(directory.path + "/missing", buffer, 0));
+  EXPECT_FALSE(sysfs.readSysfs(directory.path + "/missing", buffer, 4));
+  EXPECT_FALSE(sysfs.readSysfs(file, buffer, -1));
+  EXPECT_EQ(buffer[0], '#') << "left alone";
+}
+
+TEST(SysfsFiles, WriterWritesExactlyTheData) {
+  const TemporaryDirectory directory;
+  SysfsUtil sysfs;
+  const std::string file = directory.file("a", "a longer text that was here before");
+  EXPECT_TRUE(sysfs.writeSysfs(file, "out", 0));
+  EXPECT_EQ(contentOf(file), "out");
+  EXPECT_TRUE(sysfs.writeSysfs(file, "%s%n", 0));
+  EXPECT_EQ(contentOf(file), "%s%n");
+  EXPECT_TRUE(sysfs.writeSysfs(file, "a\0bc", 3));
+  EXPECT_EQ(contentOf(file), std::string("a\0b", 3));
+
+  EXPECT_FALSE(sysfs.writeSysfs(file, "lost", -1));
+  EXPECT_EQ(contentOf(file), std::string("a\0b", 3)) << "nothing is opened, nothing truncated";
+  EXPECT_FALSE(sysfs.writeSysfs(directory.path + "/none/a", "x", 0));
+  EXPECT_FALSE(sysfs.writeSysfs(directory.path + "/none/a", "x", 1));
+
+  const std::string more(100000, 'x');  // more than any stream's buffer
+  EXPECT_FALSE(sysfs.writeSysfs("/dev/full", more.c_str(), static_cast<int>(more.size())));
+  EXPECT_FALSE(sysfs.writeSysfs("/dev/full", more.c_str(), 0));
+  EXPECT_TRUE(sysfs.writeSysfs("/dev/full", "x", 0)) << "an error at the close is not detected";
+}
+
+TEST(SysfsDirectories, ListsAndFindsEntries) {
+  const TemporaryDirectory directory;
+  SysfsUtil sysfs;
+  EXPECT_THAT(sysfs.ReadDirectory(directory.path), UnorderedElementsAre(".", ".."));
+  EXPECT_THAT(sysfs.ReadDirectory(directory.path + "/missing"), IsEmpty());
+  directory.file("gpiochip3/base", "");
+  directory.file("gpio/x", "");
+  EXPECT_THAT(sysfs.ReadDirectory(directory.path),
+              UnorderedElementsAre(".", "..", "gpio", "gpiochip3"));
+
+  EXPECT_EQ(sysfs.FindFile(directory.path, "gpio", true), directory.path + "/gpio");
+  EXPECT_EQ(sysfs.FindFile(directory.path, "gpiochip", true), "");
+  EXPECT_EQ(sysfs.FindFile(directory.path, "chip", false), directory.path + "/gpiochip3");
+  EXPECT_EQ(sysfs.FindFile(directory.path, "CHIP", false), "");
+  EXPECT_EQ(sysfs.FindFile(directory.path + "/", "gpio", true), directory.path + "//gpio");
+  EXPECT_EQ(sysfs.FindFile(directory.path, "x", true), "") << "subdirectories are not searched";
+  EXPECT_EQ(sysfs.FindFile(directory.path + "/missing", "", false), "");
+
+  // The first match in directory order, whatever that order is.
+  const std::vector<std::string> names = sysfs.ReadDirectory(directory.path);
+  const auto first = std::find_if(names.begin(), names.end(), [](const std::string& name) {
+    return name.find("gpio") != std::string::npos;
+  });
+  EXPECT_EQ(sysfs.FindFile(directory.path, "gpio", false), directory.path + "/" + *first);
+  EXPECT_EQ(sysfs.FindFile(directory.path, "", false), directory.path + "/" + names.front());
+}
+
+TEST(SysfsDirectories, FindsTheBaseOfAGpioChip) {
+  SysfsUtil sysfs;
+  const struct {
+    const char* content;
+    int base;
+  } cases[] = {{"504\n", 504}, {" +12x\n", 12}, {"abc\n", -1}, {"\n", -1}, {"-1\n", -1}, {"7", -1}};
+  for (const auto& test : cases) {
+    const TemporaryDirectory device;
+    device.file("gpiochip9/base", "9\n");  // beside "gpio", as some kernels have it
+    device.file("gpio/gpiochip504/database", test.content);
+    EXPECT_EQ(sysfs.FindGpioBase(device.path), test.base) << test.content;
+  }
+  const TemporaryDirectory device;
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no gpio";
+  device.file("gpio/other/base", "1\n");
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no gpiochip";
+  device.file("gpio/gpiochip1/label", "1\n");
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no base";
+  std::filesystem::create_symlink("nowhere", device.path + "/gpio/gpiochip1/base");
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "unreadable base";
+}
+
+TEST(GpioLines, EveryReadExportsTheLineAndMakesItAnInput) {
+  Instrument instrument("[gpio]\n167=high\n5=low");
+  SysfsUtil sysfs;
+  EXPECT_TRUE(sysfs.readGpioValue(167));
+  EXPECT_THAT(instrument.takeTrace(), ElementsAre("write /sys/class/gpio/export \"167\"",
+                                                  "write /sys/class/gpio/gpio167/direction \"in\"",
+                                                  "read /sys/class/gpio/gpio167/value \"1\\n\""));
+  bool success = false;
+  EXPECT_EQ(sysfs.readGpioValue("167", &success), "1");
+  EXPECT_TRUE(success);
+  EXPECT_EQ(instrument.takeTrace().front(), "write /sys/class/gpio/export \"167\": EBUSY")
+      << "the kernel's refusal is not a failure";
+  EXPECT_FALSE(sysfs.readGpioValue(5));
+  EXPECT_EQ(sysfs.readGpioValue("5", nullptr), "0");
+}
+
+TEST(GpioLines, EveryWriteExportsTheLineAndMakesItAnOutput) {
+  Instrument instrument("[gpio]\n5=high");
+  SysfsUtil sysfs;
+  const std::string value = "/sys/class/gpio/gpio5/value";
+  EXPECT_TRUE(sysfs.setGpioValue(5, true));
+  EXPECT_THAT(instrument.takeTrace(), ElementsAre("write /sys/class/gpio/export \"5\"",
+                                                  "write /sys/class/gpio/gpio5/direction \"out\"",
+                                                  "write /sys/class/gpio/gpio5/value \"1\""));
+  EXPECT_EQ(sysfs.readSysfs(value, nullptr, true), "1");
+  EXPECT_TRUE(sysfs.setGpioValue(5, false));
+  EXPECT_EQ(instrument.takeTrace().back(), "write /sys/class/gpio/gpio5/value \"0\"");
+  EXPECT_EQ(sysfs.readSysfs(value, nullptr, true), "0");
+
+  EXPECT_TRUE(sysfs.setGpioValue("5", "up")) << "the kernel's refusal is not detected";
+  EXPECT_EQ(instrument.takeTrace().back(), "write /sys/class/gpio/gpio5/value \"up\": EINVAL");
+
+  EXPECT_TRUE(sysfs.readGpioValue(5)) << "the level from outside, as the line is an input again";
+  EXPECT_EQ(sysfs.readSysfs("/sys/class/gpio/gpio5/direction", nullptr, true), "in");
+}
+
+TEST(GpioLines, StopAtTheFirstStepThatFails) {
+  const std::string lines = "[gpio]\n1=missing\n2=no-direction\n3=no-value\n";
+  const struct {
+    const char* line;
+    const char* faults;
+    std::size_t steps;
+    bool written;  // what a write reports
+  } cases[] = {{"1", "", 2, false},
+               {"2", "", 2, false},
+               {"-1", "", 2, false},
+               {"3", "", 3, false},
+               {"4", "[faults]\ngpio-export=on", 1, false}};
+  for (const auto& test : cases) {
+    Instrument instrument(lines + test.faults);
+    SysfsUtil sysfs;
+    bool success = true;
+    EXPECT_EQ(sysfs.readGpioValue(test.line, &success), "") << test.line;
+    EXPECT_FALSE(success) << test.line;
+    EXPECT_EQ(instrument.takeTrace().size(), test.steps) << test.line;
+    EXPECT_EQ(sysfs.readGpioValue(test.line, nullptr), "") << test.line;
+    EXPECT_FALSE(sysfs.readGpioValue(std::stoi(test.line))) << test.line;
+    instrument.takeTrace();
+    EXPECT_EQ(sysfs.setGpioValue(test.line, "1"), test.written) << test.line;
+    EXPECT_EQ(instrument.takeTrace().size(), test.steps) << test.line;
+  }
+}
+
+/// Records what is written instead of writing it.
+class RecordingSysfs : public SysfsUtil {
+ public:
+  bool writeSysfs(std::string path, char const* data, int length) override {
+    writes.push_back(path.append("=").append(data).append("/").append(std::to_string(length)));
+    return true;
+  }
+  std::string readSysfs(std::string path, bool* success, bool strip) override {
+    *success = true;
+    return path + (strip ? " stripped" : "");
+  }
+  std::vector<std::string> writes;
+};
+
+TEST(GpioLines, GoThroughTheVirtualOperations) {
+  RecordingSysfs sysfs;
+  bool success = false;
+  Sysfs& interface = sysfs;
+  EXPECT_EQ(interface.readGpioValue("7", &success), "/sys/class/gpio/gpio7/value stripped");
+  EXPECT_TRUE(sysfs.setGpioValue(-8, true));
+  EXPECT_TRUE(interface.exportGpio("9"));
+  EXPECT_THAT(sysfs.writes,
+              ElementsAre("/sys/class/gpio/export=7/0", "/sys/class/gpio/gpio7/direction=in/0",
+                          "/sys/class/gpio/export=-8/0", "/sys/class/gpio/gpio-8/direction=out/0",
+                          "/sys/class/gpio/gpio-8/value=1/0", "/sys/class/gpio/export=9/0"));
+}
+
+TEST(SysfsFiles, LeaveNoDescriptorOpen) {
+  Instrument instrument("[gpio]\n1=missing\n3=no-value");
+  SysfsUtil sysfs;
+  const TemporaryDirectory directory;
+  directory.file("gpio/gpiochip1/base", "1\n");
+  char buffer[8];
+  const std::size_t before = openFiles();
+  for (const char* line : {"1", "2", "3"}) {
+    sysfs.readGpioValue(line, nullptr);
+    sysfs.setGpioValue(line, "1");
+  }
+  EXPECT_EQ(sysfs.FindGpioBase(directory.path), 1);
+  sysfs.readSysfs(directory.path + "/gpio/gpiochip1/base", buffer, 8);
+  sysfs.writeSysfs("/dev/full", "x", 1);
+  EXPECT_EQ(openFiles(), before);
+}
+
+}  // namespace

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+/// Keeps the library's console lines out of the program's own output for as long as it exists.
+/// Register traces go to a trace file or nowhere; failure lines are collected for the report, and
+/// go to the trace file too.
+class LibraryOutput {
+ public:
+  /// @param traceFile  empty for none
+  /// Throws std::runtime_error when the file cannot be written.
+  explicit LibraryOutput(const std::string& traceFile);
+  ~LibraryOutput();
+  LibraryOutput(const LibraryOutput&) = delete;
+  LibraryOutput& operator=(const LibraryOutput&) = delete;
+
+  /// The program's own standard output.
+  std::ostream& own() { return ownOutput; }
+
+  /// The failure lines since the last call.
+  std::vector<std::string> takeMessages();
+
+ private:
+  std::ofstream trace;
+  std::ostringstream failures;
+  std::streambuf* standardOutput;
+  std::streambuf* standardError;
+  std::ostream ownOutput;
+};
