@@ -3,10 +3,16 @@
 #include <glib.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <regex>
 #include <sstream>
+
+#include "simulator/Pci.h"
 
 namespace simulator {
 
@@ -71,6 +77,94 @@ void setFault(Description& description, const std::string& key, const std::strin
   description.faults[name - faultNames] = value == "on";
 }
 
+std::uint32_t number(const std::string& value) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long result = std::strtoul(value.c_str(), &end, 0);
+  if (value.empty() || std::isdigit(static_cast<unsigned char>(value[0])) == 0 || *end != '\0' ||
+      errno != 0 || result > 0xFFFFFFFF) {
+    throw mustBe("a number from 0 to 0xffffffff", value);
+  }
+  return static_cast<std::uint32_t>(result);
+}
+
+/// Seconds with a fraction, as microseconds.
+std::int64_t duration(const std::string& value) {
+  static const std::regex seconds("[0-9]{1,6}([.][0-9]{1,6})?");
+  if (!std::regex_match(value, seconds)) {
+    throw mustBe("a time in seconds such as 2.5", value);
+  }
+  return std::llround(std::stod(value) * 1e6);
+}
+
+/// Which of two words the value is; true for the first.
+bool choice(const std::string& value, const char* first, const char* second) {
+  if (value != first && value != second) {
+    throw mustBe(std::string(first) + " or " + second, value);
+  }
+  return value == first;
+}
+
+void setPci(Description& description, const std::string& key, const std::string& value) {
+  if (key != "shim") {
+    throw unknownKey();
+  }
+  constexpr PciPlace modulePorts[] = {port1, port9, port7, port5};
+  const std::uint32_t module = number(value);
+  if (module >= std::size(modulePorts)) {
+    throw mustBe("a module number from 0 to 3", value);
+  }
+  pci::describeShim(description.pci, modulePorts[module]);
+}
+
+std::uint32_t registerOffset(const std::string& digits) {
+  const std::uint32_t offset = number("0x" + digits);
+  if (offset % 4 != 0 || offset >= sizeof PciDevice::config) {
+    throw std::runtime_error("not the offset of a 32-bit register, from 0 to ffc");
+  }
+  return offset;
+}
+
+void setPciDevice(PciDevice& device, const std::string& key, const std::string& value) {
+  static const std::regex perRegister("(register|stuck)-([0-9a-f]{1,3})");
+  std::smatch match;
+  if (std::regex_match(key, match, perRegister)) {
+    const std::uint32_t offset = registerOffset(match[2]);
+    if (match[1] == "register") {
+      pci::setRegister(device, offset, number(value));
+    } else {
+      const std::uint32_t mask = number(value);
+      std::memcpy(device.stuck + offset, &mask, sizeof mask);
+    }
+  } else if (key == "present") {
+    device.present = choice(value, "yes", "no");
+  } else if (key == "class") {
+    pci::setClassCode(device, number(value));
+  } else if (key == "readable") {
+    device.unreadable = !choice(value, "yes", "no");
+  } else if (key == "link") {
+    device.linkUp = choice(value, "up", "down");
+  } else if (key == "link-lost-after") {
+    device.linkLostAfter = duration(value);
+  } else if (key == "link-status") {
+    device.linkStatus = static_cast<std::uint16_t>(number(value));
+  } else if (key == "uncorrectable") {
+    device.uncorrectable = number(value);
+  } else if (key == "correctable") {
+    device.correctable = number(value);
+  } else if (key == "loopback") {
+    device.loopbackRefused = !choice(value, "ok", "refused");
+  } else if (key == "prbs") {
+    device.prbsOutOfSync = !choice(value, "sync", "no-sync");
+  } else if (key == "prbs-errors-after") {
+    device.prbsErrorsAfter = duration(value);
+  } else if (key == "prbs-errors-per-second") {
+    device.prbsErrorsPerSecond = number(value);
+  } else {
+    throw unknownKey();
+  }
+}
+
 /// A group of a description and how one of its keys is taken; throws the reason if it cannot be.
 struct Group {
   const char* name;
@@ -78,10 +172,8 @@ struct Group {
 };
 
 constexpr Group groups[] = {
-    {"board", setBoard},
-    {"gpio", setLine},
-    {"i2c", setI2cDevice},
-    {"faults", setFault},
+    {"board", setBoard}, {"gpio", setLine},    {"i2c", setI2cDevice},
+    {"pci", setPci},     {"faults", setFault},
 };
 
 struct Free {
@@ -94,20 +186,47 @@ struct Free {
 template <typename Object>
 using Owned = std::unique_ptr<Object, Free>;
 
+using Setter = std::function<void(const std::string& key, const std::string& value)>;
+
+/// How the keys of a group are taken; null for an unknown group.
+Setter setterFor(Description& description, const std::string& groupName) {
+  for (const Group& group : groups) {
+    if (groupName == group.name) {
+      return [&](const std::string& key, const std::string& value) {
+        group.set(description, key, value);
+      };
+    }
+  }
+  for (unsigned place = 0; place < pciPlaceCount; ++place) {
+    if (groupName == std::string("pci ") + pciPlaceNames[place]) {
+      PciDevice& device = description.pci[place];
+      return [&device](const std::string& key, const std::string& value) {
+        if (!device.present) {
+          throw std::runtime_error("no such device; describe [pci] and its shim first");
+        }
+        setPciDevice(device, key, value);
+      };
+    }
+  }
+  return nullptr;
+}
+
 void readGroup(Description& description, GKeyFile* file, const std::string& fileName,
                const char* groupName) {
-  const auto* group = std::find_if(std::begin(groups), std::end(groups), [&](const Group& known) {
-    return known.name == std::string(groupName);
-  });
   const std::string place = fileName + ": [" + groupName + "]";
-  if (group == std::end(groups)) {
+  if (groupName == std::string("pci")) {
+    description.pciSystem = true;
+    pci::describeFabric(description.pci);
+  }
+  const Setter set = setterFor(description, groupName);
+  if (set == nullptr) {
     throw DescriptionError(place + ": unknown group");
   }
   const Owned<char*> keys(g_key_file_get_keys(file, groupName, nullptr, nullptr));
   for (char** key = keys.get(); *key != nullptr; ++key) {
     const Owned<char> value(g_key_file_get_value(file, groupName, *key, nullptr));
     try {
-      group->set(description, *key, value.get());
+      set(*key, value.get());
     } catch (const std::runtime_error& reason) {
       throw DescriptionError(place + " " + *key + ": " + reason.what());
     }

@@ -13,6 +13,9 @@ struct Description {
   GpioLine lines[gpioLineCount] = {};
   bool faults[faultCount] = {};
 
+  PciDevice pci[pciPlaceCount] = {};
+  bool pciSystem = false;  ///< there is a PCI bus at all
+
   /// I2C devices with a driver: the attribute "name" by "<bus>-<address>", such as "0-0074".
   std::map<std::string, std::string> i2cDevices;
 };

@@ -200,8 +200,17 @@ int streamFlags(const char* mode) {
   return std::strchr(mode, 'e') != nullptr ? flags | O_CLOEXEC : flags;
 }
 
+/// libpciaccess opens this file at each initialisation and never closes it.
+bool isLeaked(const char* name) {
+  return attached() && name != nullptr && std::strcmp(name, "/proc/mtrr") == 0;
+}
+
 template <typename Open>
 int openFile(const char* name, int flags, Open real) {
+  if (isLeaked(name)) {
+    errno = ENOENT;
+    return -1;
+  }
   const std::optional<SysfsPath> path = sysfsPath(name);
   if (!path || (flags & O_DIRECTORY) != 0) {
     return real();

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/pci_regs.h>
 #include <sys/file.h>
 #include <umockdev.h>
 #include <unistd.h>
@@ -11,7 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
+#include <sstream>
 #include <system_error>
 
 namespace simulator {
@@ -73,6 +74,47 @@ void createI2cDevices(UMockdevTestbed* testbed, const Description& description) 
   }
 }
 
+std::string hexText(std::uint32_t number) {
+  std::ostringstream text;
+  text << "0x" << std::hex << number << "\n";  // libpciaccess wants the line end
+  return text.str();
+}
+
+/// What libpciaccess reads when it discovers a device.
+void createPciDevice(const fs::path& root, const PciDevice& device) {
+  char name[32];
+  std::snprintf(name, sizeof name, "0000:%02x:%02x.0", device.bus, device.device);
+  const fs::path directory = root / "sys/bus/pci/devices" / name;
+  const auto* const config = reinterpret_cast<const char*>(device.config);
+  const auto word = [&](std::size_t offset) {
+    std::uint16_t value = 0;
+    std::memcpy(&value, device.config + offset, sizeof value);
+    return value;
+  };
+  createFile(directory / "config", std::string(config, sizeof device.config));
+  createFile(directory / "vendor", hexText(word(PCI_VENDOR_ID)));
+  createFile(directory / "device", hexText(word(PCI_DEVICE_ID)));
+  createFile(directory / "class",
+             hexText(std::uint32_t{word(PCI_CLASS_DEVICE)} << 8 | device.config[PCI_CLASS_PROG]));
+  createFile(directory / "revision", hexText(device.config[PCI_REVISION_ID]));
+  createFile(directory / "subsystem_vendor", hexText(0));
+  createFile(directory / "subsystem_device", hexText(0));
+  createFile(directory / "irq", "0\n");
+  createFile(directory / "resource", "");
+}
+
+void createPciDevices(const fs::path& root, const Description& description) {
+  if (!description.pciSystem) {
+    return;
+  }
+  fs::create_directories(root / "sys/bus/pci/devices");
+  for (const PciDevice& device : description.pci) {
+    if (device.present) {
+      createPciDevice(root, device);
+    }
+  }
+}
+
 void initialise(State& state, const std::string& root, const std::string& traceFile,
                 const Description& description, bool fast) {
   pthread_mutexattr_t attributes;
@@ -84,8 +126,10 @@ void initialise(State& state, const std::string& root, const std::string& traceF
   root.copy(state.root, sizeof state.root - 1);
   traceFile.copy(state.trace, sizeof state.trace - 1);
   state.fast = fast;
+  state.started = hostTime();
   std::copy(std::begin(description.lines), std::end(description.lines), state.lines);
   std::copy(std::begin(description.faults), std::end(description.faults), state.faults);
+  std::copy(std::begin(description.pci), std::end(description.pci), state.pci);
 }
 
 std::string ownLibrary() {
@@ -120,6 +164,7 @@ SimulatedInstrument::SimulatedInstrument(const Description& description, const O
     lock = createLock(root);
     createGpioClass(root);
     createI2cDevices(testbed, description);
+    createPciDevices(root, description);
     const std::string stateFile = root + "/state";
     createFile(stateFile, std::string(sizeof(State), '\0'));
     attach(stateFile.c_str());
@@ -151,7 +196,7 @@ std::vector<std::string> SimulatedInstrument::takeTrace() {
   return lines;
 }
 
-std::int64_t SimulatedInstrument::milliseconds() const { return now() / 1000; }
+std::int64_t SimulatedInstrument::milliseconds() const { return now(*Locked()) / 1000; }
 
 void SimulatedInstrument::setProgramEnvironment() const {
   std::string preload = sanitizerLibrary() + ownLibrary() + ":libumockdev-preload.so.0";

@@ -71,13 +71,15 @@ Locked::~Locked() { pthread_mutex_unlock(&shared->mutex); }
 
 State* Locked::operator->() const { return shared; }
 
+State& Locked::operator*() const { return *shared; }
+
 bool faultIsOn(Fault fault) { return attached() && Locked()->faults[fault]; }
 
-std::int64_t now() {
-  const Locked state;
-  if (state->fast) {
-    return state->slept;
-  }
+std::int64_t now(const State& state) {
+  return state.fast ? state.slept : hostTime() - state.started;
+}
+
+std::int64_t hostTime() {
   timespec time{};
   clock_gettime(CLOCK_MONOTONIC, &time);
   return std::int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;

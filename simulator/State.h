@@ -30,6 +30,48 @@ struct GpioLine {
 
 constexpr int gpioLineCount = 256;
 
+/// A device of the PCI Express fabric, function 0 in domain 0.
+struct PciDevice {
+  bool present;
+  bool unreadable;  ///< every access to its configuration space fails
+  std::uint8_t bus;
+  std::uint8_t device;
+
+  // Link and errors. Times are microseconds, negative for never.
+  bool linkUp;
+  std::int64_t linkLostAfter;  ///< from the start of the instrument
+  std::uint16_t linkStatus;    ///< Link Status register while the link is up
+  std::int64_t trainingUntil;
+  std::uint32_t uncorrectable;  ///< error status that latches again whenever it is cleared
+  std::uint32_t correctable;
+
+  // Self-test of a downstream port.
+  bool loopbackRefused;  ///< its switch does not become loopback master
+  bool prbsOutOfSync;
+  std::int64_t prbsErrorsAfter;  ///< from when PRBS is switched on
+  std::uint32_t prbsErrorsPerSecond;
+  std::int64_t prbsSince;
+
+  std::uint8_t config[4096];
+  std::uint8_t stuck[4096];  ///< bits that no write changes
+};
+
+enum PciPlace : unsigned {
+  rootPort,
+  switchUpstream,
+  port1,
+  port5,
+  port7,
+  port9,
+  shimUpstream,
+  shimPort1,
+  shimPort5,
+  pciPlaceCount
+};
+
+constexpr const char* pciPlaceNames[pciPlaceCount] = {
+    "root", "switch", "port1", "port5", "port7", "port9", "shim", "shim-port1", "shim-port5"};
+
 /// Faults that a description switches on by name.
 enum Fault : unsigned { udevContext, udevEnumeration, gpioExport, faultCount };
 
@@ -40,9 +82,11 @@ struct State {
   char root[PATH_MAX];   ///< umockdev's directory; the simulated /sys is below it
   char trace[PATH_MAX];  ///< file that receives the trace; empty for none
   bool fast;             ///< sleeps advance the clock instead of sleeping
+  std::int64_t started;  ///< host's clock when the instrument started, microseconds
   std::int64_t slept;    ///< clock in fast mode, microseconds
   bool faults[faultCount];
   GpioLine lines[gpioLineCount];
+  PciDevice pci[pciPlaceCount];
 };
 
 /// The environment variable that names the state file to the programs that run on the instrument.
@@ -73,13 +117,18 @@ class Locked {
   Locked(const Locked&) = delete;
   Locked& operator=(const Locked&) = delete;
   State* operator->() const;
+  State& operator*() const;
 };
 
 /// Whether a fault is switched on; false without an instrument.
 bool faultIsOn(Fault fault);
 
-/// Time on the instrument's clock, microseconds.
-std::int64_t now();
+/// Time since the instrument started, microseconds, on the host's clock or, in fast mode, on the
+/// instrument's own.
+std::int64_t now(const State& state);
+
+/// The host's clock, microseconds.
+std::int64_t hostTime();
 
 /// Appends a line to the trace. What happens inside a call that is itself in the trace, such as
 /// libudev's own reading of /sys, is left out: see Nested.

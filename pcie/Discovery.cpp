@@ -1,0 +1,66 @@
+#include <pciaccess.h>
+
+#include "pcie/Console.h"
+#include "pcie/ErrorReporting.h"
+#include "pcie/Ports.h"
+
+namespace {
+
+constexpr int rootBus = 0;
+constexpr int switchBus = 1;
+
+/// Returns whether the root port and the switch's upstream port were found.
+bool discoverMainSwitch(PCIeDiagnostics& diagnostics) {
+  for (DeviceIds& ids : diagnostics.downstreamIds) {
+    ids = {};
+  }
+  // libpciaccess crashes on look-ups without an initialised system.
+  diagnostics.pciSystemReady = pci_system_init() == 0;
+  if (!diagnostics.pciSystemReady) {
+    return false;
+  }
+  diagnostics.rootPort = findDevice(rootBus, 0);
+  diagnostics.rootPortFound = diagnostics.rootPort != nullptr;
+  if (!diagnostics.rootPortFound) {
+    return false;
+  }
+  diagnostics.rootPortIds = idsOf(diagnostics.rootPort);
+
+  diagnostics.switchUpstreamPort = findDevice(switchBus, 0);
+  diagnostics.switchUpstreamFound = diagnostics.switchUpstreamPort != nullptr;
+  if (!diagnostics.switchUpstreamFound) {
+    return false;
+  }
+  diagnostics.switchUpstreamIds = idsOf(diagnostics.switchUpstreamPort);
+
+  for (const PCIeDownstreamPorts port : mainPorts) {
+    pci_device* const device = findDevice(mainPortBus, deviceNumbers[port]);
+    diagnostics.downstreamPorts[port] = device;
+    if (device == nullptr) {
+      printLine(std::cerr, "could not enumerate module: " + std::to_string(port));
+    } else {
+      diagnostics.downstreamIds[port] = idsOf(device);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+PCIeDiagnostics::PCIeDiagnostics() { setupAdvancedErrorReportingOnRootSwitch(); }
+
+PCIeDiagnostics::~PCIeDiagnostics() = default;
+
+int PCIeDiagnostics::setupAdvancedErrorReportingOnRootSwitch() {
+  if (!discoverMainSwitch(*this)) {
+    return 0;
+  }
+  enableRootErrorReporting(rootPort);
+  enableBridgeErrorReporting(switchUpstreamPort);
+  for (const PCIeDownstreamPorts port : mainPorts) {
+    if (downstreamPorts[port] != nullptr) {
+      enableBridgeErrorReporting(downstreamPorts[port]);
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,66 @@
+#include <unistd.h>
+
+#include "pcie/Console.h"
+#include "pcie/Ports.h"
+#include "pcie/Registers.h"
+
+namespace {
+
+constexpr std::uint32_t loopbackMasterBits[] = {0x00000001, 0x00010000, 0x00001000,
+                                                0x00000100, 0x00000001, 0x00000100};
+
+constexpr useconds_t settleTime = 1000;  // microseconds
+
+}  // namespace
+
+bool PCIeDiagnostics::setLoopbackMasterControl(PCIeDownstreamPorts port, bool enable) {
+  const std::uint32_t enableBit = portEntry(loopbackMasterBits, port);
+  const std::uint32_t statusBit = enableBit << loopbackStatusShift;
+  if (enable) {
+    setDevicePortBits(port, switchRegister::loopbackMaster, enableBit, keepAll);
+  } else {
+    clearDevicePortBits(port, switchRegister::loopbackMaster, enableBit);
+  }
+  usleep(settleTime);
+  // The status bit is active low.
+  return testDevicePortBits(port, switchRegister::loopbackMaster, statusBit) != enable;
+}
+
+void PCIeDiagnostics::setPRBSMode(PCIeDownstreamPorts port, bool enable) {
+  const std::uint32_t bits = enable ? portMask(PortMask::prbsEnable, port) : 0;
+  setDevicePortBits(port, switchRegister::prbsEnable, bits, ~prbsEnableBits);
+}
+
+void PCIeDiagnostics::configurePRBSDiagnosicRegister(PCIeDownstreamPorts port) {
+  setDevicePortBits(port, switchRegister::prbsDiagnostic, portMask(PortMask::prbsPortSelect, port),
+                    ~prbsPortSelect);
+}
+
+void PCIeDiagnostics::setupPRBSLoopbackTest(PCIeDownstreamPorts port) {
+  configurePRBSDiagnosicRegister(port);
+  usleep(settleTime);
+  if (!setLoopbackMasterControl(port, true)) {
+    printLine(std::cerr, "couldn't set up looback master control");
+  }
+  usleep(settleTime);
+  setPRBSMode(port, false);
+  usleep(settleTime);
+  setPRBSMode(port, true);
+}
+
+void PCIeDiagnostics::tearDownPRBSLoopbackTest(PCIeDownstreamPorts port) {
+  setLoopbackMasterControl(port, false);
+  setPRBSMode(port, false);
+}
+
+bool PCIeDiagnostics::checkForPRBSSync(PCIeDownstreamPorts port) {
+  return testDevicePortBits(port, switchRegister::analogLoopbackAndPrbsSync,
+                            portMask(PortMask::prbsSync, port));
+}
+
+unsigned int PCIeDiagnostics::readPRBSErrorCounter(PCIeDownstreamPorts port) {
+  if (!testDevicePortBits(port, switchRegister::prbsDiagnostic, prbsCounterValid)) {
+    return 0;
+  }
+  return getDevicePortBits(port, switchRegister::prbsDiagnostic, prbsCounter, prbsCounterShift);
+}

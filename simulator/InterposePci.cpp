@@ -1,0 +1,195 @@
+// libpciaccess: discovery is its own, over the simulated tree. Configuration space is the fabric's
+// register model: these functions never call the library's own, so that no access can reach a
+// device of the host.
+
+#include <pciaccess.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "simulator/Next.h"
+#include "simulator/Pci.h"
+#include "simulator/State.h"
+
+namespace simulator {
+
+namespace {
+
+std::string addressOf(std::uint32_t domain, std::uint32_t bus, std::uint32_t device,
+                      std::uint32_t function) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%04x:%02x:%02x.%x", domain, bus, device, function);
+  return text;
+}
+
+std::string addressOf(const pci_device& device) {
+  return addressOf(device.domain, device.bus, device.dev, device.func);
+}
+
+std::string hex(std::uint32_t number) {
+  char text[12];
+  std::snprintf(text, sizeof text, "%x", number);
+  return text;
+}
+
+std::string accessText(const char* name, const pci_device& device, std::uint32_t offset,
+                       std::uint32_t size) {
+  return std::string("pci ") + name + std::to_string(size * 8) + " " + addressOf(device) + " " +
+         hex(offset);
+}
+
+int readConfig(const pci_device& device, std::uint32_t offset, std::uint32_t size,
+               std::uint32_t& value) {
+  requireInstrument("PCI configuration space");
+  int error = ENODEV;
+  {
+    const Locked state;
+    PciDevice* const found = pci::find(*state, device.bus, device.dev);
+    if (found != nullptr) {
+      error = pci::read(*state, *found, offset, size, value);
+    }
+  }
+  const std::string text = accessText("read", device, offset, size);
+  traceResult(error == 0 ? text + " " + hex(value) : text, error);
+  return error;
+}
+
+int writeConfig(const pci_device& device, std::uint32_t offset, std::uint32_t size,
+                std::uint32_t value) {
+  requireInstrument("PCI configuration space");
+  int error = ENODEV;
+  {
+    const Locked state;
+    PciDevice* const found = pci::find(*state, device.bus, device.dev);
+    if (found != nullptr) {
+      error = pci::write(*state, *found, offset, size, value);
+    }
+  }
+  traceResult(accessText("write", device, offset, size) + " " + hex(value), error);
+  return error;
+}
+
+template <typename Value>
+int readValue(const pci_device* device, Value* value, pciaddr_t offset) {
+  std::uint32_t read = 0;
+  const int error = readConfig(*device, static_cast<std::uint32_t>(offset), sizeof *value, read);
+  if (error == 0) {
+    *value = static_cast<Value>(read);
+  }
+  return error;
+}
+
+template <typename Value>
+int writeValue(const pci_device* device, Value value, pciaddr_t offset) {
+  return writeConfig(*device, static_cast<std::uint32_t>(offset), sizeof value, value);
+}
+
+}  // namespace
+
+}  // namespace simulator
+
+using simulator::Nested;
+using simulator::next;
+
+extern "C" {
+
+int pci_system_init() {
+  static const auto real = next(&pci_system_init, "pci_system_init");
+  simulator::requireInstrument("the PCI system");
+  int error = 0;
+  {
+    const Nested nested;
+    error = real();
+  }
+  simulator::traceResult("pci_system_init", error);
+  return error;
+}
+
+pci_device* pci_device_find_by_slot(std::uint32_t domain, std::uint32_t bus, std::uint32_t device,
+                                    std::uint32_t function) {
+  static const auto real = next(&pci_device_find_by_slot, "pci_device_find_by_slot");
+  pci_device* const found = real(domain, bus, device, function);
+  simulator::traceResult("pci find " + simulator::addressOf(domain, bus, device, function),
+                         found == nullptr ? ENODEV : 0);
+  return found;
+}
+
+int pci_device_get_bridge_buses(pci_device* device, int* primary, int* secondary,
+                                int* subordinate) {
+  static const auto real = next(&pci_device_get_bridge_buses, "pci_device_get_bridge_buses");
+  int error = 0;
+  {
+    const Nested nested;
+    error = real(device, primary, secondary, subordinate);
+  }
+  simulator::traceResult("pci buses " + simulator::addressOf(*device), error);
+  return error;
+}
+
+pci_device* pci_device_get_parent_bridge(pci_device* device) {
+  static const auto real = next(&pci_device_get_parent_bridge, "pci_device_get_parent_bridge");
+  const Nested nested;
+  return real(device);
+}
+
+int pci_device_cfg_read_u8(pci_device* device, std::uint8_t* value, pciaddr_t offset) {
+  return simulator::readValue(device, value, offset);
+}
+
+int pci_device_cfg_read_u16(pci_device* device, std::uint16_t* value, pciaddr_t offset) {
+  return simulator::readValue(device, value, offset);
+}
+
+int pci_device_cfg_read_u32(pci_device* device, std::uint32_t* value, pciaddr_t offset) {
+  return simulator::readValue(device, value, offset);
+}
+
+int pci_device_cfg_write_u8(pci_device* device, std::uint8_t value, pciaddr_t offset) {
+  return simulator::writeValue(device, value, offset);
+}
+
+int pci_device_cfg_write_u16(pci_device* device, std::uint16_t value, pciaddr_t offset) {
+  return simulator::writeValue(device, value, offset);
+}
+
+int pci_device_cfg_write_u32(pci_device* device, std::uint32_t value, pciaddr_t offset) {
+  return simulator::writeValue(device, value, offset);
+}
+
+int pci_device_cfg_write_bits(pci_device* device, std::uint32_t mask, std::uint32_t bits,
+                              pciaddr_t offset) {
+  std::uint32_t value = 0;
+  const int error = simulator::readValue(device, &value, offset);
+  return error != 0 ? error : simulator::writeValue(device, (value & ~mask) | bits, offset);
+}
+
+int pci_device_cfg_read(pci_device* device, void* data, pciaddr_t offset, pciaddr_t size,
+                        pciaddr_t* done) {
+  auto* const bytes = static_cast<std::uint8_t*>(data);
+  int error = 0;
+  pciaddr_t count = 0;
+  for (; count < size && error == 0; count += error == 0 ? 1 : 0) {
+    error = simulator::readValue(device, bytes + count, offset + count);
+  }
+  if (done != nullptr) {
+    *done = count;
+  }
+  return error;
+}
+
+int pci_device_cfg_write(pci_device* device, const void* data, pciaddr_t offset, pciaddr_t size,
+                         pciaddr_t* done) {
+  const auto* const bytes = static_cast<const std::uint8_t*>(data);
+  int error = 0;
+  pciaddr_t count = 0;
+  for (; count < size && error == 0; count += error == 0 ? 1 : 0) {
+    error = simulator::writeValue(device, bytes[count], offset + count);
+  }
+  if (done != nullptr) {
+    *done = count;
+  }
+  return error;
+}
+
+}  // extern "C"
