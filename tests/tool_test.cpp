@@ -69,4 +69,84 @@ TEST(TalveroBist, ExitsWith2WithoutHardwareOrForAWrongCall) {
   EXPECT_THAT(bist("mmb", "--help").output, HasSubstr("Exit status: 0"));
 }
 
+TEST(TalveroBist, JudgesPciePorts) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("x.conf", R"([pci]
+shim=1
+[pci port1]
+present=no
+[pci port5]
+prbs=no-sync
+uncorrectable=0x100010
+[pci port7]
+link-lost-after=30
+[pci port9]
+prbs-errors-after=29
+prbs-errors-per-second=24
+[pci shim-port1]
+link=down
+)");
+  const struct {
+    const char* arguments;
+    const char* subject;
+    const char* result;
+    int status;
+  } cases[] = {{"link 0", "link", "port not found", 1},
+               {"link downstreamport5", "link", "link up", 0},
+               {"link 2 --seconds 29 --clear", "link", "link up", 0},
+               {"link 2 --seconds 31", "link", "link down", 1},
+               {"link 4 --module 1", "link", "link down", 1},
+               {"prbs DownstreamPort1 --seconds 5", "prbs", "port not found", 1},
+               {"prbs 1 --seconds 60", "prbs", "no sync", 1},
+               {"prbs 2 --seconds 60", "prbs", "link lost", 1},
+               {"prbs 2 --seconds 20", "prbs", "no errors in 20 s", 0},
+               {"prbs 3 --seconds 60", "prbs", "12 errors in 60 s", 1},
+               {"prbs ShimPort5 --module 1 --seconds 60", "prbs", "no errors in 60 s", 0}};
+  for (const auto& test : cases) {
+    const Outcome outcome = bist(file, test.arguments + std::string(" --json"));
+    const json result = json::parse(outcome.output);
+    EXPECT_EQ(result[test.subject]["result"], test.result) << test.arguments;
+    EXPECT_EQ(outcome.status, test.status) << test.arguments;
+    EXPECT_EQ(result["messages"][0], "could not enumerate module: 0");
+  }
+  const json errors = json::parse(bist(file, "errors 1 --seconds 2 --json").output)["errors"];
+  EXPECT_EQ(errors["decoded"]["portUncorrectableStatus"], "Data Link, Unsupported Request");
+  EXPECT_EQ(errors["decoded"]["portCorrectableStatus"], "None");
+  EXPECT_EQ(errors["record"]["portUncorrectableStatus"], 0x100010);
+  EXPECT_EQ(errors["record"]["portIds"], "7a1e:1003");
+  EXPECT_EQ(bist(file, "errors 1").status, 1);
+  EXPECT_EQ(bist(file, "errors 3").status, 0);
+
+  const json report = json::parse(bist(file, "report --json").output);
+  EXPECT_EQ(report["pcie"].size(), 4);
+  EXPECT_EQ(report["failures"].size(), 3) << report["failures"];
+  EXPECT_EQ(json::parse(bist("mmb", "link 0 --json").output)["link"]["result"], "no PCI system");
+}
+
+TEST(TalveroBist, SetsUpTheShimSwitchAndTheTransmitter) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("x.conf", "[pci]\nshim=3\n[pci switch]\nstuck-b98=0x8\n");
+  const Outcome shim = bist(file, "shim 3");
+  EXPECT_EQ(shim.status, 0);
+  EXPECT_THAT(shim.output, HasSubstr("Module Downstream: 5"));
+  EXPECT_THAT(bist(file, "shim 1").output, HasSubstr("| Could not find device: 15"));
+  const struct {
+    const char* setting;
+    int status;
+  } cases[] = {{"--drive-level 7", 0},           {"--drive-level 8", 1}, {"--post-cursor 15", 0},
+               {"--post-cursor 16", 2},          {"--quiet on", 0},      {"--quiet off", 0},
+               {"--analog-loopback on", 0},      {"--quiet up", 2},      {"", 2},
+               {"--quiet on --post-cursor 1", 2}};
+  for (const auto& test : cases) {
+    EXPECT_EQ(bist(file, std::string("tx 3 ") + test.setting).status, test.status) << test.setting;
+  }
+  EXPECT_EQ(bist(file, "tx 4 --quiet on").status, 2) << "no module given";
+  EXPECT_EQ(bist(file, "tx 6 --quiet on").status, 2);
+  EXPECT_EQ(bist(file, "shim 4").status, 2);
+
+  const std::string trace = directory.path + "/trace";
+  EXPECT_EQ(bist(file, "tx 1 --drive-level 5 --trace " + trace).status, 0);
+  EXPECT_EQ(contentOf(trace), "port: 1\naddress: b98\nwrite: 5\n");
+}
+
 }  // namespace

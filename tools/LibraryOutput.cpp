@@ -2,17 +2,17 @@
 
 #include <stdexcept>
 
-LibraryOutput::LibraryOutput(const std::string& traceFile)
+LibraryOutput::LibraryOutput(const std::string& traceFileName)
     : standardOutput(std::cout.rdbuf()),
       standardError(std::cerr.rdbuf()),
       ownOutput(standardOutput) {
-  if (!traceFile.empty()) {
-    trace.open(traceFile);
-    if (!trace) {
-      throw std::runtime_error(traceFile + ": cannot be written");
+  if (!traceFileName.empty()) {
+    traceFile.open(traceFileName);
+    if (!traceFile) {
+      throw std::runtime_error(traceFileName + ": cannot be written");
     }
   }
-  std::cout.rdbuf(trace.rdbuf());  // which takes nothing when no file is open
+  std::cout.rdbuf(traces.rdbuf());
   std::cerr.rdbuf(failures.rdbuf());
 }
 
@@ -21,12 +21,13 @@ LibraryOutput::~LibraryOutput() {
   std::cerr.rdbuf(standardError);
 }
 
-std::vector<std::string> LibraryOutput::takeMessages() {
-  std::istringstream text(failures.str());
+std::vector<std::string> LibraryOutput::takeMessages(bool withTrace) {
+  std::istringstream text((withTrace ? traces.str() : "") + failures.str());
+  traceFile << traces.str() << failures.str() << std::flush;
+  traces.str("");
   failures.str("");
   std::vector<std::string> messages;
   for (std::string line; std::getline(text, line);) {
-    trace << line << "\n";
     messages.push_back(line);
   }
   return messages;

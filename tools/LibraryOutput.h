@@ -11,9 +11,9 @@
 /// go to the trace file too.
 class LibraryOutput {
  public:
-  /// @param traceFile  empty for none
+  /// @param traceFileName  empty for none
   /// Throws std::runtime_error when the file cannot be written.
-  explicit LibraryOutput(const std::string& traceFile);
+  explicit LibraryOutput(const std::string& traceFileName);
   ~LibraryOutput();
   LibraryOutput(const LibraryOutput&) = delete;
   LibraryOutput& operator=(const LibraryOutput&) = delete;
@@ -21,11 +21,12 @@ class LibraryOutput {
   /// The program's own standard output.
   std::ostream& own() { return ownOutput; }
 
-  /// The failure lines since the last call.
-  std::vector<std::string> takeMessages();
+  /// The failure lines since the last call, after the register traces if those are wanted.
+  std::vector<std::string> takeMessages(bool withTrace);
 
  private:
-  std::ofstream trace;
+  std::ofstream traceFile;
+  std::ostringstream traces;
   std::ostringstream failures;
   std::streambuf* standardOutput;
   std::streambuf* standardError;

@@ -28,6 +28,7 @@ struct Section {
   std::vector<Line> lines;
   Json data;
   std::vector<std::string> messages;  ///< failure lines that the library wrote meanwhile
+  bool showTrace = false;             ///< its other lines are of interest too
 };
 
 bool passed(const std::vector<Section>& sections);

@@ -31,10 +31,134 @@ int execute(const Commands& commands, bool json, const std::string& traceFile) {
   std::vector<Section> sections;
   for (const auto& command : commands) {
     sections.push_back(command());
-    sections.back().messages = output.takeMessages();
+    sections.back().messages = output.takeMessages(sections.back().showTrace);
   }
   (json ? report::printJson : report::printText)(output.own(), sections);
   return report::passed(sections) ? pass : fail;
+}
+
+/// The arguments of all commands; each command uses its own.
+struct Arguments {
+  bool json = false;
+  std::string traceFile;
+  PortChoice choice;
+  unsigned int seconds = 0;
+  bool clear = false;
+  unsigned int module = 0;
+  unsigned int level = 0;
+  bool on = false;
+  Commands commands;
+};
+
+std::vector<std::pair<std::string, PCIeDownstreamPorts>> portNamesAndNumbers() {
+  std::vector<std::pair<std::string, PCIeDownstreamPorts>> names;
+  for (unsigned int number = 0; number <= ShimPort5; ++number) {
+    const auto port = static_cast<PCIeDownstreamPorts>(number);
+    names.emplace_back(std::to_string(number), port);
+    names.emplace_back(portName(port), port);
+  }
+  return names;
+}
+
+void addPort(CLI::App& command, Arguments& arguments) {
+  command
+      .add_option("PORT", arguments.choice.port,
+                  "0 to 5, or DownstreamPort1, DownstreamPort5, DownstreamPort7, DownstreamPort9, "
+                  "ShimPort1, ShimPort5")
+      ->required()
+      ->transform(CLI::Transformer(portNamesAndNumbers(), CLI::ignore_case))
+      ->check(CLI::Range(0, 5))
+      ->option_text(" ");
+  command
+      .add_option("--module", arguments.choice.shimModule,
+                  "module, 0 to 3, whose shim switch has the port; needed for ports 4 and 5")
+      ->check(CLI::Range(0, 3))
+      ->option_text("MODULE");
+}
+
+void addSeconds(CLI::App& command, Arguments& arguments, const char* help) {
+  command.add_option("--seconds", arguments.seconds, help)
+      ->check(CLI::Range(0, 86400))
+      ->option_text("N");
+}
+
+/// Makes a command out of a function that tests a port.
+void onPort(CLI::App& command, Arguments& arguments, const std::function<Section()>& test) {
+  command.callback([&command, &arguments, test] {
+    if (arguments.choice.port >= ShimPort1 && command.count("--module") == 0) {
+      throw CLI::ValidationError("ports 4 and 5 are on a module's shim switch: give --module");
+    }
+    arguments.commands = {test};
+  });
+}
+
+void addLinkCommands(CLI::App& app, Arguments& arguments) {
+  CLI::App& link = *app.add_subcommand("link", "say whether a PCIe port's link is up");
+  addPort(link, arguments);
+  addSeconds(link, arguments, "watch the link for so long, 0 to 86400");
+  link.add_flag("--clear", arguments.clear, "clear latched errors first");
+  onPort(link, arguments, [&arguments] {
+    return linkSection(arguments.choice, arguments.seconds, arguments.clear);
+  });
+
+  CLI::App& errors = *app.add_subcommand("errors", "name the errors that a PCIe port latches");
+  addPort(errors, arguments);
+  addSeconds(errors, arguments, "collect them for so long, 0 to 86400");
+  onPort(errors, arguments,
+         [&arguments] { return errorsSection(arguments.choice, arguments.seconds); });
+
+  CLI::App& prbs = *app.add_subcommand("prbs", "run the PRBS loopback test on a PCIe port");
+  addPort(prbs, arguments);
+  addSeconds(prbs, arguments, "how long, 0 to 86400");
+  prbs.get_option("--seconds")->required();
+  onPort(prbs, arguments,
+         [&arguments] { return prbsSection(arguments.choice, arguments.seconds); });
+
+  CLI::App& shim = *app.add_subcommand("shim", "find and set up the shim switch of a module");
+  shim.add_option("MODULE", arguments.module, "0 to 3")
+      ->required()
+      ->check(CLI::Range(0, 3))
+      ->option_text(" ");
+  shim.callback(
+      [&arguments] { arguments.commands = {[&] { return shimSection(arguments.module); }}; });
+}
+
+void addTransmitterCommand(CLI::App& app, Arguments& arguments) {
+  CLI::App& tx = *app.add_subcommand("tx", "change one transmitter setting of a PCIe port");
+  addPort(tx, arguments);
+  CLI::Option_group& settings = *tx.add_option_group("Setting", "exactly one of");
+  settings.require_option(1);
+  const std::vector<std::pair<std::string, bool>> onOff = {{"on", true}, {"off", false}};
+  const struct {
+    const char* name;
+    const char* help;
+    TransmitterSetting setting;
+    bool isOnOff;
+  } options[] = {
+      {"--drive-level", "drive level", TransmitterSetting::driveLevel, false},
+      {"--post-cursor", "post-cursor emphasis", TransmitterSetting::postCursor, false},
+      {"--quiet", "quiet 5 GT/s transmit without loopback", TransmitterSetting::quiet, true},
+      {"--analog-loopback", "external analog loopback", TransmitterSetting::analogLoopback, true}};
+  for (const auto& option : options) {
+    if (option.isOnOff) {
+      settings.add_option(option.name, arguments.on, option.help)
+          ->transform(CLI::CheckedTransformer(onOff))
+          ->option_text("on|off");
+    } else {
+      settings.add_option(option.name, arguments.level, option.help)
+          ->check(CLI::Range(0, 15))
+          ->option_text("0..15");
+    }
+  }
+  onPort(tx, arguments, [&arguments, &settings, options] {
+    for (const auto& option : options) {
+      if (settings.count(option.name) > 0) {
+        return transmitterSection(arguments.choice, option.setting,
+                                  option.isOnOff ? arguments.on : arguments.level);
+      }
+    }
+    return Section{};
+  });
 }
 
 }  // namespace
@@ -45,25 +169,25 @@ int main(int argc, char** argv) {
       "on a simulated instrument: talvero-sim -- talvero-bist report",
       "talvero-bist");
   app.footer(
-      "Exit status: 0 everything passed, 1 something failed, 2 wrong call or no instrument.");
+      "Exit status: 0 everything passed, 1 something failed, 2 wrong call or no instrument.\n");
   app.set_version_flag("--version", TALVERO_VERSION);
   app.require_subcommand(1);
   app.fallthrough();
 
-  bool json = false;
-  std::string traceFile;
-  app.add_flag("--json", json, "print one JSON object instead of text");
-  app.add_option("--trace", traceFile, "write the library's register trace to this file");
-
-  Commands commands;
+  Arguments arguments;
+  app.add_flag("--json", arguments.json, "print one JSON object instead of text");
+  app.add_option("--trace", arguments.traceFile, "write the library's register trace to this file")
+      ->option_text("FILE");
   app.add_subcommand("report", "test everything and report it")->callback([&] {
-    commands = {boardSection};
+    arguments.commands = {boardSection, pcieSection};
   });
   app.add_subcommand("board", "say which board this is and which boards are attached to it")
-      ->callback([&] { commands = {boardSection}; });
+      ->callback([&] { arguments.commands = {boardSection}; });
+  addLinkCommands(app, arguments);
+  addTransmitterCommand(app, arguments);
   try {
     app.parse(argc, argv);
-    return execute(commands, json, traceFile);
+    return execute(arguments.commands, arguments.json, arguments.traceFile);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? pass : usageOrNoHardware;
   } catch (const std::exception& error) {
