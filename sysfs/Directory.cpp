@@ -16,6 +16,7 @@ std::vector<std::string> listDirectory(const std::string& path) {
   std::vector<std::string> names;
   const std::unique_ptr<DIR, CloseDirectory> directory(opendir(path.c_str()));
   if (directory != nullptr) {
+    names.reserve(32);  // most directories of sysfs hold fewer: no growing while they are read
     while (const dirent* entry = readdir(directory.get())) {
       names.emplace_back(entry->d_name);
     }

@@ -46,8 +46,8 @@ std::string SysfsUtil::readSysfs(std::string path, bool* success, bool stripLast
   if (!file.get().good()) {
     return "";
   }
-  std::ostringstream content;
-  content << file.get().rdbuf();
+  std::stringbuf content;
+  file.get() >> &content;
   std::string text = content.str();
   if (stripLastChar && !text.empty()) {
     text.pop_back();
