@@ -7,12 +7,12 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <regex>
 #include <sstream>
 
 #include "simulator/Pci.h"
+#include "simulator/Power.h"
 
 namespace simulator {
 
@@ -27,7 +27,8 @@ std::runtime_error mustBe(const std::string& expected, const std::string& value)
 
 std::runtime_error unknownKey() { return std::runtime_error("unknown key"); }
 
-void setBoard(Description& description, const std::string& key, const std::string& value) {
+void setBoard(Description& description, const std::string& /*instance*/, const std::string& key,
+              const std::string& value) {
   if (key != "straps") {
     throw unknownKey();
   }
@@ -39,7 +40,8 @@ void setBoard(Description& description, const std::string& key, const std::strin
   }
 }
 
-void setLine(Description& description, const std::string& key, const std::string& value) {
+void setLine(Description& description, const std::string& /*instance*/, const std::string& key,
+             const std::string& value) {
   static const std::regex number("[0-9]{1,9}");
   if (!std::regex_match(key, number) || std::stoi(key) >= gpioLineCount) {
     throw std::runtime_error("not a line number from 0 to " + std::to_string(gpioLineCount - 1));
@@ -58,15 +60,21 @@ void setLine(Description& description, const std::string& key, const std::string
   }
 }
 
-void setI2cDevice(Description& description, const std::string& key, const std::string& value) {
-  static const std::regex name("[0-9]{1,4}-[0-9a-f]{4}");
-  if (!std::regex_match(key, name)) {
-    throw std::runtime_error("not an I2C device such as 0-0074 (bus, address)");
+void checkI2cName(const std::string& name) {
+  static const std::regex pattern("[0-9]{1,4}-[0-9a-f]{4}");
+  if (!std::regex_match(name, pattern)) {
+    throw std::runtime_error("not an I2C device such as 0-0074 (bus, address): \"" + name + "\"");
   }
-  description.i2cDevices[key] = value;
 }
 
-void setFault(Description& description, const std::string& key, const std::string& value) {
+void setI2cDevice(Description& description, const std::string& /*instance*/, const std::string& key,
+                  const std::string& value) {
+  checkI2cName(key);
+  description.i2cDevices[key].name = value;
+}
+
+void setFault(Description& description, const std::string& /*instance*/, const std::string& key,
+              const std::string& value) {
   const auto* name = std::find(std::begin(faultNames), std::end(faultNames), key);
   if (name == std::end(faultNames)) {
     throw unknownKey();
@@ -105,7 +113,8 @@ bool choice(const std::string& value, const char* first, const char* second) {
   return value == first;
 }
 
-void setPci(Description& description, const std::string& key, const std::string& value) {
+void setPci(Description& description, const std::string& /*instance*/, const std::string& key,
+            const std::string& value) {
   if (key != "shim") {
     throw unknownKey();
   }
@@ -125,7 +134,28 @@ std::uint32_t registerOffset(const std::string& digits) {
   return offset;
 }
 
-void setPciDevice(PciDevice& device, const std::string& key, const std::string& value) {
+PciDevice& pciDevice(Description& description, const std::string& name) {
+  const auto* const place = std::find(std::begin(pciPlaceNames), std::end(pciPlaceNames), name);
+  if (place == std::end(pciPlaceNames)) {
+    throw std::runtime_error("unknown group");
+  }
+  return description.pci[place - pciPlaceNames];
+}
+
+void beginPci(Description& description, const std::string& /*instance*/) {
+  description.pciSystem = true;
+  pci::describeFabric(description.pci);
+}
+
+void beginPciDevice(Description& description, const std::string& instance) {
+  if (!pciDevice(description, instance).present) {
+    throw std::runtime_error("no such device; describe [pci] and its shim first");
+  }
+}
+
+void setPciDevice(Description& description, const std::string& instance, const std::string& key,
+                  const std::string& value) {
+  PciDevice& device = pciDevice(description, instance);
   static const std::regex perRegister("(register|stuck)-([0-9a-f]{1,3})");
   std::smatch match;
   if (std::regex_match(key, match, perRegister)) {
@@ -165,15 +195,113 @@ void setPciDevice(PciDevice& device, const std::string& key, const std::string& 
   }
 }
 
-/// A group of a description and how one of its keys is taken; throws the reason if it cannot be.
+void beginMux(Description& description, const std::string& instance) {
+  checkI2cName(instance);
+  description.i2cDevices[instance].name = "mux";
+}
+
+void setMux(Description& description, const std::string& instance, const std::string& key,
+            const std::string& value) {
+  static const std::regex bus("i2c-[0-9]{1,4}");
+  if (!std::regex_match(value, bus)) {
+    throw mustBe("a bus such as i2c-9", value);
+  }
+  description.i2cDevices[instance].channels[static_cast<int>(number(key))] = value;
+}
+
+void beginExpander(Description& description, const std::string& instance) {
+  checkI2cName(instance);
+  description.i2cDevices[instance].name = "pca9536";
+  description.i2cDevices[instance].gpio = Description::I2cDevice::Gpio::chip;
+}
+
+void setExpander(Description& description, const std::string& instance, const std::string& key,
+                 const std::string& value) {
+  if (key != "gpio") {
+    throw unknownKey();
+  }
+  using Gpio = Description::I2cDevice::Gpio;
+  const std::map<std::string, Gpio> states = {
+      {"chip", Gpio::chip}, {"empty", Gpio::emptyDirectory}, {"none", Gpio::none}};
+  const auto state = states.find(value);
+  if (state == states.end()) {
+    throw mustBe("chip, empty or none", value);
+  }
+  description.i2cDevices[instance].gpio = state->second;
+}
+
+void beginModule(Description& description, const std::string& instance) {
+  checkI2cName(instance);
+  description.i2cDevices[instance].name = "module";
+}
+
+void setModule(Description& description, const std::string& instance, const std::string& key,
+               const std::string& value) {
+  Description::I2cDevice& device = description.i2cDevices[instance];
+  if (key == "id" || key == "top" || key == "system" || key == "solution" || key == "2k4k") {
+    device.properties[key] = value;
+  } else if (key == "openable") {
+    device.openable = choice(value, "yes", "no");
+  } else {
+    throw unknownKey();
+  }
+}
+
+PowerSequence& powerSequence(Description& description, const std::string& instance) {
+  const std::uint32_t module = number(instance);
+  if (!power::hasLinks(module)) {
+    throw std::runtime_error("only modules 1, 2, 4 and 5 have power links");
+  }
+  return description.power[module];
+}
+
+void beginPower(Description& description, const std::string& instance) {
+  PowerSequence& power = powerSequence(description, instance);
+  power.present = true;
+  power.onDelay = power::defaultDelay;
+  power.offDelay = power::defaultDelay;
+}
+
+void setPower(Description& description, const std::string& instance, const std::string& key,
+              const std::string& value) {
+  PowerSequence& power = powerSequence(description, instance);
+  if (key == "initially") {
+    power.enabled = choice(value, "on", "off");
+    power.switchedAt = -power::longAgo;
+  } else if (key == "on-delay") {
+    power.onDelay = value == "never" ? -1 : duration(value);
+  } else if (key == "off-delay") {
+    power.offDelay = value == "never" ? -1 : duration(value);
+  } else if (key == "flicker") {
+    power.flickers = choice(value, "yes", "no");
+  } else if (key == "power-enable") {
+    power.enableMissing = choice(value, "missing", "present");
+  } else if (key == "sequence-done") {
+    power.doneMissing = choice(value, "missing", "present");
+  } else {
+    throw unknownKey();
+  }
+}
+
+/// A kind of group, how it begins, and how one of its keys is taken. Both throw the reason if they
+/// cannot. A group's name is its kind or, where it describes one of several, the kind, a blank and
+/// the instance.
 struct Group {
-  const char* name;
-  void (*set)(Description& description, const std::string& key, const std::string& value);
+  const char* kind;
+  bool hasInstance;
+  void (*begin)(Description& description, const std::string& instance);
+  void (*set)(Description& description, const std::string& instance, const std::string& key,
+              const std::string& value);
 };
 
+void beginNothing(Description& /*description*/, const std::string& /*instance*/) {}
+
 constexpr Group groups[] = {
-    {"board", setBoard}, {"gpio", setLine},    {"i2c", setI2cDevice},
-    {"pci", setPci},     {"faults", setFault},
+    {"board", false, beginNothing, setBoard},       {"gpio", false, beginNothing, setLine},
+    {"i2c", false, beginNothing, setI2cDevice},     {"mux", true, beginMux, setMux},
+    {"expander", true, beginExpander, setExpander}, {"module", true, beginModule, setModule},
+    {"power", true, beginPower, setPower},          {"pci", false, beginPci, setPci},
+    {"pci", true, beginPciDevice, setPciDevice},    {"faults", false, beginNothing, setFault},
 };
 
 struct Free {
@@ -186,50 +314,33 @@ struct Free {
 template <typename Object>
 using Owned = std::unique_ptr<Object, Free>;
 
-using Setter = std::function<void(const std::string& key, const std::string& value)>;
-
-/// How the keys of a group are taken; null for an unknown group.
-Setter setterFor(Description& description, const std::string& groupName) {
+const Group& groupOf(const std::string& kind, bool hasInstance) {
   for (const Group& group : groups) {
-    if (groupName == group.name) {
-      return [&](const std::string& key, const std::string& value) {
-        group.set(description, key, value);
-      };
+    if (kind == group.kind && hasInstance == group.hasInstance) {
+      return group;
     }
   }
-  for (unsigned place = 0; place < pciPlaceCount; ++place) {
-    if (groupName == std::string("pci ") + pciPlaceNames[place]) {
-      PciDevice& device = description.pci[place];
-      return [&device](const std::string& key, const std::string& value) {
-        if (!device.present) {
-          throw std::runtime_error("no such device; describe [pci] and its shim first");
-        }
-        setPciDevice(device, key, value);
-      };
-    }
-  }
-  return nullptr;
+  throw std::runtime_error("unknown group");
 }
 
 void readGroup(Description& description, GKeyFile* file, const std::string& fileName,
-               const char* groupName) {
-  const std::string place = fileName + ": [" + groupName + "]";
-  if (groupName == std::string("pci")) {
-    description.pciSystem = true;
-    pci::describeFabric(description.pci);
-  }
-  const Setter set = setterFor(description, groupName);
-  if (set == nullptr) {
-    throw DescriptionError(place + ": unknown group");
-  }
-  const Owned<char*> keys(g_key_file_get_keys(file, groupName, nullptr, nullptr));
-  for (char** key = keys.get(); *key != nullptr; ++key) {
-    const Owned<char> value(g_key_file_get_value(file, groupName, *key, nullptr));
-    try {
-      set(*key, value.get());
-    } catch (const std::runtime_error& reason) {
-      throw DescriptionError(place + " " + *key + ": " + reason.what());
+               const std::string& groupName) {
+  std::string place = fileName + ": [" + groupName + "]";
+  try {
+    const std::size_t blank = groupName.find(' ');
+    const bool hasInstance = blank != std::string::npos;
+    const std::string instance = hasInstance ? groupName.substr(blank + 1) : "";
+    const Group& group = groupOf(groupName.substr(0, blank), hasInstance);
+    group.begin(description, instance);
+    const Owned<char*> keys(g_key_file_get_keys(file, groupName.c_str(), nullptr, nullptr));
+    const std::string groupPlace = place;
+    for (char** key = keys.get(); *key != nullptr; ++key) {
+      place = groupPlace + " " + *key;
+      const Owned<char> value(g_key_file_get_value(file, groupName.c_str(), *key, nullptr));
+      group.set(description, instance, *key, value.get());
     }
+  } catch (const std::runtime_error& reason) {
+    throw DescriptionError(place + ": " + reason.what());
   }
 }
 

@@ -16,8 +16,19 @@ struct Description {
   PciDevice pci[pciPlaceCount] = {};
   bool pciSystem = false;  ///< there is a PCI bus at all
 
-  /// I2C devices with a driver: the attribute "name" by "<bus>-<address>", such as "0-0074".
-  std::map<std::string, std::string> i2cDevices;
+  PowerSequence power[moduleCount] = {};
+
+  /// An I2C device.
+  struct I2cDevice {
+    std::string name;                               ///< its attribute "name"
+    std::map<std::string, std::string> properties;  ///< of its device-tree node
+    std::map<int, std::string> channels;            ///< of a multiplexer: the bus behind each
+    enum class Gpio { none, emptyDirectory, chip } gpio = Gpio::none;
+    bool openable = true;  ///< libudev can open it
+  };
+
+  /// By "<bus>-<address>", such as "0-0074".
+  std::map<std::string, I2cDevice> i2cDevices;
 };
 
 /// A description that cannot be read. The text is one line with the file, group and key.

@@ -28,6 +28,7 @@
 
 #include "simulator/Gpio.h"
 #include "simulator/Next.h"
+#include "simulator/Power.h"
 #include "simulator/State.h"
 
 namespace simulator {
@@ -43,6 +44,7 @@ struct Behaviour {
 
 constexpr Behaviour behaviours[] = {
     {"/sys/class/gpio/", gpio::owns, gpio::open, gpio::store},
+    {"/sys/platform/", power::owns, power::open, power::store},
 };
 
 /// A path below /sys, and the behaviour of the attribute that it names, if it has one.

@@ -15,9 +15,14 @@ namespace simulator {
 namespace {
 
 constexpr std::int64_t second = 1000000;
+constexpr std::int64_t longestUninterrupted = 10000;
 
 std::int64_t microseconds(const timespec& time) {
   return std::int64_t{time.tv_sec} * second + time.tv_nsec / 1000;
+}
+
+timespec timespecOf(std::int64_t duration) {
+  return {static_cast<time_t>(duration / second), static_cast<long>(duration % second * 1000)};
 }
 
 /// Whether the sleep is over already.
@@ -45,7 +50,20 @@ extern "C" {
 
 int nanosleep(const timespec* request, timespec* remaining) {
   static const auto real = simulator::next(&nanosleep, "nanosleep");
-  if (simulator::isValid(*request) && simulator::slept(simulator::microseconds(*request))) {
+  const std::int64_t duration = simulator::microseconds(*request);
+  if (simulator::isValid(*request) && duration > simulator::longestUninterrupted &&
+      simulator::faultIsOn(simulator::interruptedSleep)) {
+    const timespec half = simulator::timespecOf(duration / 2);
+    if (!simulator::slept(duration / 2)) {
+      real(&half, nullptr);
+    }
+    if (remaining != nullptr) {
+      *remaining = simulator::timespecOf(duration - duration / 2);
+    }
+    errno = EINTR;
+    return -1;
+  }
+  if (simulator::isValid(*request) && simulator::slept(duration)) {
     return 0;
   }
   return real(request, remaining);

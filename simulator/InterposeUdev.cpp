@@ -75,4 +75,37 @@ int udev_enumerate_scan_devices(udev_enumerate* enumeration) {
   return real(enumeration);
 }
 
+udev_device* udev_device_new_from_syspath(udev* context, const char* path) {
+  static const auto real = next(&udev_device_new_from_syspath, "udev_device_new_from_syspath");
+  const std::string line = std::string("udev_device_new_from_syspath ") + path;
+  if (simulator::attached() && std::string(path) == simulator::Locked()->unopenableDevice) {
+    traceResult(line, ENODEV);
+    errno = ENODEV;
+    return nullptr;
+  }
+  trace(line);
+  const Nested nested;
+  return real(context, path);
+}
+
+const char* udev_device_get_sysattr_value(udev_device* device, const char* attribute) {
+  static const auto real = next(&udev_device_get_sysattr_value, "udev_device_get_sysattr_value");
+  const char* value = nullptr;
+  {
+    const Nested nested;
+    value = real(device, attribute);
+  }
+  const std::string line = std::string("udev_device_get_sysattr_value ") + attribute;
+  traceResult(value == nullptr ? line : line + " " + inQuotes(value),
+              value == nullptr ? ENOENT : 0);
+  return value;
+}
+
+udev_device* udev_device_unref(udev_device* device) {
+  static const auto real = next(&udev_device_unref, "udev_device_unref");
+  trace("udev_device_unref");
+  const Nested nested;  // it releases the device's parents by the same function
+  return real(device);
+}
+
 }  // extern "C"

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+
+#include "simulator/Power.h"
 
 namespace simulator::pci {
 
@@ -103,6 +106,12 @@ void describeDevice(PciDevice& device, PciPlace place, int bus, int number, int 
 }
 
 bool linkIsUp(const State& state, const PciDevice& device) {
+  constexpr PciPlace slotPorts[] = {port1, port9, port7, port5};
+  for (std::uint32_t slot = 0; slot < std::size(slotPorts); ++slot) {
+    if (&device == &state.pci[slotPorts[slot]] && !power::isUp(state, slot)) {
+      return false;  // no module behind the port
+    }
+  }
   return device.present && device.linkUp &&
          (device.linkLostAfter < 0 || now(state) < device.linkLostAfter);
 }

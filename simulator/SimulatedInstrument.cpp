@@ -15,6 +15,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "simulator/Power.h"
+
 namespace simulator {
 
 namespace {
@@ -50,27 +52,105 @@ void createGpioClass(const fs::path& root) {
   createFile(directory / "gpiochip0/ngpio", std::to_string(gpioLineCount) + "\n");
 }
 
-std::string addDevice(UMockdevTestbed* testbed, const std::string& name, const std::string& parent,
-                      const std::string& driverName) {
-  char* path = umockdev_testbed_add_device(testbed, "i2c", name.c_str(),
-                                           parent.empty() ? nullptr : parent.c_str(), "name",
-                                           (driverName + "\n").c_str(), nullptr, nullptr);
-  if (path == nullptr) {
-    throw std::runtime_error("cannot create the I2C device " + name);
-  }
-  std::string result = path;
-  g_free(path);
-  return result;
-}
+/// The I2C buses and devices of a description, as udev shows them.
+class I2cTree {
+ public:
+  I2cTree(UMockdevTestbed* owner, const fs::path& treeRoot, const Description& instrument)
+      : testbed(owner), root(treeRoot), description(instrument) {}
 
-void createI2cDevices(UMockdevTestbed* testbed, const Description& description) {
-  std::map<std::string, std::string> adapters;
-  for (const auto& [name, driverName] : description.i2cDevices) {
-    const std::string adapter = "i2c-" + name.substr(0, name.find('-'));
-    if (adapters.count(adapter) == 0) {
-      adapters[adapter] = addDevice(testbed, adapter, "", "simulated adapter");
+  /// Creates everything; returns the path of the device that cannot be opened, if there is one.
+  std::string create() {
+    std::string unopenable;
+    for (const auto& [name, device] : description.i2cDevices) {
+      const std::string path = createDevice(name, device);
+      unopenable = device.openable ? unopenable : path;
     }
-    addDevice(testbed, name, adapters[adapter], driverName);
+    return unopenable;
+  }
+
+ private:
+  using I2cDevice = Description::I2cDevice;
+
+  static std::string busOf(const std::string& deviceName) {
+    return "i2c-" + deviceName.substr(0, deviceName.find('-'));
+  }
+
+  std::string add(const std::string& name, const std::string& parent, const std::string& text) {
+    char* path = umockdev_testbed_add_device(testbed, "i2c", name.c_str(),
+                                             parent.empty() ? nullptr : parent.c_str(), "name",
+                                             (text + "\n").c_str(), nullptr, nullptr);
+    if (path == nullptr) {
+      throw std::runtime_error("cannot create the I2C device " + name);
+    }
+    std::string result = path;
+    g_free(path);
+    return result;
+  }
+
+  /// The path of a bus, which is created if it is not there yet. A bus behind a multiplexer lies
+  /// below the multiplexer's bus.
+  std::string bus(const std::string& name) {
+    if (buses.count(name) == 0) {
+      std::string parent;
+      for (const auto& [muxName, mux] : description.i2cDevices) {
+        for (const auto& [channel, behind] : mux.channels) {
+          if (behind == name && busOf(muxName) != name) {
+            parent = bus(busOf(muxName));
+          }
+        }
+      }
+      buses[name] = add(name, parent, "simulated bus");
+    }
+    return buses[name];
+  }
+
+  std::string createDevice(const std::string& name, const I2cDevice& device) {
+    const std::string path = add(name, bus(busOf(name)), device.name);
+    for (const auto& [key, value] : device.properties) {
+      createFile(treePath(path) / "of_node" / key, value);
+    }
+    for (const auto& [channel, behind] : device.channels) {
+      fs::create_symlink("../" + behind, treePath(path) / ("channel-" + std::to_string(channel)));
+      fs::create_symlink("../" + name, treePath(bus(behind)) / "mux_device");
+    }
+    createGpio(path, device.gpio);
+    return path;
+  }
+
+  void createGpio(const std::string& path, I2cDevice::Gpio gpio) {
+    if (gpio == I2cDevice::Gpio::none) {
+      return;
+    }
+    fs::create_directories(treePath(path) / "gpio");
+    if (gpio == I2cDevice::Gpio::chip) {
+      // The kernel assigns the numbers at run time, from 512 upward.
+      const std::string base = std::to_string(nextGpioBase);
+      nextGpioBase += linesOfAnExpander;
+      createFile(treePath(path) / "gpio" / ("gpiochip" + base) / "base", base + "\n");
+    }
+  }
+
+  fs::path treePath(const std::string& path) const { return fs::path(root.string() + path); }
+
+  static constexpr int linesOfAnExpander = 4;
+
+  UMockdevTestbed* testbed;
+  fs::path root;
+  const Description& description;
+  std::map<std::string, std::string> buses;
+  int nextGpioBase = 512;
+};
+
+void createPowerLinks(const fs::path& root, const Description& description) {
+  const fs::path directory = root / "sys/platform";
+  for (unsigned int module = 0; module < moduleCount; ++module) {
+    const PowerSequence& power = description.power[module];
+    if (power.present && !power.enableMissing) {
+      createFile(directory / power::enableLink(module) / "value");
+    }
+    if (power.present && !power.doneMissing) {
+      createFile(directory / power::doneLink(module) / "value");
+    }
   }
 }
 
@@ -130,6 +210,7 @@ void initialise(State& state, const std::string& root, const std::string& traceF
   std::copy(std::begin(description.lines), std::end(description.lines), state.lines);
   std::copy(std::begin(description.faults), std::end(description.faults), state.faults);
   std::copy(std::begin(description.pci), std::end(description.pci), state.pci);
+  std::copy(std::begin(description.power), std::end(description.power), state.power);
 }
 
 std::string ownLibrary() {
@@ -163,12 +244,14 @@ SimulatedInstrument::SimulatedInstrument(const Description& description, const O
     }
     lock = createLock(root);
     createGpioClass(root);
-    createI2cDevices(testbed, description);
+    const std::string unopenable = I2cTree(testbed, root, description).create();
+    createPowerLinks(root, description);
     createPciDevices(root, description);
     const std::string stateFile = root + "/state";
     createFile(stateFile, std::string(sizeof(State), '\0'));
     attach(stateFile.c_str());
     initialise(*state(), root, traceFile, description, options.fast);
+    unopenable.copy(state()->unopenableDevice, sizeof state()->unopenableDevice - 1);
   } catch (...) {
     release();
     throw;

@@ -72,10 +72,34 @@ enum PciPlace : unsigned {
 constexpr const char* pciPlaceNames[pciPlaceCount] = {
     "root", "switch", "port1", "port5", "port7", "port9", "shim", "shim-port1", "shim-port5"};
 
-/// Faults that a description switches on by name.
-enum Fault : unsigned { udevContext, udevEnumeration, gpioExport, faultCount };
+/// The power of a module, as its GPIO links below /sys/platform show it.
+struct PowerSequence {
+  bool present;  ///< the module has links
+  bool enableMissing;
+  bool doneMissing;
+  bool flickers;  ///< the first done reading does not last
+  bool enabled;
+  std::int64_t switchedAt;  ///< microseconds
+  std::int64_t onDelay;     ///< microseconds; negative for never
+  std::int64_t offDelay;
+};
 
-constexpr const char* faultNames[faultCount] = {"udev-context", "udev-enumeration", "gpio-export"};
+/// Modules are numbered as the slots, 0 to 5; four of them have power links.
+constexpr unsigned int moduleCount = 6;
+
+/// Faults that a description switches on by name.
+enum Fault : unsigned {
+  udevContext,
+  udevEnumeration,
+  gpioExport,
+  interruptedSleep,
+  fpgaAccess,
+  busLookup,
+  faultCount
+};
+
+constexpr const char* faultNames[faultCount] = {
+    "udev-context", "udev-enumeration", "gpio-export", "interrupted-sleep", "fpga", "bus-lookup"};
 
 struct State {
   pthread_mutex_t mutex;
@@ -87,6 +111,9 @@ struct State {
   bool faults[faultCount];
   GpioLine lines[gpioLineCount];
   PciDevice pci[pciPlaceCount];
+  PowerSequence power[moduleCount];
+  bool clocks[moduleCount];         ///< clock sources that are on
+  char unopenableDevice[PATH_MAX];  ///< sysfs path of the device that libudev cannot open
 };
 
 /// The environment variable that names the state file to the programs that run on the instrument.

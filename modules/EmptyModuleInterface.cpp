@@ -1,0 +1,13 @@
+#include "modules/EmptyModuleInterface.h"
+
+EmptyModuleInterface::EmptyModuleInterface() = default;
+
+EmptyModuleInterface::~EmptyModuleInterface() = default;
+
+bool EmptyModuleInterface::isPresent() { return false; }
+
+bool EmptyModuleInterface::isOn() { return false; }
+
+void EmptyModuleInterface::turnOn() {}
+
+void EmptyModuleInterface::turnOff() {}

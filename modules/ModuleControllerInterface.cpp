@@ -1,0 +1,3 @@
+#include "modules/ModuleControllerInterface.h"
+
+ModuleControllerInterface::~ModuleControllerInterface() = default;

@@ -1,0 +1,3 @@
+#include "modules/PowerControlInterface.h"
+
+PowerControlInterface::~PowerControlInterface() = default;

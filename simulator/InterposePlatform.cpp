@@ -1,0 +1,59 @@
+// The platform's classes: the clock sources of the simulated FPGA, and the stand-in's real look-up
+// of buses over the simulated tree.
+
+#include <stdexcept>
+#include <string>
+
+#include "platform/I2CDev.h"
+#include "platform/SpbFPGA.h"
+#include "simulator/Next.h"
+#include "simulator/State.h"
+
+using simulator::Locked;
+using simulator::trace;
+
+namespace {
+
+void switchClock(unsigned int slot, bool on) {
+  simulator::requireInstrument("the board FPGA");
+  if (slot < simulator::moduleCount) {
+    Locked()->clocks[slot] = on;
+  }
+  trace((on ? "clock on " : "clock off ") + std::to_string(slot));
+}
+
+}  // namespace
+
+SpbFPGA::SpbFPGA() {
+  simulator::requireInstrument("the board FPGA");
+  if (simulator::faultIsOn(simulator::fpgaAccess)) {
+    trace("fpga open: refused");
+    throw std::runtime_error("no access to the FPGA");
+  }
+  trace("fpga open");
+}
+
+SpbFPGA::~SpbFPGA() { trace("fpga close"); }
+
+void SpbFPGA::TurnOnModuleClockSource(unsigned int slot) { switchClock(slot, true); }
+
+void SpbFPGA::TurnOffModuleClockSource(unsigned int slot) { switchClock(slot, false); }
+
+std::string I2CDev::FindI2CBusNameOfMuxChannel(std::string busName, int channel) {
+  static const auto real = simulator::next(&I2CDev::FindI2CBusNameOfMuxChannel,
+                                           "_ZN6I2CDev26FindI2CBusNameOfMuxChannelENSt7__"
+                                           "cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi");
+  simulator::requireInstrument("the I2C buses");
+  const std::string question = "bus behind " + busName + " channel " + std::to_string(channel);
+  if (simulator::faultIsOn(simulator::busLookup)) {
+    trace(question + ": refused");
+    throw std::runtime_error("no access to the I2C buses");
+  }
+  std::string bus;
+  {
+    const simulator::Nested nested;
+    bus = real(busName, channel);
+  }
+  trace(question + " " + simulator::inQuotes(bus));
+  return bus;
+}
