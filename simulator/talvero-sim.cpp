@@ -27,7 +27,7 @@ constexpr int notExecutable = 126;
 constexpr int notFound = 127;
 
 struct Arguments {
-  std::string instrument = "proto-1";
+  std::string instrument = "full";
   std::string trace = "/dev/null";
   bool fast = false;
   std::vector<std::string> program;

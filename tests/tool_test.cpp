@@ -70,9 +70,68 @@ TEST(TalveroBist, ExitsWith2WithoutHardwareOrForAWrongCall) {
   EXPECT_THAT(bist("mmb", "--help").output, HasSubstr("Exit status: 0"));
 }
 
+TEST(TalveroBist, ReportsEveryFaultAndNoOther) {
+  const Outcome full = bist("full", "report --power-cycle --json");
+  EXPECT_EQ(full.status, 0) << full.output;
+  EXPECT_EQ(json::parse(full.output)["failures"], json::array());
+  EXPECT_EQ(json::parse(full.output)["messages"], json::array());
+  EXPECT_EQ(json::parse(full.output)["powerCycle"].size(), 8);
+
+  const Outcome broken = bist("broken", "report --power-cycle --json");
+  EXPECT_EQ(broken.status, 1);
+  EXPECT_EQ(json::parse(broken.output)["failures"], json::parse(R"([
+    "Board, strap lines: cannot be read: 171",
+    "Slots, slot 2: present   no expander   -      up",
+    "PCIe, DownstreamPort1 PRBS: 30 errors in 1 s",
+    "PCIe, DownstreamPort5: port not found",
+    "PCIe, DownstreamPort7 errors: port uncorrectable: Poisoned DLP; port correctable: Rx Errors, Bad TLP",
+    "PCIe, DownstreamPort7 PRBS: no sync",
+    "Power cycle, slot 1 on: power sequence not finished"])"));
+}
+
+TEST(TalveroBist, ShowsAndSwitchesSlots) {
+  const json slots = json::parse(bist("full", "slots --json").output)["slots"];
+  EXPECT_EQ(slots[1], json::parse(R"({"slot": 1, "present": true, "on": true, "linkUp": true,
+      "controller": "/sys/devices/i2c-2/i2c-11/i2c-30/30-0041/gpio/gpiochip520"})"));
+  EXPECT_EQ(slots[0]["controller"], nullptr);
+  EXPECT_EQ(slots[5]["linkUp"], false);
+
+  const Outcome script = runCommand(TALVERO_SIM " --fast -- sh -c '" TALVERO_BIST
+                                                " power 2 off >/dev/null; " TALVERO_BIST
+                                                " slots; " TALVERO_BIST " report >/dev/null'");
+  EXPECT_THAT(script.output, HasSubstr("slot 2  present   expander      off    down  PASS"));
+  EXPECT_EQ(script.status, 0) << "a module that is off has no link to test";
+
+  EXPECT_EQ(bist("broken", "power 1 off").status, 0);
+  const Outcome stuck = bist("broken", "power 1 on");
+  EXPECT_EQ(stuck.status, 1);
+  EXPECT_THAT(stuck.output, HasSubstr("| Power on sequence done timed out"));
+  EXPECT_EQ(bist("full", "power 0 on").status, 1) << "no power controller";
+  EXPECT_EQ(bist("full", "power 6 on").status, 2);
+  EXPECT_EQ(bist("full", "power 1 up").status, 2);
+}
+
+TEST(TalveroBist, ShowsTheTopologyOfAModule) {
+  EXPECT_EQ(json::parse(bist("full", "topology 2 --json").output)["topology"], json::parse(R"({
+    "module": 2, "topBus": "i2c-12", "systemBus": "i2c-32", "solutionBus": "i2c-33",
+    "is2k4k": false, "expander": "/sys/devices/i2c-2/i2c-12/i2c-32/32-0041/gpio/gpiochip524"})"));
+  EXPECT_EQ(bist("full", "topology 3").status, 1);
+  const TemporaryDirectory directory;
+  const std::string wrong =
+      directory.file("x.conf",
+                     "[board]\nstraps=100010\n[module 2-0050]\nid=1\ntop=i2c-2/x\n"
+                     "[expander 2-0041]\n[pci]\n");
+  EXPECT_THAT(bist(wrong, "topology 1").output, HasSubstr("cannot be resolved: stoi"));
+  const Outcome report = bist(wrong, "report");
+  EXPECT_EQ(report.status, 1);
+  EXPECT_THAT(report.output, HasSubstr("backplane  cannot be set up: stoi"));
+}
+
 TEST(TalveroBist, JudgesPciePorts) {
   const TemporaryDirectory directory;
-  const std::string file = directory.file("x.conf", R"([pci]
+  const std::string file = directory.file("x.conf", R"([board]
+straps=100010
+[pci]
 shim=1
 [pci port1]
 present=no

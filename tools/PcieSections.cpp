@@ -193,6 +193,9 @@ Section pcieSection() {
     const DiagnosticsResults live = diagnostics.checkLiveDownstreamPort(port, 0, true);
     section.lines.push_back(linkLine(name, live));
     if (section.lines.back().verdict == Verdict::fail) {
+      if (const auto reason = found(live.portIds) ? reasonForNoLink(port) : std::nullopt) {
+        section.lines.back() = {name, "link down: " + *reason};
+      }
       ports.push_back(portJson(diagnostics, port, live, section.lines.back().text));
       continue;
     }

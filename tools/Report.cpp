@@ -49,8 +49,15 @@ void printSection(std::ostream& out, const Section& section) {
           << "\n";
     }
   }
-  for (const std::string& message : section.messages) {
-    out << "  | " << message << "\n";
+  for (auto message = section.messages.begin(); message != section.messages.end();) {
+    const auto other = std::find_if(message, section.messages.end(),
+                                    [&](const std::string& next) { return next != *message; });
+    out << "  | " << *message;
+    if (other - message > 1) {
+      out << " (" << other - message << " times)";
+    }
+    out << "\n";
+    message = other;
   }
 }
 

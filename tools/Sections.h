@@ -1,6 +1,7 @@
 #pragma once
 
-#include <functional>
+#include <optional>
+#include <string>
 
 #include "pcie/PCIeDownstreamPorts.h"
 #include "tools/Report.h"
@@ -20,7 +21,24 @@ struct PortChoice {
 /// The ports' names, which are those of their enumerators.
 const char* portName(PCIeDownstreamPorts port);
 
-/// Links, errors and PRBS result of the main switch's ports.
+/// Presence, controller, power and link of the six slots.
+report::Section slotsSection();
+
+/// Turns each module that has a power controller off and on, and leaves it as it was.
+report::Section powerCycleSection();
+
+/// Turns a slot's module on or off and says what it reads then.
+report::Section powerSection(int slot, bool on);
+
+/// The I2C buses and the expander of a module.
+report::Section topologySection(unsigned int module);
+
+/// Why the link of one of the main switch's ports need not be up: its slot is empty or off. Nothing
+/// when it has to be.
+std::optional<std::string> reasonForNoLink(PCIeDownstreamPorts port);
+
+/// Links, errors and PRBS result of the main switch's ports, those without a link for a good reason
+/// excepted.
 report::Section pcieSection();
 
 /// Whether a port's link is up, watched for a time.

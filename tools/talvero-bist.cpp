@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "board/BoardId.h"
 #include "sysfs/SysfsUtil.h"
 #include "tools/LibraryOutput.h"
 #include "tools/Report.h"
@@ -45,6 +46,7 @@ struct Arguments {
   unsigned int seconds = 0;
   bool clear = false;
   unsigned int module = 0;
+  int slot = 0;
   unsigned int level = 0;
   bool on = false;
   Commands commands;
@@ -59,6 +61,8 @@ std::vector<std::pair<std::string, PCIeDownstreamPorts>> portNamesAndNumbers() {
   }
   return names;
 }
+
+std::vector<std::pair<std::string, bool>> onOff() { return {{"on", true}, {"off", false}}; }
 
 void addPort(CLI::App& command, Arguments& arguments) {
   command
@@ -123,12 +127,48 @@ void addLinkCommands(CLI::App& app, Arguments& arguments) {
       [&arguments] { arguments.commands = {[&] { return shimSection(arguments.module); }}; });
 }
 
+/// Only an SPB has a backplane and a PCIe switch.
+Commands reportCommands(bool powerCycle) {
+  if (!BoardId().isSPB()) {
+    return {boardSection};
+  }
+  Commands commands = {boardSection, slotsSection, pcieSection};
+  if (powerCycle) {
+    commands.emplace_back(powerCycleSection);
+  }
+  return commands;
+}
+
+void addSlotCommands(CLI::App& app, Arguments& arguments) {
+  app.add_subcommand("slots", "show presence, power and link of the six slots")
+      ->callback([&arguments] { arguments.commands = {slotsSection}; });
+
+  CLI::App& power = *app.add_subcommand("power", "turn the module in a slot on or off");
+  power.add_option("SLOT", arguments.slot, "0 to 5")
+      ->required()
+      ->check(CLI::Range(0, 5))
+      ->option_text(" ");
+  power.add_option("STATE", arguments.on, "on or off")
+      ->required()
+      ->transform(CLI::CheckedTransformer(onOff()))
+      ->option_text(" ");
+  power.callback([&arguments] {
+    arguments.commands = {[&] { return powerSection(arguments.slot, arguments.on); }};
+  });
+
+  CLI::App& topology = *app.add_subcommand("topology", "show the I2C buses of a module");
+  topology.add_option("MODULE", arguments.module, "module number, which is its slot's")
+      ->required()
+      ->option_text(" ");
+  topology.callback(
+      [&arguments] { arguments.commands = {[&] { return topologySection(arguments.module); }}; });
+}
+
 void addTransmitterCommand(CLI::App& app, Arguments& arguments) {
   CLI::App& tx = *app.add_subcommand("tx", "change one transmitter setting of a PCIe port");
   addPort(tx, arguments);
   CLI::Option_group& settings = *tx.add_option_group("Setting", "exactly one of");
   settings.require_option(1);
-  const std::vector<std::pair<std::string, bool>> onOff = {{"on", true}, {"off", false}};
   const struct {
     const char* name;
     const char* help;
@@ -142,7 +182,7 @@ void addTransmitterCommand(CLI::App& app, Arguments& arguments) {
   for (const auto& option : options) {
     if (option.isOnOff) {
       settings.add_option(option.name, arguments.on, option.help)
-          ->transform(CLI::CheckedTransformer(onOff))
+          ->transform(CLI::CheckedTransformer(onOff()))
           ->option_text("on|off");
     } else {
       settings.add_option(option.name, arguments.level, option.help)
@@ -178,11 +218,14 @@ int main(int argc, char** argv) {
   app.add_flag("--json", arguments.json, "print one JSON object instead of text");
   app.add_option("--trace", arguments.traceFile, "write the library's register trace to this file")
       ->option_text("FILE");
-  app.add_subcommand("report", "test everything and report it")->callback([&] {
-    arguments.commands = {boardSection, pcieSection};
-  });
+  CLI::App& report = *app.add_subcommand("report", "test everything and report it");
+  bool powerCycle = false;
+  report.add_flag("--power-cycle", powerCycle,
+                  "also turn each module off and on; modules that were off stay off");
+  report.callback([&] { arguments.commands = reportCommands(powerCycle); });
   app.add_subcommand("board", "say which board this is and which boards are attached to it")
       ->callback([&] { arguments.commands = {boardSection}; });
+  addSlotCommands(app, arguments);
   addLinkCommands(app, arguments);
   addTransmitterCommand(app, arguments);
   try {
