@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iostream>
 
 namespace fs = std::filesystem;
 
@@ -24,6 +24,13 @@ std::string TemporaryDirectory::file(const std::string& name, const std::string&
   fs::create_directories(file.parent_path());
   std::ofstream(file, std::ios::binary) << content;
   return file.string();
+}
+
+Console::Console() : before{std::cout.rdbuf(out.rdbuf()), std::cerr.rdbuf(err.rdbuf())} {}
+
+Console::~Console() {
+  std::cout.rdbuf(before[0]);
+  std::cerr.rdbuf(before[1]);
 }
 
 std::string contentOf(const std::string& file) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,23 @@ class TemporaryDirectory {
 };
 
 std::string contentOf(const std::string& file);
+
+/// Collects what the program writes to std::cout and std::cerr while it exists.
+class Console {
+ public:
+  Console();
+  ~Console();
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
+
+  std::string output() const { return out.str(); }
+  std::string errors() const { return err.str(); }
+
+ private:
+  std::ostringstream out;
+  std::ostringstream err;
+  std::streambuf* before[2];
+};
 
 /// What a shell command has printed and how it has ended.
 struct Outcome {
