@@ -7,10 +7,10 @@
 /// Error and link state of one path: root port, upstream port of the downstream port's switch,
 /// downstream port. All zero until filled.
 ///
-/// PCIeDiagnostics::checkLiveDownstreamPort and PCIeDiagnostics::testDownstreamPort fill all of it;
-/// PCIeDiagnostics::getDiagnosticsResults leaves pciSystemReady, rootPortFound, upstreamFound,
-/// rootPortIds and upstreamIds zero. The fields' order and widths are part of the library's binary
-/// interface.
+/// PCIeDiagnostics::checkLiveDownstreamPort and PCIeDiagnostics::testDownstreamPort also fill
+/// pciSystemReady, rootPortFound, upstreamFound, rootPortIds and upstreamIds, which
+/// PCIeDiagnostics::getDiagnosticsResults leaves zero. The PRBS fields are filled where PRBS was
+/// asked for. The fields' order and widths are part of the library's binary interface.
 struct DiagnosticsResults {
   /// The PCI system could be initialised.
   bool pciSystemReady = false;

@@ -89,8 +89,9 @@ class PCIeDiagnostics {
   /// ports 0 to 3 that is missing; the others are still set up. Stops without a message and without
   /// writing any register when the PCI system, the root port or the upstream port is missing.
   ///
-  /// Called again, it repeats all of this. The fields of devices it then does not get to keep their
-  /// values, and the IDs of ports 4 and 5 are zero until the next setupShimSwitch.
+  /// Called again, it repeats all of this. The IDs of a root or upstream port that is no
+  /// longer found, and the fields of devices it then does not get to, keep their values; the IDs of
+  /// ports 4 and 5 are zero until the next setupShimSwitch.
   ///
   /// @return always 0; the outcome is in the fields
   int setupAdvancedErrorReportingOnRootSwitch();
@@ -106,8 +107,8 @@ class PCIeDiagnostics {
 
   /// @}
   /// @name Register bits of a port's switch
-  /// These act on the configuration space of the upstream port of the switch that owns the port,
-  /// 32 bits at a time; the bits given select the port within the register.
+  /// The four bit operations act on the configuration space of the upstream port of the switch that
+  /// owns the port, 32 bits at a time; the bits given select the port within the register.
   /// @{
 
   /// Reads a field. Prints nothing.
@@ -162,8 +163,9 @@ class PCIeDiagnostics {
   /// Takes one snapshot of a port's path. Changes no register.
   ///
   /// With `prbs`, prints the register lines of checkForPRBSSync and readPRBSErrorCounter to
-  /// std::cout and, to std::cerr, "prbsSync failed" when the checker is out of sync and
-  /// "prbsErrors: " and the count in decimal when it is not 0. Otherwise prints nothing.
+  /// std::cout and, to std::cerr, "prbsSync failed" when the checker is out of sync or the port has
+  /// no upstream port, and "prbsErrors: " and the count in decimal when it is not 0. Otherwise
+  /// prints nothing.
   ///
   /// @param port  port to look at
   /// @param prbs  also read the PRBS sync and error counter
@@ -198,7 +200,8 @@ class PCIeDiagnostics {
                                              bool clearFirst);
 
   /// Whether a port's link is up: what its switch reports about 100 ms from now when the root link
-  /// is good, or now when it is not. Prints nothing, changes no register.
+  /// is good, or now when it is not, as checkLiveDownstreamPort with 0 seconds. Prints nothing,
+  /// changes no register.
   ///
   /// @return false also for an unresolved port and, for every port, when the PCI system, the root
   ///         port or the main switch's upstream port is missing

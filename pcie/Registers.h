@@ -5,7 +5,7 @@
 #include <cstdint>
 
 // Configuration-space offsets and masks of the root port and the switches. What <linux/pci_regs.h>
-// calls a register is an offset within its capability.
+// calls a register of a capability is an offset within it.
 
 /// Registers of the root port.
 namespace rootRegister {
@@ -31,7 +31,7 @@ namespace portRegister {
 constexpr std::uint32_t pcieCapability = 0x68;
 constexpr std::uint32_t aerCapability = 0xFB4;
 
-// Two 16-bit registers each, the one named last in the upper half.
+// Words of two registers or more, the one named last in the upper half.
 constexpr std::uint32_t commandAndStatus = PCI_COMMAND;
 constexpr std::uint32_t interruptAndBridgeControl = PCI_INTERRUPT_LINE;
 constexpr std::uint32_t linkControlAndStatus = pcieCapability + PCI_EXP_LNKCTL;

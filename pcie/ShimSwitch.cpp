@@ -21,9 +21,10 @@ void reportMissing(const std::string& device) {
 /// Prints a bridge's buses, each name preceded by `prefix`, and returns the secondary bus. Prints
 /// that the device is no bridge and returns nothing when it is none.
 std::optional<int> reportBuses(pci_device* bridge, const std::string& prefix) {
-  int primary = 0;
-  int secondary = 0;
-  int subordinate = 0;
+  // For some kinds of bridge libpciaccess succeeds and tells nothing: -1 is its own "no such bus".
+  int primary = -1;
+  int secondary = -1;
+  int subordinate = -1;
   if (pci_device_get_bridge_buses(bridge, &primary, &secondary, &subordinate) != 0) {
     printLine(std::cerr, "Device was not a bridge");
     return std::nullopt;

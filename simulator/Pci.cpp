@@ -149,11 +149,9 @@ void refreshSwitch(State& state, const PortWiring& port) {
   putBits(upstream, loopbackRegister, port.loopbackStatus, !isLoopbackMaster(state, port));
   putBits(upstream, syncRegister, port.prbsSync, inSync(state, port));
   const auto diagnostic = load<std::uint32_t>(upstream, diagnosticRegister);
-  if ((diagnostic & selectMask) == port.select) {
-    const bool valid = prbsIsOn(state, port);
-    const std::uint32_t count = valid ? errorCount(state, state.pci[port.port]) : 0;
+  if ((diagnostic & selectMask) == port.select && prbsIsOn(state, port)) {
     put(upstream, diagnosticRegister,
-        (diagnostic & ~(counterMask | counterValid)) | (valid ? counterValid : 0) | count << 16);
+        diagnostic | counterValid | errorCount(state, state.pci[port.port]) << 16);
   }
 }
 
@@ -169,6 +167,9 @@ void refreshLinkStatus(const State& state, PciDevice& device, const Layout& layo
 void refresh(State& state, PciDevice& device) {
   const PciPlace place = placeOf(state, device);
   const Layout& layout = layoutOf(place);
+  if (place == switchUpstream || place == shimUpstream) {
+    putBits(device, diagnosticRegister, counterMask | counterValid, false);
+  }
   for (const PortWiring& port : wiring) {
     if (port.upstream == place) {
       refreshSwitch(state, port);
@@ -187,15 +188,18 @@ struct WriteRule {
 /// How the 32-bit word at an offset takes a write.
 WriteRule ruleFor(PciPlace place, std::uint32_t word) {
   const Layout& layout = layoutOf(place);
-  constexpr std::uint32_t upper = 0xFFFF0000;
   if (word == PCI_VENDOR_ID || word == PCI_CLASS_REVISION || word == (PCI_HEADER_TYPE & ~3U)) {
     return {0, ~0U};
   }
-  if (word == PCI_COMMAND || word == layout.pcie + PCI_EXP_DEVCTL) {
-    return {upper, 0};  // the status register
+  // A control register and, in the upper half, its status.
+  if (word == PCI_COMMAND) {
+    return {0xF9000000, 0x06FF0000};
+  }
+  if (word == layout.pcie + PCI_EXP_DEVCTL) {
+    return {0x000F0000, 0xFFF00000};
   }
   if (word == layout.pcie + PCI_EXP_LNKCTL) {
-    return {0, upper};
+    return {0, 0xFFFF0000};
   }
   const std::uint32_t errors[] = {PCI_ERR_UNCOR_STATUS, PCI_ERR_COR_STATUS, PCI_ERR_ROOT_STATUS};
   for (const std::uint32_t status : errors) {

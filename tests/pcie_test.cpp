@@ -1,0 +1,809 @@
+#include <gmock/gmock.h>
+
+#include <iomanip>
+#include <iostream>
+
+#include "pcie/DiagnosticMaskRegs.h"
+#include "pcie/PCIeDiagnostics.h"
+#include "tests/Support.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr PCIeDownstreamPorts allPorts[] = {DownstreamPort1, DownstreamPort5, DownstreamPort7,
+                                            DownstreamPort9, ShimPort1,       ShimPort5};
+
+// The shim switch is on module 1, behind DownstreamPort9.
+const char* const portAddresses[] = {"0000:02:01.0", "0000:02:05.0", "0000:02:07.0",
+                                     "0000:02:09.0", "0000:10:01.0", "0000:10:05.0"};
+
+const char* upstreamAddress(PCIeDownstreamPorts port) {
+  return port < ShimPort1 ? "0000:01:00.0" : "0000:0f:00.0";
+}
+
+/// Diagnostics on a described fabric whose set-up is over and out of the trace.
+class Fabric : public Instrument {
+ public:
+  explicit Fabric(const std::string& description) : Instrument("[pci]\nshim=1\n" + description) {
+    diagnostics.setupShimSwitch(1);
+    takeTrace();
+    setUp = console.output();
+  }
+
+  Console console;
+  PCIeDiagnostics diagnostics;
+
+  /// The console lines since the set-up.
+  std::string output() const { return console.output().substr(setUp.size()); }
+
+ private:
+  std::string setUp;
+};
+
+Lines with(const Lines& trace, const std::string& word) {
+  Lines found;
+  for (const std::string& line : trace) {
+    if (line.find(word) != std::string::npos) {
+      found.push_back(line);
+    }
+  }
+  return found;
+}
+
+std::string hex(unsigned long number) {
+  std::ostringstream text;
+  text << std::hex << number;
+  return text.str();
+}
+
+/// The accesses of a read, a change and a write.
+Lines update(const std::string& device, int width, unsigned int offset, unsigned int before,
+             unsigned int after) {
+  const std::string bits = std::to_string(width) + " " + device + " " + hex(offset) + " ";
+  return {"pci read" + bits + hex(before), "pci write" + bits + hex(after)};
+}
+
+Lines bridgeSetUp(const std::string& device, unsigned int status = 0) {
+  Lines lines;
+  const auto add = [&](const Lines& more) { lines.insert(lines.end(), more.begin(), more.end()); };
+  add(update(device, 32, 0x04, status | 0x7, status | 0x107));
+  add(update(device, 32, 0x3C, 0xFF, 0x300FF));
+  add(update(device, 16, 0x70, 0x2810, 0x281F));
+  add(update(device, 32, 0xFCC, 0xA0, 0x1A0));
+  add({"pci write32 " + device + " fb8 3ff030", "pci write32 " + device + " fc4 31c1"});
+  return lines;
+}
+
+std::string bridgeBefore(const std::string& name, const std::string& status = "0") {
+  return "[pci " + name + "]\nregister-4=" + status + "\nregister-3c=0xff\nregister-70=0x2810\n" +
+         "register-fcc=0xa0\n";
+}
+
+TEST(Discovery, EnablesErrorReportingAlongThePathAndClearsWhatIsLatched) {
+  Instrument instrument(
+      "[pci]\n[pci root]\nregister-78=0x000f2810\nregister-12c=0x80\nregister-8c=0x18\n"
+      "register-130=0x7f\nregister-110=0x31c1\nregister-104=0x100010\n" +
+      bridgeBefore("switch", "0xf9000007") + bridgeBefore("port1", "7") +
+      bridgeBefore("port5", "7") + bridgeBefore("port9", "7") + bridgeBefore("port7") +
+      "present=no\n");
+  const Console console;
+  const PCIeDiagnostics diagnostics;
+  Lines expected = {"pci_system_init",       "pci find 0000:00:00.0",
+                    "pci find 0000:01:00.0", "pci find 0000:02:01.0",
+                    "pci find 0000:02:05.0", "pci find 0000:02:07.0: ENODEV",
+                    "pci find 0000:02:09.0"};
+  const std::string root = "0000:00:00.0";
+  for (const Lines& lines :
+       {update(root, 16, 0x78, 0x2810, 0x281F), update(root, 16, 0x12C, 0x80, 0x87),
+        update(root, 16, 0x7A, 0xF, 0xF), update(root, 32, 0x8C, 0x18, 0x1F),
+        update(root, 32, 0x130, 0x7F, 0x7F), update(root, 32, 0x110, 0x31C1, 0x31C1),
+        update(root, 32, 0x104, 0x100010, 0x100010), bridgeSetUp("0000:01:00.0", 0xF9000000),
+        bridgeSetUp("0000:02:01.0"), bridgeSetUp("0000:02:05.0"), bridgeSetUp("0000:02:09.0")}) {
+    expected.insert(expected.end(), lines.begin(), lines.end());
+  }
+  EXPECT_THAT(instrument.takeTrace(), ElementsAreArray(expected));
+  EXPECT_EQ(console.errors(), "could not enumerate module: 2\n");
+  EXPECT_EQ(console.output(), "");
+
+  EXPECT_TRUE(diagnostics.pciSystemReady && diagnostics.rootPortFound &&
+              diagnostics.switchUpstreamFound);
+  EXPECT_FALSE(diagnostics.shimUpstreamFound);
+  EXPECT_EQ(diagnostics.rootPortIds.vendorId, 0x7A1E);
+  EXPECT_EQ(diagnostics.rootPortIds.deviceId, 0x1000);
+  EXPECT_EQ(diagnostics.switchUpstreamIds.deviceId, 0x1001);
+  const unsigned int ids[] = {0x1002, 0x1003, 0, 0x1005, 0, 0};
+  for (const PCIeDownstreamPorts port : allPorts) {
+    EXPECT_EQ(diagnostics.downstreamIds[port].deviceId, ids[port]);
+    EXPECT_EQ(diagnostics.downstreamPorts[port] != nullptr, ids[port] != 0);
+  }
+}
+
+TEST(Discovery, StopsSilentlyWhereThePathEnds) {
+  const struct {
+    const char* description;
+    Lines trace;
+    bool flags[3];
+  } cases[] = {{"", {"pci_system_init: ENOENT"}, {false, false, false}},
+               {"[pci]\n[pci root]\npresent=no",
+                {"pci_system_init", "pci find 0000:00:00.0: ENODEV"},
+                {true, false, false}},
+               {"[pci]\n[pci switch]\npresent=no",
+                {"pci_system_init", "pci find 0000:00:00.0", "pci find 0000:01:00.0: ENODEV"},
+                {true, true, false}}};
+  for (const auto& test : cases) {
+    Instrument instrument(test.description);
+    const Console console;
+    PCIeDiagnostics diagnostics;
+    EXPECT_THAT(instrument.takeTrace(), ElementsAreArray(test.trace));
+    EXPECT_EQ(diagnostics.pciSystemReady, test.flags[0]);
+    EXPECT_EQ(diagnostics.rootPortFound, test.flags[1]);
+    EXPECT_EQ(diagnostics.switchUpstreamFound, test.flags[2]);
+    EXPECT_EQ(diagnostics.setupAdvancedErrorReportingOnRootSwitch(), 0);
+    instrument.takeTrace();
+    EXPECT_FALSE(diagnostics.isLinkUp(DownstreamPort1));
+    const DiagnosticsResults results = diagnostics.testDownstreamPort(DownstreamPort1, 1);
+    EXPECT_EQ(results.pciSystemReady, test.flags[0]);
+    EXPECT_EQ(results.rootPortFound, test.flags[1]);
+    EXPECT_FALSE(results.upstreamFound);
+    diagnostics.clearDownstreamResults(DownstreamPort1);
+    const Lines writes = with(instrument.takeTrace(), "pci write");
+    EXPECT_EQ(writes.size(), test.flags[1] ? 4U : 0U) << "the root port's, when there is one";
+    EXPECT_EQ(console.output() + console.errors(), "");
+  }
+}
+
+TEST(PortBits, ActOnTheSwitchOfThePort) {
+  for (const PCIeDownstreamPorts port : allPorts) {
+    const std::string name = port < ShimPort1 ? "switch" : "shim";
+    Fabric fabric("[pci " + name + "]\nregister-b98=0x12345678");
+    const std::string upstream = upstreamAddress(port);
+    const std::string first = "port: " + std::to_string(port) + "\n";
+    PCIeDiagnostics& diagnostics = fabric.diagnostics;
+    std::cout << std::showbase << std::uppercase << std::hex << std::setw(9);
+
+    EXPECT_EQ(diagnostics.getDevicePortBits(port, 0xB98, 0xFF0000, 16), 0x34U);
+    EXPECT_EQ(diagnostics.getDevicePortBits(port, 0xB98, 0xFFFFFFFF, 40), 0U);
+    EXPECT_EQ(fabric.output(), "");
+    EXPECT_THAT(fabric.takeTrace(), Contains("pci read32 " + upstream + " b98 12345678").Times(2));
+
+    EXPECT_EQ(diagnostics.setDevicePortBits(port, 0xB98, 0x01000000, 0xF0F0FFFF), 0x11305678U);
+    EXPECT_THAT(fabric.takeTrace(),
+                ElementsAreArray(update(upstream, 32, 0xB98, 0x12345678, 0x11305678)));
+    std::string printed = first + "address: b98\nwrite: 1000000\n";
+    EXPECT_EQ(fabric.output(), printed);
+
+    EXPECT_EQ(diagnostics.clearDevicePortBits(port, 0xB98, 0x8F), 0x11305670U);
+    EXPECT_EQ(diagnostics.clearDevicePortBits(port, 0xB98, 0x8F), 0x11305670U);
+    EXPECT_EQ(with(fabric.takeTrace(), "pci write32").size(), 2U) << "also when already clear";
+    printed += first + first;
+    EXPECT_EQ(fabric.output(), printed);
+
+    EXPECT_TRUE(diagnostics.testDevicePortBits(port, 0xB98, 0x1F));
+    EXPECT_FALSE(diagnostics.testDevicePortBits(port, 0xB98, 0xF));
+    printed += first + "portAddress: b98\nbits: 1f\nreg: 11305670\n" + first +
+               "portAddress: b98\nbits: f\nreg: 11305670\n";
+    EXPECT_EQ(fabric.output(), printed);
+    EXPECT_EQ(std::cout.flags() & std::ios::basefield, std::ios::dec);
+    std::cout.copyfmt(std::ios(nullptr));
+
+    fabric.takeTrace();
+    diagnostics.retrainLink(port);
+    EXPECT_THAT(fabric.takeTrace(),
+                ElementsAreArray(update(portAddresses[port], 32, 0x78, 0x20120000, 0x20120020)));
+    EXPECT_EQ(fabric.output(), printed);
+  }
+}
+
+/// Calls every operation that takes a port.
+void callEverything(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
+  EXPECT_EQ(diagnostics.getDevicePortBits(port, 0xB98, ~0U, 0), 0U);
+  EXPECT_EQ(diagnostics.setDevicePortBits(port, 0xB98, 1, 0), 0U);
+  EXPECT_EQ(diagnostics.clearDevicePortBits(port, 0xB98, 1), 0U);
+  EXPECT_FALSE(diagnostics.testDevicePortBits(port, 0xB98, ~0U));
+  diagnostics.setPostCursorEmphasis(port, 0, 1);
+  diagnostics.setDriveLevel(port, 0, 1);
+  diagnostics.setTo5GQuietTransmitWithoutLoopback(port, true);
+  diagnostics.setTo5GQuietTransmitWithoutLoopback(port, false);
+  EXPECT_FALSE(diagnostics.setPCIeExternalAnalogLoopback(port, true));
+  diagnostics.setLoopbackMasterControl(port, true);
+  diagnostics.setLoopbackMasterControl(port, false);
+  diagnostics.setPRBSMode(port, true);
+  diagnostics.configurePRBSDiagnosicRegister(port);
+  diagnostics.setupPRBSLoopbackTest(port);
+  diagnostics.tearDownPRBSLoopbackTest(port);
+  EXPECT_FALSE(diagnostics.checkForPRBSSync(port));
+  EXPECT_EQ(diagnostics.readPRBSErrorCounter(port), 0U);
+}
+
+TEST(PortBits, LeaveEverythingAloneForAnUnresolvedPort) {
+  Fabric fabric("[pci port5]\npresent=no");
+  for (const unsigned int value : {1U, 6U, 7U, 255U, 4294967295U}) {
+    const auto port = static_cast<PCIeDownstreamPorts>(value);
+    callEverything(fabric.diagnostics, port);
+    fabric.diagnostics.retrainLink(port);
+    EXPECT_THAT(with(fabric.takeTrace(), "pci"), IsEmpty()) << value;
+    EXPECT_EQ(fabric.output(), "");
+
+    const DiagnosticsResults results = fabric.diagnostics.getDiagnosticsResults(port, true);
+    EXPECT_TRUE(results.rootLinkOk);
+    EXPECT_EQ(results.portIds.vendorId, 0);
+    EXPECT_FALSE(results.downstreamLinkUp || results.portDataLinkActive || results.prbsSync);
+    fabric.diagnostics.clearDownstreamResults(port);
+    EXPECT_FALSE(fabric.diagnostics.isLinkUp(port));
+    fabric.diagnostics.testDownstreamPort(port, 1);
+    const Lines trace = fabric.takeTrace();
+    EXPECT_EQ(with(trace, "pci").size(), with(trace, "0000:00:00.0").size())
+        << "the root port's registers only";
+  }
+  EXPECT_EQ(fabric.console.errors(), "could not enumerate module: 1\n");
+}
+
+TEST(PortBits, LeaveThePortOfNoSwitchAlone) {
+  // Without buses of its own, the upstream port is nobody's parent.
+  Instrument instrument("[pci]\n[pci switch]\nclass=0x060000\n");
+  const Console console;
+  PCIeDiagnostics diagnostics;
+  instrument.takeTrace();
+  callEverything(diagnostics, DownstreamPort7);
+  EXPECT_THAT(with(with(instrument.takeTrace(), "pci"), "01:00.0"), IsEmpty());
+  const DiagnosticsResults results = diagnostics.getDiagnosticsResults(DownstreamPort7, false);
+  EXPECT_FALSE(results.downstreamLinkUp);
+  EXPECT_TRUE(results.portDataLinkActive) << "the port itself is there";
+  EXPECT_EQ(results.portIds.deviceId, 0x1004);
+}
+
+TEST(PortBits, AFailedReadCountsAsZero) {
+  constexpr unsigned int outside = 0x1000;
+  Fabric fabric("[pci root]\nreadable=no");
+  EXPECT_EQ(fabric.diagnostics.getDevicePortBits(DownstreamPort1, outside, ~0U, 0), 0U);
+  EXPECT_EQ(fabric.diagnostics.setDevicePortBits(DownstreamPort1, outside, 2, ~0U), 2U);
+  EXPECT_THAT(fabric.takeTrace(), Contains("pci write32 0000:01:00.0 1000 2: EFBIG"));
+  EXPECT_EQ(fabric.diagnostics.getDiagnosticsResults(DownstreamPort1, false).rootLinkStatus, 0);
+}
+
+TEST(ErrorTexts, NameTheBitsInOrder) {
+  const Instrument instrument("");
+  const PCIeDiagnostics diagnostics;
+  const struct {
+    unsigned int bit;
+    const char* text;
+  } uncorrectable[] = {{0x10, "Data Link"},
+                       {0x20, "Surprise Down"},
+                       {0x1000, "Poisoned DLP"},
+                       {0x2000, "Flow Control"},
+                       {0x4000, "Completion Timeout"},
+                       {0x8000, "Completion Abort"},
+                       {0x10000, "Unexpected Completion"},
+                       {0x20000, "Receiver Overflow"},
+                       {0x40000, "Malformed TLP"},
+                       {0x80000, "ECRC Error"},
+                       {0x100000, "Unsupported Request"},
+                       {0x200000, "ACS Violation"}};
+  std::string all;
+  for (const auto& error : uncorrectable) {
+    EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(error.bit), error.text);
+    all += (all.empty() ? "" : ", ") + std::string(error.text);
+  }
+  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(0x003FF030), all);
+  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(0xFFFFFFFF), all);
+  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(~0x003FF030U), "None");
+  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(0), "None");
+
+  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x31C1),
+            "Rx Errors, Bad TLP, Bad DLLP, Replay Num, Replay Timeout, Advisory");
+  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0xFFFFFFFF),
+            "Rx Errors, Bad TLP, Bad DLLP, Replay Num, Replay Timeout, Advisory");
+  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x1040), "Bad TLP, Replay Timeout");
+  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x2001), "Rx Errors, Advisory");
+  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x180), "Bad DLLP, Replay Num");
+  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(~0x31C1U), "None");
+}
+
+Lines snapshot(PCIeDownstreamPorts port) {
+  Lines lines;
+  const auto read = [&](int width, const std::string& device, std::initializer_list<unsigned> all) {
+    for (const unsigned int offset : all) {
+      lines.push_back("pci read" + std::to_string(width) + " " + device + " " + hex(offset) + " ");
+    }
+  };
+  read(16, "0000:00:00.0", {0x82, 0x7A});
+  read(32, "0000:00:00.0", {0x104, 0x110});
+  read(32, upstreamAddress(port), {0xFB8, 0xFC4, 0x1E8, 0x1EC, 0x1F4});
+  read(32, portAddresses[port], {0x78, 0xFB8, 0xFC4, 0x1E8, 0x1EC});
+  return lines;
+}
+
+/// Accesses without the values.
+Lines withoutValues(Lines trace) {
+  for (std::string& line : trace) {
+    line = line.compare(0, 3, "pci") == 0 ? line.substr(0, line.rfind(' ') + 1) : line;
+  }
+  return trace;
+}
+
+TEST(Snapshot, ReadsThePathInOrder) {
+  for (const PCIeDownstreamPorts port : allPorts) {
+    Fabric fabric("");
+    const DiagnosticsResults results = fabric.diagnostics.getDiagnosticsResults(port, false);
+    EXPECT_THAT(withoutValues(fabric.takeTrace()), ElementsAreArray(snapshot(port)));
+    EXPECT_TRUE(results.downstreamLinkUp && results.portDataLinkActive && results.rootLinkOk);
+    EXPECT_EQ(results.portIds.deviceId, port < ShimPort1 ? 0x1002 + port : 0x1003 + port);
+    EXPECT_FALSE(results.pciSystemReady || results.rootPortFound || results.upstreamFound);
+    EXPECT_EQ(results.rootPortIds.vendorId + results.upstreamIds.vendorId, 0);
+    EXPECT_EQ(fabric.output() + fabric.console.errors(), "");
+  }
+}
+
+TEST(Snapshot, FillsEachFieldFromItsRegister) {
+  Fabric fabric(
+      "[pci root]\nuncorrectable=0x80000001\ncorrectable=0xffffffff\n"
+      "register-78=0x00ff0000\n"
+      "[pci switch]\nuncorrectable=0xffffffff\ncorrectable=0xffffffff\n"
+      "[pci port7]\nuncorrectable=0xfff0\ncorrectable=0xf0c0\nregister-1e8=0xe8\n"
+      "register-1ec=0xec000000\n");
+  const DiagnosticsResults results =
+      fabric.diagnostics.getDiagnosticsResults(DownstreamPort7, false);
+  EXPECT_EQ(results.rootLinkStatus, 0x2012);
+  EXPECT_EQ(results.rootLinkFault, 0U);
+  EXPECT_EQ(results.rootUncorrectableStatus, 0x80000001U);
+  EXPECT_EQ(results.rootCorrectableStatus, 0xC0U);
+  EXPECT_EQ(results.upstreamUncorrectableStatus, 0x3FF030U);
+  EXPECT_EQ(results.upstreamCorrectableStatus, 0x31C1U);
+  EXPECT_EQ(results.portUncorrectableStatus, 0xF030U);
+  EXPECT_EQ(results.portCorrectableStatus, 0x30C0U);
+  EXPECT_EQ(results.portRegister1E8, 0xE8U);
+  EXPECT_EQ(results.portRegister1EC, 0xEC000000U);
+  EXPECT_EQ(results.reserved1 + results.reserved2 + results.prbsErrors, 0U);
+  EXPECT_FALSE(results.prbsSync);
+}
+
+TEST(Snapshot, ShowsTheErrorsThatTheRootPortDetected) {
+  // Bits 4 and 5 are no errors; the set-up cannot clear what is latched here.
+  Fabric fabric("[pci root]\nregister-78=0x003f0000\nstuck-78=0x003f0000");
+  EXPECT_EQ(fabric.diagnostics.getDiagnosticsResults(DownstreamPort1, false).rootDeviceStatus,
+            0xFU);
+}
+
+TEST(Snapshot, KnowsAGoodRootLink) {
+  const std::map<std::string, bool> statuses = {
+      {"0x2012", true},  {"0xf7ff", true},  {"0x2812", false}, {"0x0012", false},
+      {"0x2002", false}, {"0x2010", false}, {"0", false},      {"0x2013", true}};
+  for (const auto& [status, good] : statuses) {
+    Fabric fabric("[pci root]\nlink-status=" + status);
+    const DiagnosticsResults results =
+        fabric.diagnostics.getDiagnosticsResults(DownstreamPort1, false);
+    EXPECT_EQ(results.rootLinkOk, good) << status;
+    EXPECT_EQ(results.rootLinkFault, good ? 0U : 1U) << status;
+    EXPECT_EQ(results.rootLinkStatus, std::stoul(status, nullptr, 0)) << status;
+  }
+}
+
+TEST(Snapshot, TellsThePortsLinksApart) {
+  const char* const names[] = {"port1", "port5", "port7", "port9", "shim-port1", "shim-port5"};
+  for (const PCIeDownstreamPorts down : allPorts) {
+    Fabric fabric(std::string("[pci ") + names[down] + "]\nlink=down");
+    for (const PCIeDownstreamPorts port : allPorts) {
+      const auto results = fabric.diagnostics.getDiagnosticsResults(port, false);
+      EXPECT_EQ(results.downstreamLinkUp, port != down) << port << down;
+      EXPECT_EQ(results.portDataLinkActive, port != down) << port << down;
+    }
+  }
+}
+
+TEST(LinkChecks, ClearTheLatchedErrorsOfThePath) {
+  for (const PCIeDownstreamPorts port : {DownstreamPort9, ShimPort5}) {
+    Fabric fabric("[pci root]\ncorrectable=0x40\nuncorrectable=0x10\n");
+    fabric.diagnostics.clearDownstreamResults(port);
+    const std::string root = "0000:00:00.0";
+    Lines expected;
+    for (const Lines& lines :
+         {update(root, 16, 0x7A, 0, 0), update(root, 32, 0x130, 0, 0),
+          update(root, 32, 0x110, 0x40, 0x40), update(root, 32, 0x104, 0x10, 0x10)}) {
+      expected.insert(expected.end(), lines.begin(), lines.end());
+    }
+    for (const std::string device : {upstreamAddress(port), portAddresses[port]}) {
+      expected.push_back("pci write32 " + device + " fb8 3ff030");
+      expected.push_back("pci write32 " + device + " fc4 31c1");
+    }
+    EXPECT_THAT(fabric.takeTrace(), ElementsAreArray(expected));
+  }
+}
+
+TEST(LinkChecks, WatchTheLinkForTheTimeGiven) {
+  const struct {
+    unsigned int seconds;
+    std::size_t waits;
+    const char* root;
+  } cases[] = {{0, 1, "up"}, {3, 30, "up"}, {0x1999999A, 4, "up"}, {3, 0, "down"}};
+  for (const auto& test : cases) {
+    Fabric fabric(std::string("[pci port5]\nlink-lost-after=0.35\n[pci root]\nlink=") + test.root);
+    const DiagnosticsResults results =
+        fabric.diagnostics.checkLiveDownstreamPort(DownstreamPort5, test.seconds, false);
+    const Lines trace = fabric.takeTrace();
+    EXPECT_EQ(with(trace, "sleep 100000 us").size(), test.waits);
+    EXPECT_EQ(with(trace, "0000:02:05.0 78 ").size(), test.waits + 1);
+    EXPECT_THAT(with(trace, "pci write"), IsEmpty());
+    EXPECT_EQ(results.downstreamLinkUp, test.waits < 4) << "the last snapshot is the result";
+    EXPECT_TRUE(results.pciSystemReady && results.rootPortFound && results.upstreamFound);
+    EXPECT_EQ(results.rootPortIds.deviceId, 0x1000);
+    EXPECT_EQ(results.upstreamIds.deviceId, 0x1001);
+    EXPECT_EQ(fabric.output() + fabric.console.errors(), "");
+  }
+  Fabric fabric("");
+  fabric.diagnostics.checkLiveDownstreamPort(DownstreamPort5, 0, true);
+  EXPECT_THAT(fabric.takeTrace().front(), HasSubstr("pci read16 0000:00:00.0 7a"))
+      << "cleared before the first snapshot";
+}
+
+TEST(LinkChecks, ReportTheUpstreamPortThatTheyAreAbout) {
+  Fabric fabric("");
+  PCIeDiagnostics& diagnostics = fabric.diagnostics;
+  EXPECT_EQ(diagnostics.checkLiveDownstreamPort(ShimPort1, 0, false).upstreamIds.deviceId, 0x1006);
+  EXPECT_EQ(diagnostics.testDownstreamPort(ShimPort1, 0).upstreamIds.deviceId, 0x1001);
+  EXPECT_TRUE(diagnostics.isLinkUp(ShimPort5));
+  diagnostics.shimUpstreamFound = false;
+  fabric.takeTrace();
+  EXPECT_FALSE(diagnostics.checkLiveDownstreamPort(ShimPort1, 0, false).upstreamFound);
+  EXPECT_THAT(with(fabric.takeTrace(), "sleep"), IsEmpty());
+  EXPECT_TRUE(diagnostics.testDownstreamPort(ShimPort1, 0).upstreamFound);
+  EXPECT_TRUE(diagnostics.isLinkUp(ShimPort1)) << "the main switch's flag counts";
+  diagnostics.switchUpstreamFound = false;
+  EXPECT_FALSE(diagnostics.isLinkUp(ShimPort1));
+  EXPECT_FALSE(diagnostics.isLinkUp(DownstreamPort1));
+}
+
+TEST(LinkChecks, AnswerWithTheSecondSnapshotOfAGoodRootLink) {
+  {
+    Fabric fabric("[pci port1]\nlink-lost-after=0.05");
+    EXPECT_FALSE(fabric.diagnostics.isLinkUp(DownstreamPort1));
+    EXPECT_EQ(fabric.milliseconds(), 100);
+  }
+  Fabric fabric("[pci root]\nlink=down");
+  EXPECT_TRUE(fabric.diagnostics.isLinkUp(DownstreamPort1));
+  EXPECT_EQ(fabric.milliseconds(), 0);
+  EXPECT_EQ(fabric.output() + fabric.console.errors(), "");
+}
+
+TEST(LinkChecks, SleepWhateverInterrupts) {
+  const struct {
+    unsigned long time;
+    const char* faults;
+    Lines sleeps;
+  } cases[] = {
+      {0, "", {"sleep 0 us"}},
+      {2345, "", {"sleep 2345000 us"}},
+      {4294967296000UL + 1, "", {"sleep 1000 us"}},  // the seconds are cut to 32 bits
+      {2147483648000UL, "", {}},
+      {40,
+       "[faults]\ninterrupted-sleep=on",
+       {"sleep 20000 us", "sleep 10000 us", "sleep 10000 us"}},
+  };
+  for (const auto& test : cases) {
+    Instrument instrument(test.faults);
+    PCIeDiagnostics diagnostics;
+    instrument.takeTrace();
+    EXPECT_EQ(diagnostics.wait_ms(test.time), 0);
+    EXPECT_THAT(instrument.takeTrace(), ElementsAreArray(test.sleeps)) << test.time;
+  }
+}
+
+// Each port's bits, by register.
+const struct {
+  unsigned int loopbackEnable;
+  unsigned int loopbackStatus;
+  unsigned int select;
+  unsigned int prbsEnable;
+  unsigned int prbsSync;
+  unsigned int analog;
+  unsigned int quiet;
+} bitsOf[] = {{0x1, 0x8, 0x0, 0x1000000, 0x10000, 0x100, 0x010101},
+              {0x10000, 0x80000, 0x3000000, 0x8000000, 0x80000, 0x1000, 0x040404},
+              {0x1000, 0x8000, 0x2000000, 0x4000000, 0x40000, 0x800, 0x080808},
+              {0x100, 0x800, 0x1000000, 0x2000000, 0x20000, 0x400, 0x101010},
+              {0x1, 0x8, 0x0, 0x1000000, 0x10000, 0x100, 0x010101},
+              {0x100, 0x800, 0x1000000, 0x2000000, 0x20000, 0x400, 0x040404}};
+
+TEST(Prbs, MasksAreThoseOfThePorts) {
+  for (const PCIeDownstreamPorts port : allPorts) {
+    EXPECT_THAT(DiagnosticMaskRegs[port],
+                ElementsAre(bitsOf[port].analog, bitsOf[port].prbsSync, bitsOf[port].prbsEnable,
+                            bitsOf[port].select));
+  }
+}
+
+TEST(Prbs, IsSetUpAndTornDownInOrder) {
+  for (const PCIeDownstreamPorts port : allPorts) {
+    const auto& bits = bitsOf[port];
+    const std::string upstream = upstreamAddress(port);
+    const std::string name = port < ShimPort1 ? "switch" : "shim";
+    Fabric fabric("[pci " + name + "]\nregister-244=0x8300ffff\nregister-25c=0xffffffff\n");
+    fabric.diagnostics.setupPRBSLoopbackTest(port);
+    const std::string read = "pci read32 " + upstream + " ";
+    const std::string write = "pci write32 " + upstream + " ";
+    const std::string sleep = "sleep 1000 us";
+    const Lines trace = fabric.takeTrace();
+    ASSERT_EQ(trace.size(), 13U);
+    EXPECT_THAT(trace[0], HasSubstr(read + "244 "));
+    const unsigned long kept = std::stoul(trace[0].substr(trace[0].rfind(' ')), nullptr, 16);
+    EXPECT_EQ(trace[1], write + "244 " + hex((kept & 0xFCFFFFFF) | bits.select));
+    EXPECT_EQ(trace[2], sleep);
+    EXPECT_THAT(trace[3], HasSubstr(read + "224 "));
+    const unsigned long idle = std::stoul(trace[3].substr(trace[3].rfind(' ')), nullptr, 16);
+    EXPECT_EQ(trace[4], write + "224 " + hex(idle | bits.loopbackEnable));
+    EXPECT_EQ(trace[5], sleep);
+    EXPECT_EQ(trace[6], read + "224 " + hex((idle | bits.loopbackEnable) & ~bits.loopbackStatus));
+    EXPECT_EQ(trace[7], sleep);
+    EXPECT_EQ(trace[8], read + "25c ffffffff");
+    EXPECT_EQ(trace[9], write + "25c f0f0ffff");
+    EXPECT_EQ(trace[10], sleep);
+    EXPECT_EQ(trace[11], read + "25c f0f0ffff");
+    EXPECT_EQ(trace[12], write + "25c " + hex(0xF0F0FFFF | bits.prbsEnable));
+    EXPECT_EQ(fabric.console.errors(), "");
+
+    EXPECT_TRUE(fabric.diagnostics.checkForPRBSSync(port));
+    fabric.takeTrace();
+    fabric.diagnostics.tearDownPRBSLoopbackTest(port);
+    const Lines down = fabric.takeTrace();
+    ASSERT_EQ(down.size(), 6U);
+    EXPECT_EQ(down[1], write + "224 " + hex(idle & ~bits.loopbackStatus));
+    EXPECT_EQ(down[2], sleep);
+    EXPECT_EQ(down[3], read + "224 " + hex(idle));
+    EXPECT_EQ(down[5], write + "25c f0f0ffff");
+  }
+}
+
+TEST(Prbs, LoopbackMasterStatusIsActiveLow) {
+  Fabric fabric("[pci port9]\nloopback=refused");
+  PCIeDiagnostics& diagnostics = fabric.diagnostics;
+  EXPECT_TRUE(diagnostics.setLoopbackMasterControl(DownstreamPort1, true));
+  EXPECT_TRUE(diagnostics.setLoopbackMasterControl(DownstreamPort1, false));
+  EXPECT_FALSE(diagnostics.setLoopbackMasterControl(DownstreamPort9, true));
+  fabric.takeTrace();
+  diagnostics.setupPRBSLoopbackTest(DownstreamPort9);
+  EXPECT_EQ(fabric.console.errors(), "couldn't set up looback master control\n");
+  EXPECT_EQ(with(fabric.takeTrace(), "pci write32 0000:01:00.0 25c").size(), 2U)
+      << "carried on all the same";
+}
+
+TEST(Prbs, CounterCountsOnlyWhileItIsValid) {
+  Fabric fabric("[pci port9]\nprbs-errors-after=0\nprbs-errors-per-second=42\n");
+  PCIeDiagnostics& diagnostics = fabric.diagnostics;
+  EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort9), 0U);
+  EXPECT_EQ(with(fabric.takeTrace(), "244").size(), 1U) << "the counter itself is not read";
+  diagnostics.setupPRBSLoopbackTest(DownstreamPort9);
+  diagnostics.wait_ms(1000);
+  fabric.takeTrace();
+  EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort9), 42U);
+  EXPECT_EQ(with(fabric.takeTrace(), "pci read32 0000:01:00.0 244 412a0000").size(), 2U);
+  EXPECT_THAT(fabric.output(), HasSubstr("portAddress: 244\nbits: 40000000\nreg: 412a0000\n"));
+}
+
+TEST(PrbsTest, PollsUntilSomethingFails) {
+  const struct {
+    const char* description;
+    unsigned int seconds;
+    std::size_t polls;
+    bool sync;
+    unsigned int errors;
+    const char* messages;
+  } cases[] = {
+      {"", 5, 10, true, 0, ""},
+      {"", 0, 1, true, 0, ""},
+      {"", 0x80000002, 4, true, 0, ""},
+      {"[pci port7]\nprbs=no-sync", 5, 0, false, 0, "prbsSync failed\n"},
+      {"[pci port7]\nprbs-errors-after=0.4\nprbs-errors-per-second=30", 5, 1, true, 3,
+       "prbsErrors: 3\n"},
+      {"[pci port7]\nlink-lost-after=1.2", 5, 3, false, 0, "prbsSync failed\n"},
+      {"[pci root]\nlink-lost-after=0.9", 5, 2, true, 0, ""},
+      {"[pci root]\nlink=down", 5, 0, true, 0, ""},
+  };
+  for (const auto& test : cases) {
+    Fabric fabric(test.description);
+    const DiagnosticsResults results =
+        fabric.diagnostics.testDownstreamPort(DownstreamPort7, test.seconds);
+    const Lines trace = fabric.takeTrace();
+    EXPECT_EQ(with(trace, "sleep 500000 us").size(), test.polls) << test.description;
+    EXPECT_EQ(with(trace, "0000:02:07.0 78 ").size(), test.polls + 1) << test.description;
+    EXPECT_EQ(results.prbsSync, test.sync) << test.description;
+    EXPECT_EQ(results.prbsErrors, test.errors) << test.description;
+    EXPECT_EQ(fabric.console.errors(), test.messages) << test.description;
+    EXPECT_EQ(trace.back(), "pci write32 0000:01:00.0 25c 0") << "torn down";
+    EXPECT_TRUE(results.pciSystemReady && results.rootPortFound && results.upstreamFound);
+    EXPECT_EQ(results.portIds.deviceId, 0x1004);
+  }
+}
+
+TEST(ShimSwitch, IsFoundBehindTheModulesPort) {
+  Instrument instrument("[pci]\nshim=1\n" + bridgeBefore("shim", "7") +
+                        bridgeBefore("shim-port1", "7") + bridgeBefore("shim-port5", "7"));
+  const Console console;
+  PCIeDiagnostics diagnostics;
+  instrument.takeTrace();
+  diagnostics.setupShimSwitch(1);
+  EXPECT_EQ(console.output(),
+            "Module Downstream: 9\n"
+            "primary: 2 secondary: 15 subordinate: 18\n"
+            "shim_primary: 15 shim_secondary: 16 shim_subordinate: 18\n"
+            "shim_primary: 16 shim_secondary: 17 shim_subordinate: 17\n"
+            "shim_primary: 16 shim_secondary: 18 shim_subordinate: 18\n");
+  Lines expected = {"pci find 0000:02:09.0",  "pci buses 0000:02:09.0", "pci find 0000:0f:00.0",
+                    "pci buses 0000:0f:00.0", "pci find 0000:10:01.0",  "pci find 0000:10:05.0",
+                    "pci buses 0000:10:01.0", "pci buses 0000:10:05.0"};
+  for (const char* device : {"0000:0f:00.0", "0000:10:01.0", "0000:10:05.0"}) {
+    const Lines lines = bridgeSetUp(device);
+    expected.insert(expected.end(), lines.begin(), lines.end());
+  }
+  EXPECT_THAT(instrument.takeTrace(), ElementsAreArray(expected));
+  EXPECT_EQ(console.errors(), "");
+  EXPECT_TRUE(diagnostics.shimUpstreamFound);
+  EXPECT_NE(diagnostics.shimUpstreamPort, nullptr);
+  EXPECT_EQ(diagnostics.shimUpstreamIds.deviceId, 0x1006);
+  EXPECT_EQ(diagnostics.downstreamIds[ShimPort1].deviceId, 0x1007);
+  EXPECT_EQ(diagnostics.downstreamIds[ShimPort5].deviceId, 0x1008);
+
+  diagnostics.setupShimSwitch(4);
+  EXPECT_TRUE(diagnostics.shimUpstreamFound) << "no such module: nothing is done";
+  EXPECT_THAT(instrument.takeTrace(), IsEmpty());
+  diagnostics.setupShimSwitch(0);
+  EXPECT_FALSE(diagnostics.shimUpstreamFound);
+  EXPECT_EQ(diagnostics.downstreamPorts[ShimPort1], nullptr);
+  EXPECT_EQ(diagnostics.downstreamPorts[ShimPort5], nullptr);
+}
+
+TEST(ShimSwitch, SaysWhereTheWalkEnds) {
+  const std::string shim = "[pci]\nshim=1\n";
+  const struct {
+    unsigned int module;
+    std::string description;
+    std::size_t lines;  // printed before
+    const char* error;
+    bool pointers[3];  // upstream port, ports 4 and 5
+  } cases[] = {
+      {1, shim + "[pci port9]\npresent=no", 1, "Could not find device: 9\n", {}},
+      {1, shim + "[pci port9]\nclass=0x028000", 1, "Device was not a bridge\n", {}},
+      {1, shim + "[pci port9]\nclass=0x060000", 2, "Could not find device: -1\n", {}},
+      {1, shim + "[pci port9]\nclass=0x068000", 2, "Could not find device: -1\n", {}},
+      {1, shim + "[pci shim]\npresent=no", 2, "Could not find device: 15\n", {}},
+      {0, shim, 2, "Could not find device: 3\n", {}},
+      {2, shim, 2, "Could not find device: 11\n", {}},
+      {3, shim, 2, "Could not find device: 7\n", {}},
+      {1, shim + "[pci shim]\nclass=0x028000", 2, "Device was not a bridge\n", {true}},
+      {1,
+       shim + "[pci shim-port1]\npresent=no",
+       3,
+       "Could not find device: 16.1\n",
+       {true, false, true}},
+      {1,
+       shim + "[pci shim-port5]\npresent=no",
+       3,
+       "Could not find device: 16.5\n",
+       {true, true, false}},
+      {1,
+       shim + "[pci shim-port1]\nclass=0x028000",
+       3,
+       "Device was not a bridge\n",
+       {true, true, true}},
+      {1,
+       shim + "[pci shim-port5]\nclass=0x028000",
+       4,
+       "Device was not a bridge\n",
+       {true, true, true}},
+  };
+  for (const auto& test : cases) {
+    Instrument instrument(test.description);
+    const Console discovery;
+    PCIeDiagnostics diagnostics;
+    instrument.takeTrace();
+    const Console console;
+    diagnostics.setupShimSwitch(test.module);
+    const std::string output = console.output();
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), test.lines) << test.description;
+    EXPECT_EQ(console.errors(), test.error) << test.description;
+    EXPECT_THAT(with(instrument.takeTrace(), "pci write"), IsEmpty()) << test.description;
+    EXPECT_FALSE(diagnostics.shimUpstreamFound);
+    EXPECT_EQ(diagnostics.shimUpstreamPort != nullptr, test.pointers[0]) << test.description;
+    EXPECT_EQ(diagnostics.downstreamPorts[ShimPort1] != nullptr, test.pointers[1]);
+    EXPECT_EQ(diagnostics.downstreamPorts[ShimPort5] != nullptr, test.pointers[2]);
+    EXPECT_EQ(diagnostics.shimUpstreamIds.vendorId + diagnostics.downstreamIds[4].vendorId, 0);
+  }
+  const char* const devices[] = {"1", "9", "7", "5"};
+  for (unsigned int module = 0; module < 4; ++module) {
+    const Instrument instrument("[pci]\n");
+    const Console console;
+    PCIeDiagnostics().setupShimSwitch(module);
+    EXPECT_THAT(console.output(),
+                HasSubstr(std::string("Module Downstream: ") + devices[module] + "\n"));
+  }
+  Instrument instrument("");
+  const Console console;
+  PCIeDiagnostics().setupShimSwitch(1);
+  EXPECT_EQ(console.output() + console.errors(), "");
+}
+
+TEST(Transmitter, FieldsAreReplaced) {
+  Fabric fabric("[pci switch]\nregister-ba8=0xabcdef\nregister-b98=0xabcdef");
+  PCIeDiagnostics& diagnostics = fabric.diagnostics;
+  EXPECT_TRUE(diagnostics.setPostCursorEmphasis(DownstreamPort5, 0, 0x12));
+  EXPECT_THAT(fabric.takeTrace(),
+              ElementsAreArray(update("0000:01:00.0", 32, 0xBA8, 0xABCDEF, 0xABCDF2)));
+  EXPECT_TRUE(diagnostics.setDriveLevel(DownstreamPort5, 0, 3));
+  EXPECT_THAT(fabric.takeTrace(),
+              ElementsAreArray(update("0000:01:00.0", 32, 0xB98, 0xABCDEF, 0xABCDE3)));
+  const std::string printed = fabric.output();
+  for (const int index : {1, -1}) {
+    EXPECT_FALSE(diagnostics.setPostCursorEmphasis(DownstreamPort5, index, 1));
+    EXPECT_FALSE(diagnostics.setDriveLevel(DownstreamPort5, index, 1));
+  }
+  EXPECT_THAT(fabric.takeTrace(), IsEmpty());
+  EXPECT_EQ(fabric.output(), printed);
+}
+
+TEST(Transmitter, QuietTransmitLeavesTheUpperBits) {
+  for (const PCIeDownstreamPorts port : allPorts) {
+    const unsigned int bits = bitsOf[port].quiet;
+    const std::string name = port < ShimPort1 ? "switch" : "shim";
+    const std::string upstream = upstreamAddress(port);
+    Fabric fabric("[pci " + name + "]\nregister-234=0x80000000");
+    EXPECT_TRUE(fabric.diagnostics.setTo5GQuietTransmitWithoutLoopback(port, true));
+    Lines expected = update(upstream, 32, 0x234, 0x80000000, 0x80000000 | bits);
+    expected.emplace_back("sleep 10000 us");
+    expected.push_back("pci read32 " + upstream + " 234 " + hex(0x80000000 | bits));
+    const Lines clear =
+        update(upstream, 32, 0x234, 0x80000000 | bits, 0x80000000 | (bits & 0xFFFF00));
+    expected.insert(expected.end(), clear.begin(), clear.end());
+    EXPECT_THAT(fabric.takeTrace(), ElementsAreArray(expected));
+    EXPECT_TRUE(fabric.diagnostics.setTo5GQuietTransmitWithoutLoopback(port, false));
+    EXPECT_THAT(
+        fabric.takeTrace(),
+        ElementsAreArray(update(upstream, 32, 0x234, 0x80000000 | (bits & 0xFFFF00), 0x80000000)));
+
+    Fabric stuck("[pci " + name + "]\nstuck-234=0xff");
+    EXPECT_TRUE(stuck.diagnostics.setTo5GQuietTransmitWithoutLoopback(port, true));
+    EXPECT_EQ(stuck.takeTrace().size(), 4U) << "nothing to clear";
+  }
+}
+
+TEST(Transmitter, AnalogLoopbackReadsBackAndRetrains) {
+  for (const PCIeDownstreamPorts port : allPorts) {
+    const unsigned int bit = bitsOf[port].analog;
+    const std::string name = port < ShimPort1 ? "switch" : "shim";
+    const std::string upstream = upstreamAddress(port);
+    for (const bool stuck : {false, true}) {
+      Fabric fabric("[pci " + name + "]\nregister-b84=" + (stuck ? "0" : "0x4000") +
+                    "\nstuck-b84=" + (stuck ? "0x1f00" : "0"));
+      const unsigned int idle = stuck ? 0 : 0x4000;
+      EXPECT_EQ(fabric.diagnostics.setPCIeExternalAnalogLoopback(port, true), !stuck);
+      Lines expected = update(upstream, 32, 0xB84, idle, idle | bit);
+      expected.emplace_back("sleep 100000 us");
+      expected.push_back("pci read32 " + upstream + " b84 " + hex(stuck ? 0 : idle | bit));
+      const Lines retrain = update(portAddresses[port], 32, 0x78, 0x20120000, 0x20120020);
+      expected.insert(expected.end(), retrain.begin(), retrain.end());
+      expected.emplace_back("sleep 10000 us");
+      EXPECT_THAT(fabric.takeTrace(), ElementsAreArray(expected));
+      EXPECT_TRUE(fabric.diagnostics.setPCIeExternalAnalogLoopback(port, false));
+      const Lines off = fabric.takeTrace();
+      EXPECT_EQ(off[1], "pci write32 " + upstream + " b84 " + hex(idle));
+      EXPECT_EQ(with(off, " 78 ").size(), 2U) << "retrained either way";
+    }
+  }
+}
+
+TEST(Objects, LeaveNothingOpen) {
+  const Instrument instrument("[pci]\n");
+  PCIeDiagnostics().isLinkUp(DownstreamPort1);
+  const std::size_t before = openFiles();
+  for (int object = 0; object < 100; ++object) {
+    PCIeDiagnostics().isLinkUp(DownstreamPort1);
+  }
+  EXPECT_EQ(openFiles(), before);
+}
+
+}  // namespace
