@@ -16,3 +16,8 @@ struct Operation {
 
 std::vector<Operation> sysfsOperations();
 std::vector<Operation> boardOperations();
+std::vector<Operation> pcieOperations();
+std::vector<Operation> moduleOperations();
+
+/// Set-up of the backplane, which depends on how many I2C devices there are.
+std::vector<Operation> backplaneOperations();

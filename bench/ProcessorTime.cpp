@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr int turns = 31;
 constexpr double secondsPerTurn = 0.02;
 
 /// Keeps the least time of each call. What else the machine does only ever adds to a time, and adds
@@ -45,7 +44,7 @@ void initializeOnce() {
 
 }  // namespace
 
-std::vector<double> processorTimes(const std::vector<Call>& calls) {
+std::vector<double> processorTimes(const std::vector<Call>& calls, int turns) {
   initializeOnce();
   benchmark::ClearRegisteredBenchmarks();
   for (std::size_t index = 0; index < calls.size(); ++index) {

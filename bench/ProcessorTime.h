@@ -5,5 +5,5 @@
 #include "bench/Operation.h"
 
 /// Processor time, user and system, of one call of each, in nanoseconds. All are measured in one
-/// run, in turns.
-std::vector<double> processorTimes(const std::vector<Call>& calls);
+/// run, in so many turns.
+std::vector<double> processorTimes(const std::vector<Call>& calls, int turns);

@@ -20,14 +20,15 @@ trap 'rm -rf "$work"' EXIT
 
 # The first prototype, which has to look at every I2C device before it knows that there is no PMB.
 {
-  printf '[board]\nstraps=100000\n[gpio]\n81=high\n[i2c]\n0-0041=pca9536\n'
+  printf '[board]\nstraps=100000\n[gpio]\n81=high\n[pci]\n[module 0-0050]\nid=2\n'
+  printf 'top=i2c-0\nsystem=i2c-0\nsolution=i2c-0\n[i2c]\n0-0041=pca9536\n'
   printf '1-%04x=eeprom\n' {16..34}
 } >"$work/instrument.conf"
 
 # shellcheck disable=SC2016  # expanded by the shell on the instrument
 "$build/simulator/talvero-sim" --instrument "$work/instrument.conf" -- bash -ec '
   cp -a "$UMOCKDEV_DIR/sys" "$1"
-  for line in 80 81 82 135 {167..171}; do
+  for line in 80 81 82 133 135 {167..171}; do
     echo "$line" >/sys/class/gpio/export
     mkdir "$1/class/gpio/gpio$line"
     for attribute in direction value; do
@@ -46,4 +47,6 @@ echo 504 >"$chip/base"
 SYSTEMD_DEVICE_VERIFY_SYSFS=0 "${private[@]}" bash -ec '
   mount -t tmpfs bench /sys
   cp -a "$1/." /sys
+  # On x86 libpciaccess opens /proc/mtrr at each initialisation and never closes it.
+  ulimit -n 1000000 2>/dev/null || ulimit -n "$(ulimit -Hn)"
   exec "$2"' - "$work/sys" "$build/bench/talvero-bench"

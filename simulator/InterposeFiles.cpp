@@ -143,8 +143,12 @@ int createMemoryFile(const std::string& name, const std::string& content, int fl
   return fd;
 }
 
-std::string plainContent(const std::string& path) {
-  std::ifstream file(Locked()->root + path, std::ios::binary);
+/// Where umockdev keeps a file. Opened there, umockdev takes it for no device of its own and leaves
+/// out the ioctl emulation, which has a thread that does not always keep up.
+std::string treePath(const SysfsPath& path) { return Locked()->root + path.full; }
+
+std::string plainContent(const SysfsPath& path) {
+  std::ifstream file(treePath(path), std::ios::binary);
   std::ostringstream content;
   content << file.rdbuf();
   return content.str();
@@ -187,7 +191,7 @@ void tracePlainRead(const SysfsPath& path, bool opened) {
   }
   const int error = errno;
   if (opened) {
-    trace("read " + path.full + " " + inQuotes(plainContent(path.full)));
+    trace("read " + path.full + " " + inQuotes(plainContent(path)));
   } else {
     traceResult("read " + path.full, error);
   }
@@ -214,8 +218,12 @@ int openFile(const char* name, int flags, Open real) {
     return -1;
   }
   const std::optional<SysfsPath> path = sysfsPath(name);
-  if (!path || (flags & O_DIRECTORY) != 0) {
-    return real();
+  if (!path) {
+    return real(name);
+  }
+  const std::string file = treePath(*path);
+  if ((flags & O_DIRECTORY) != 0) {
+    return real(file.c_str());
   }
   if (path->behaviour != nullptr) {
     return openBehaviour(*path, flags);
@@ -223,7 +231,7 @@ int openFile(const char* name, int flags, Open real) {
   if (!mayOpenPlain(*path, flags)) {
     return -1;
   }
-  const int fd = real();
+  const int fd = real(file.c_str());
   tracePlainRead(*path, fd >= 0);
   return fd;
 }
@@ -232,7 +240,7 @@ template <typename Open>
 std::FILE* openStream(const char* name, const char* mode, Open real) {
   const std::optional<SysfsPath> path = sysfsPath(name);
   if (!path) {
-    return real();
+    return real(name);
   }
   const int flags = streamFlags(mode);
   if (path->behaviour != nullptr) {
@@ -242,7 +250,7 @@ std::FILE* openStream(const char* name, const char* mode, Open real) {
   if (!mayOpenPlain(*path, flags)) {
     return nullptr;
   }
-  std::FILE* stream = real();
+  std::FILE* stream = real(treePath(*path).c_str());
   tracePlainRead(*path, stream != nullptr);
   return stream;
 }
@@ -314,12 +322,12 @@ extern "C" {
 
 std::FILE* fopen(const char* path, const char* mode) {
   static const auto real = next(&fopen, "fopen");
-  return openStream(path, mode, [&] { return real(path, mode); });
+  return openStream(path, mode, [&](const char* file) { return real(file, mode); });
 }
 
 std::FILE* fopen64(const char* path, const char* mode) {
   static const auto real = next(&fopen64, "fopen64");
-  return openStream(path, mode, [&] { return real(path, mode); });
+  return openStream(path, mode, [&](const char* file) { return real(file, mode); });
 }
 
 int open(const char* path, int flags, ...) {
@@ -328,7 +336,7 @@ int open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&] { return real(path, flags, mode); });
+  return openFile(path, flags, [&](const char* file) { return real(file, flags, mode); });
 }
 
 int open64(const char* path, int flags, ...) {
@@ -337,7 +345,7 @@ int open64(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&] { return real(path, flags, mode); });
+  return openFile(path, flags, [&](const char* file) { return real(file, flags, mode); });
 }
 
 int openat(int directory, const char* path, int flags, ...) {
@@ -346,7 +354,7 @@ int openat(int directory, const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&] { return real(directory, path, flags, mode); });
+  return openFile(path, flags, [&](const char* file) { return real(directory, file, flags, mode); });
 }
 
 int openat64(int directory, const char* path, int flags, ...) {
@@ -355,7 +363,7 @@ int openat64(int directory, const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&] { return real(directory, path, flags, mode); });
+  return openFile(path, flags, [&](const char* file) { return real(directory, file, flags, mode); });
 }
 
 // What open and open64 become in programs built with -D_FORTIFY_SOURCE.

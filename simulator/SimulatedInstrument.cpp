@@ -127,6 +127,7 @@ class I2cTree {
       const std::string base = std::to_string(nextGpioBase);
       nextGpioBase += linesOfAnExpander;
       createFile(treePath(path) / "gpio" / ("gpiochip" + base) / "base", base + "\n");
+      createFile(treePath(path) / "gpiochip0" / "dev", "254:0\n");
     }
   }
 

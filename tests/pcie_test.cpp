@@ -574,16 +574,16 @@ TEST(Prbs, LoopbackMasterStatusIsActiveLow) {
 }
 
 TEST(Prbs, CounterCountsOnlyWhileItIsValid) {
-  Fabric fabric("[pci port9]\nprbs-errors-after=0\nprbs-errors-per-second=42\n");
+  Fabric fabric("[pci port9]\nprbs-errors-after=0\nprbs-errors-per-second=200\n");
   PCIeDiagnostics& diagnostics = fabric.diagnostics;
   EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort9), 0U);
   EXPECT_EQ(with(fabric.takeTrace(), "244").size(), 1U) << "the counter itself is not read";
   diagnostics.setupPRBSLoopbackTest(DownstreamPort9);
   diagnostics.wait_ms(1000);
   fabric.takeTrace();
-  EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort9), 42U);
-  EXPECT_EQ(with(fabric.takeTrace(), "pci read32 0000:01:00.0 244 412a0000").size(), 2U);
-  EXPECT_THAT(fabric.output(), HasSubstr("portAddress: 244\nbits: 40000000\nreg: 412a0000\n"));
+  EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort9), 200U);
+  EXPECT_EQ(with(fabric.takeTrace(), "pci read32 0000:01:00.0 244 41c80000").size(), 2U);
+  EXPECT_THAT(fabric.output(), HasSubstr("portAddress: 244\nbits: 40000000\nreg: 41c80000\n"));
 }
 
 TEST(PrbsTest, PollsUntilSomethingFails) {
@@ -729,14 +729,14 @@ TEST(ShimSwitch, SaysWhereTheWalkEnds) {
 }
 
 TEST(Transmitter, FieldsAreReplaced) {
-  Fabric fabric("[pci switch]\nregister-ba8=0xabcdef\nregister-b98=0xabcdef");
+  Fabric fabric("[pci switch]\nregister-ba8=0xabcdff\nregister-b98=0xabcdff");
   PCIeDiagnostics& diagnostics = fabric.diagnostics;
   EXPECT_TRUE(diagnostics.setPostCursorEmphasis(DownstreamPort5, 0, 0x12));
   EXPECT_THAT(fabric.takeTrace(),
-              ElementsAreArray(update("0000:01:00.0", 32, 0xBA8, 0xABCDEF, 0xABCDF2)));
+              ElementsAreArray(update("0000:01:00.0", 32, 0xBA8, 0xABCDFF, 0xABCDF2)));
   EXPECT_TRUE(diagnostics.setDriveLevel(DownstreamPort5, 0, 3));
   EXPECT_THAT(fabric.takeTrace(),
-              ElementsAreArray(update("0000:01:00.0", 32, 0xB98, 0xABCDEF, 0xABCDE3)));
+              ElementsAreArray(update("0000:01:00.0", 32, 0xB98, 0xABCDFF, 0xABCDF3)));
   const std::string printed = fabric.output();
   for (const int index : {1, -1}) {
     EXPECT_FALSE(diagnostics.setPostCursorEmphasis(DownstreamPort5, index, 1));
