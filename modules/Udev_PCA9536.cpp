@@ -12,7 +12,7 @@
 
 namespace {
 
-using std::chrono_literals::operator""ms;
+using namespace std::chrono_literals;
 
 struct GpioLinks {
   unsigned int moduleNumber;

@@ -354,7 +354,8 @@ int openat(int directory, const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&](const char* file) { return real(directory, file, flags, mode); });
+  return openFile(path, flags,
+                  [&](const char* file) { return real(directory, file, flags, mode); });
 }
 
 int openat64(int directory, const char* path, int flags, ...) {
@@ -363,7 +364,8 @@ int openat64(int directory, const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&](const char* file) { return real(directory, file, flags, mode); });
+  return openFile(path, flags,
+                  [&](const char* file) { return real(directory, file, flags, mode); });
 }
 
 // What open and open64 become in programs built with -D_FORTIFY_SOURCE.

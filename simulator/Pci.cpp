@@ -238,16 +238,16 @@ int refusal(const PciDevice& device, std::uint32_t offset, std::uint32_t size, i
 }  // namespace
 
 void describeFabric(PciDevice (&devices)[pciPlaceCount]) {
-  constexpr int ports = 4;
+  constexpr unsigned int ports = 4;
   constexpr int busesBehindPort = 4;
   constexpr int firstBus = 3;
-  constexpr int last = firstBus + ports * busesBehindPort - 1;
+  constexpr int last = firstBus + static_cast<int>(ports) * busesBehindPort - 1;
   describeDevice(devices[rootPort], rootPort, 0, 0, 1, last);
   describeDevice(devices[switchUpstream], switchUpstream, 1, 0, 2, last);
   constexpr int deviceNumbers[] = {1, 5, 7, 9};
-  for (int port = 0; port < ports; ++port) {
+  for (unsigned int port = 0; port < ports; ++port) {
     const auto place = static_cast<PciPlace>(port1 + port);
-    const int bus = firstBus + port * busesBehindPort;
+    const int bus = firstBus + static_cast<int>(port) * busesBehindPort;
     describeDevice(devices[place], place, 2, deviceNumbers[port], bus, bus + busesBehindPort - 1);
   }
 }

@@ -105,7 +105,7 @@ class I2cTree {
   }
 
   std::string createDevice(const std::string& name, const I2cDevice& device) {
-    const std::string path = add(name, bus(busOf(name)), device.name);
+    std::string path = add(name, bus(busOf(name)), device.name);
     for (const auto& [key, value] : device.properties) {
       createFile(treePath(path) / "of_node" / key, value);
     }

@@ -9,9 +9,6 @@
 
 namespace fs = std::filesystem;
 
-// umockdev itself leaks one small block.
-extern "C" const char* __lsan_default_suppressions() { return "leak:umockdev"; }
-
 TemporaryDirectory::TemporaryDirectory() {
   std::string name = (fs::temp_directory_path() / "talvero-test.XXXXXX").string();
   path = mkdtemp(name.data());

@@ -214,9 +214,9 @@ TEST(Topology, IsResolvedOnceForManyThreads) {
   Modules instrument(modules);
   std::atomic<int> right{0};
   std::vector<std::thread> threads;
-  for (int thread = 0; thread < 8; ++thread) {
+  for (unsigned int thread = 0; thread < 8; ++thread) {
     threads.emplace_back([&right, thread] {
-      const unsigned int module = thread % 2 + 1U;
+      const unsigned int module = thread % 2 + 1;
       right += ModuleI2CInfo(module).systemBus == (module == 1 ? "i2c-30" : "i2c-32") ? 1 : 0;
     });
   }
