@@ -53,7 +53,9 @@ void printRow(const std::vector<std::string>& cells) {
   std::fflush(stdout);
 }
 
-void printMeasured(const Operation& operation, int turns = 31) {
+constexpr int manyTurns = 61;
+
+void printMeasured(const Operation& operation, int turns = manyTurns) {
   std::vector<Call> calls = {operation.library};
   if (operation.floor != nullptr) {
     calls.push_back(operation.floor);
@@ -82,7 +84,7 @@ void printBackplane() {
     setI2cDeviceCount(devices);
     std::printf("with %d I2C devices:\n", devices);
     for (const Operation& operation : backplaneOperations()) {
-      printMeasured(operation, devices < 600 ? 31 : 5);
+      printMeasured(operation, devices < 600 ? manyTurns : 5);
     }
   }
 }
