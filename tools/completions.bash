@@ -1,0 +1,20 @@
+# bash completion for talvero-bist
+_talvero_bist() {
+  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+  local ports="DownstreamPort1 DownstreamPort5 DownstreamPort7 DownstreamPort9 ShimPort1 ShimPort5"
+  local words="report board slots power topology link errors prbs shim tx
+    --json --trace --help --version --seconds --clear --module --power-cycle
+    --drive-level --post-cursor --quiet --analog-loopback"
+  case "$before" in
+    link | errors | prbs | tx) words="$ports 0 1 2 3 4 5" ;;
+    power) words="0 1 2 3 4 5" ;;
+    shim | --module) words="0 1 2 3" ;;
+    --quiet | --analog-loopback | [0-5]) words="on off $words" ;;
+    --trace)
+      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      return
+      ;;
+  esac
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+}
+complete -F _talvero_bist talvero-bist
