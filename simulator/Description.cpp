@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <regex>
@@ -347,6 +348,9 @@ void readGroup(Description& description, GKeyFile* file, const std::string& file
 }  // namespace
 
 Description readDescription(const std::string& file) {
+  if (std::filesystem::is_directory(file)) {
+    throw DescriptionError(file + ": is a directory");
+  }
   std::ifstream stream(file, std::ios::binary);
   std::ostringstream text;
   text << stream.rdbuf();

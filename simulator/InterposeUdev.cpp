@@ -16,6 +16,13 @@ using simulator::next;
 using simulator::trace;
 using simulator::traceResult;
 
+namespace {
+
+/// libudev takes null for "any".
+const char* textOf(const char* argument) { return argument == nullptr ? "" : argument; }
+
+}  // namespace
+
 extern "C" {
 
 udev* udev_new() {
@@ -56,7 +63,7 @@ udev_enumerate* udev_enumerate_unref(udev_enumerate* enumeration) {
 int udev_enumerate_add_match_subsystem(udev_enumerate* enumeration, const char* subsystem) {
   static const auto real =
       next(&udev_enumerate_add_match_subsystem, "udev_enumerate_add_match_subsystem");
-  trace(std::string("udev_enumerate_add_match_subsystem ") + subsystem);
+  trace(std::string("udev_enumerate_add_match_subsystem ") + textOf(subsystem));
   return real(enumeration, subsystem);
 }
 
@@ -64,7 +71,8 @@ int udev_enumerate_add_match_sysattr(udev_enumerate* enumeration, const char* at
                                      const char* value) {
   static const auto real =
       next(&udev_enumerate_add_match_sysattr, "udev_enumerate_add_match_sysattr");
-  trace(std::string("udev_enumerate_add_match_sysattr ") + attribute + " " + inQuotes(value));
+  trace(std::string("udev_enumerate_add_match_sysattr ") + textOf(attribute) + " " +
+        inQuotes(textOf(value)));
   return real(enumeration, attribute, value);
 }
 

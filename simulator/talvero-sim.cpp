@@ -169,6 +169,7 @@ int run(Arguments& arguments) {
   for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2}) {
     sigaddset(&passed, signal);
   }
+  std::signal(SIGCHLD, SIG_DFL);  // an ignored one would never tell of the program's end
   sigprocmask(SIG_BLOCK, &passed, &before);
   int status = 0;
   {

@@ -47,7 +47,7 @@ std::string SysfsUtil::readSysfs(std::string path, bool* success, bool stripLast
     return "";
   }
   std::stringbuf content;
-  file.get() >> &content;
+  file.get() >> std::noskipws >> &content;
   std::string text = content.str();
   if (stripLastChar && !text.empty()) {
     text.pop_back();

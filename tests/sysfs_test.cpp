@@ -19,8 +19,15 @@ TEST(SysfsFiles, TextReaderReturnsTheContentWithOrWithoutItsLastCharacter) {
     const char* content;
     bool strip;
     const char* expected;
-  } cases[] = {{"1\n", true, "1"}, {"1\n", false, "1\n"}, {"1", true, ""},
-               {"", true, ""},     {"", false, ""},       {"a\r\nb\n", true, "a\r\nb"}};
+  } cases[] = {{"1\n", true, "1"},
+               {"1\n", false, "1\n"},
+               {"1", true, ""},
+               {"", true, ""},
+               {"", false, ""},
+               {"a\r\nb\n", true, "a\r\nb"},
+               {"  a b\n", false, "  a b\n"},
+               {"\n\n1\n", true, "\n\n1"},
+               {"\n", true, ""}};
   for (const auto& test : cases) {
     bool success = false;
     EXPECT_EQ(sysfs.readSysfs(directory.file("a", test.content), &success, test.strip),
@@ -72,6 +79,8 @@ TEST(SysfsFiles, WriterWritesExactlyTheData) {
   EXPECT_EQ(contentOf(file), "out");
   EXPECT_TRUE(sysfs.writeSysfs(file, "%s%n", 0));
   EXPECT_EQ(contentOf(file), "%s%n");
+  EXPECT_TRUE(sysfs.writeSysfs(file, "", 0));
+  EXPECT_EQ(contentOf(file), "");
   EXPECT_TRUE(sysfs.writeSysfs(file, "a\0bc", 3));
   EXPECT_EQ(contentOf(file), std::string("a\0b", 3));
 
@@ -83,7 +92,8 @@ TEST(SysfsFiles, WriterWritesExactlyTheData) {
   const std::string more(100000, 'x');  // more than any stream's buffer
   EXPECT_FALSE(sysfs.writeSysfs("/dev/full", more.c_str(), static_cast<int>(more.size())));
   EXPECT_FALSE(sysfs.writeSysfs("/dev/full", more.c_str(), 0));
-  EXPECT_TRUE(sysfs.writeSysfs("/dev/full", "x", 0)) << "an error at the close is not detected";
+  EXPECT_TRUE(sysfs.writeSysfs("/dev/full", "x", 1));
+  EXPECT_TRUE(sysfs.writeSysfs("/dev/full", "x\n", 0)) << "an error at the close is not detected";
 }
 
 TEST(SysfsDirectories, ListsAndFindsEntries) {
