@@ -1,201 +1,32 @@
-// Files below /sys: attributes with a behaviour of their own, and the trace of all accesses.
-//
-// An attribute with a behaviour is opened as a small memory file. What a program reads from it was
-// made up when it was opened. What a program writes is taken at the write or, where stdio wrote
-// from its own buffer, when the descriptor is closed, and refused there as the kernel would.
+// Files: every way to open, write and close one. SysfsFiles.h says what happens below /sys.
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "simulator/Gpio.h"
 #include "simulator/Next.h"
-#include "simulator/Power.h"
 #include "simulator/State.h"
+#include "simulator/SysfsFiles.h"
 
-namespace simulator {
+using simulator::next;
+using simulator::SysfsPath;
+using simulator::writtenAttribute;
 
 namespace {
 
-struct Behaviour {
-  const char* directory;
-  bool (*owns)(const std::string& path);
-  int (*open)(const std::string& path, bool writing, std::string& content);
-  int (*store)(const std::string& path, const std::string& text);
-};
-
-constexpr Behaviour behaviours[] = {
-    {"/sys/class/gpio/", gpio::owns, gpio::open, gpio::store},
-    {"/sys/platform/", power::owns, power::open, power::store},
-};
-
-/// A path below /sys, and the behaviour of the attribute that it names, if it has one.
-struct SysfsPath {
-  std::string full;
-  std::string relative;  // to the behaviour's directory
-  const Behaviour* behaviour = nullptr;
-};
-
-/// Nothing for a path outside /sys, which is none of the simulator's business.
-std::optional<SysfsPath> sysfsPath(const char* path) {
-  if (path == nullptr || std::strncmp(path, "/sys/", 5) != 0) {
-    return std::nullopt;
-  }
-  SysfsPath result{std::filesystem::path(path).lexically_normal().string(), "", nullptr};
-  for (const Behaviour& behaviour : behaviours) {
-    const std::size_t length = std::strlen(behaviour.directory);
-    if (result.full.compare(0, length, behaviour.directory) == 0) {
-      requireInstrument(path);
-      result.relative = result.full.substr(length);
-      if (behaviour.owns(result.relative)) {
-        result.behaviour = &behaviour;
-      }
-    }
-  }
-  if (!attached()) {
-    return std::nullopt;
-  }
-  return result;
-}
-
-int store(const SysfsPath& path, const std::string& text) {
-  const int error = path.behaviour->store(path.relative, text);
-  traceResult("write " + path.full + " " + inQuotes(text), error);
-  return error;
-}
-
-/// The attributes that this process has open for writing, by descriptor.
-class OpenAttributes {
- public:
-  void add(int fd, const SysfsPath& path) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    entries[fd] = path;
-    count = entries.size();
-  }
-
-  std::optional<SysfsPath> find(int fd) {
-    if (count == 0) {  // the usual case, also inside a signal handler
-      return std::nullopt;
-    }
-    const std::lock_guard<std::mutex> lock(mutex);
-    const auto entry = entries.find(fd);
-    return entry == entries.end() ? std::nullopt : std::make_optional(entry->second);
-  }
-
-  /// Forgets a descriptor that is about to be closed and takes what stdio has written to it.
-  int settle(int fd) {
-    const std::optional<SysfsPath> path = find(fd);
-    if (!path) {
-      return 0;
-    }
-    {
-      const std::lock_guard<std::mutex> lock(mutex);
-      entries.erase(fd);
-      count = entries.size();
-    }
-    std::string text(static_cast<std::size_t>(lseek(fd, 0, SEEK_END)), '\0');
-    if (text.empty()) {
-      return 0;
-    }
-    (void)!pread(fd, text.data(), text.size(), 0);
-    (void)!ftruncate(fd, 0);
-    lseek(fd, 0, SEEK_SET);
-    return store(*path, text);
-  }
-
- private:
-  std::mutex mutex;
-  std::map<int, SysfsPath> entries;
-  std::atomic<std::size_t> count{0};
-};
-
-// Never destroyed: programs close files while they exit.
-OpenAttributes& openAttributes() {
-  static auto* const attributes = new OpenAttributes;
-  return *attributes;
-}
-
-constexpr char memoryFilePrefix[] = "talvero-sim:";
-
-int createMemoryFile(const std::string& name, const std::string& content, int flags) {
-  const int fd = memfd_create(name.c_str(), (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0U);
-  if (fd >= 0 && !content.empty()) {
-    (void)!pwrite(fd, content.data(), content.size(), 0);
-  }
-  return fd;
-}
-
-/// Where umockdev keeps a file. Opened there, umockdev takes it for no device of its own and leaves
-/// out the ioctl emulation, which has a thread that does not always keep up.
-std::string treePath(const SysfsPath& path) { return Locked()->root + path.full; }
-
-std::string plainContent(const SysfsPath& path) {
-  std::ifstream file(treePath(path), std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
-
-/// A descriptor for an attribute with a behaviour; -1 with errno when it cannot be opened.
-int openBehaviour(const SysfsPath& path, int flags) {
-  const bool reading = (flags & O_ACCMODE) != O_WRONLY;
-  const bool writing = (flags & O_ACCMODE) != O_RDONLY;
-  std::string content;
-  const int error = path.behaviour->open(path.relative, writing, content);
-  if (error != 0) {
-    traceResult((writing ? "write " : "read ") + path.full, error);
-    errno = error;
-    return -1;
-  }
-  if (reading) {
-    trace("read " + path.full + " " + inQuotes(content));
-  }
-  const int fd = createMemoryFile(memoryFilePrefix + path.full, writing ? "" : content, flags);
-  if (fd >= 0 && writing) {
-    openAttributes().add(fd, path);
-  }
-  return fd;
-}
-
-/// Before a plain file below /sys is opened: its attributes are read-only, and nobody creates one.
-bool mayOpenPlain(const SysfsPath& path, int flags) {
-  if ((flags & O_ACCMODE) == O_RDONLY || nested()) {
-    return true;
-  }
-  traceResult("write " + path.full, EACCES);
-  errno = EACCES;
-  return false;
-}
-
-void tracePlainRead(const SysfsPath& path, bool opened) {
-  if (nested()) {
-    return;
-  }
-  const int error = errno;
-  if (opened) {
-    trace("read " + path.full + " " + inQuotes(plainContent(path)));
-  } else {
-    traceResult("read " + path.full, error);
-  }
+int fail(int error) {
   errno = error;
+  return -1;
 }
 
 int streamFlags(const char* mode) {
@@ -203,117 +34,108 @@ int streamFlags(const char* mode) {
   if (std::strchr(mode, '+') != nullptr) {
     flags = O_RDWR;
   }
-  return std::strchr(mode, 'e') != nullptr ? flags | O_CLOEXEC : flags;
+  return flags;
 }
 
-/// libpciaccess opens this file at each initialisation and never closes it.
-bool isLeaked(const char* name) {
-  return attached() && name != nullptr && std::strcmp(name, "/proc/mtrr") == 0;
-}
-
+/// Opens a file below /sys, plain ones by `real`.
 template <typename Open>
-int openFile(const char* name, int flags, Open real) {
-  if (isLeaked(name)) {
-    errno = ENOENT;
+int openBelow(const SysfsPath& path, int flags, Open real) {
+  if ((flags & (O_DIRECTORY | O_PATH)) != 0) {
+    return real(simulator::treePath(path).c_str());
+  }
+  if (path.behaviour != nullptr) {
+    return simulator::openAttribute(path, flags);
+  }
+  if (!simulator::mayOpenPlain(path, flags)) {
     return -1;
   }
-  const std::optional<SysfsPath> path = sysfsPath(name);
-  if (!path) {
-    return real(name);
-  }
-  const std::string file = treePath(*path);
-  if ((flags & O_DIRECTORY) != 0) {
-    return real(file.c_str());
-  }
-  if (path->behaviour != nullptr) {
-    return openBehaviour(*path, flags);
-  }
-  if (!mayOpenPlain(*path, flags)) {
-    return -1;
-  }
-  const int fd = real(file.c_str());
-  tracePlainRead(*path, fd >= 0);
+  const int fd = real(simulator::treePath(path).c_str());
+  simulator::tracePlainRead(path, fd >= 0);
   return fd;
 }
 
 template <typename Open>
-std::FILE* openStream(const char* name, const char* mode, Open real) {
-  const std::optional<SysfsPath> path = sysfsPath(name);
-  if (!path) {
-    return real(name);
+int openFile(int directory, const char* name, int flags, Open real) {
+  if (simulator::isHidden(name)) {
+    return fail(ENOENT);
   }
-  const int flags = streamFlags(mode);
-  if (path->behaviour != nullptr) {
-    const int fd = openBehaviour(*path, flags);
-    return fd < 0 ? nullptr : fdopen(fd, mode);
+  if (const auto path = simulator::sysfsPath(directory, name)) {
+    return openBelow(*path, flags, real);
   }
-  if (!mayOpenPlain(*path, flags)) {
+  const int fd = real(name);
+  if (const auto path = simulator::sysfsPathBehind(fd)) {
+    close(fd);
+    return openBelow(*path, flags, real);
+  }
+  return fd;
+}
+
+/// Lets a stream, whatever it had open, have a file below /sys.
+std::FILE* reopenBelow(const SysfsPath& path, const char* mode, std::FILE* stream) {
+  static const auto realOpen = next(&open, "open");
+  static const auto realReopen = next(&freopen, "freopen");
+  const int fd = openBelow(path, streamFlags(mode),
+                           [](const char* file) { return realOpen(file, O_RDONLY | O_CLOEXEC); });
+  if (fd < 0) {
+    const int error = errno;
+    fclose(stream);
+    errno = error;
     return nullptr;
   }
-  std::FILE* stream = real(treePath(*path).c_str());
-  tracePlainRead(*path, stream != nullptr);
-  return stream;
-}
-
-/// The result of a write of `size` bytes that the attribute takes whole or refuses.
-ssize_t storeResult(const SysfsPath& path, const std::string& text) {
-  const int error = store(path, text);
-  if (error != 0) {
-    errno = error;
-    return -1;
-  }
-  return static_cast<ssize_t>(text.size());
-}
-
-/// The close function's result, unless the attribute has refused what was written to it.
-int closeResult(int error, int result) {
-  if (error != 0) {
-    errno = error;
-    return EOF;
-  }
+  std::FILE* result = realReopen(("/proc/self/fd/" + std::to_string(fd)).c_str(), mode, stream);
+  close(fd);
   return result;
 }
 
-/// A program that was started with its output redirected into an attribute, as a shell does it,
-/// finds the attribute among its descriptors.
-void adoptInheritedAttributes() {
-  const std::string start = std::string("/memfd:") + memoryFilePrefix;
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ignored)) {
-    const std::string target = std::filesystem::read_symlink(entry.path(), ignored).string();
-    if (target.compare(0, start.size(), start) != 0) {
-      continue;
-    }
-    const std::string name = target.substr(start.size(), target.rfind(' ') - start.size());
-    const std::optional<SysfsPath> path = sysfsPath(name.c_str());
-    if (path && path->behaviour != nullptr) {
-      openAttributes().add(std::stoi(entry.path().filename()), *path);
-    }
+template <typename Open>
+std::FILE* openStream(const char* name, const char* mode, Open real) {
+  auto path = simulator::sysfsPath(AT_FDCWD, name);
+  std::FILE* stream = real(path || simulator::isHidden(name) ? "/dev/null" : name, mode);
+  if (stream == nullptr) {
+    return nullptr;
   }
+  if (simulator::isHidden(name)) {
+    fclose(stream);
+    errno = ENOENT;
+    return nullptr;
+  }
+  if (!path) {
+    path = simulator::sysfsPathBehind(fileno(stream));
+  }
+  return path ? reopenBelow(*path, mode, stream) : stream;
+}
+
+template <typename Reopen>
+std::FILE* reopenStream(const char* name, const char* mode, std::FILE* stream, Reopen real) {
+  fflush(stream);
+  return name == nullptr ? real(name, mode, stream)
+                         : openStream(name, mode, [&](const char* file, const char* how) {
+                             return real(file, how, stream);
+                           });
+}
+
+/// A write that the attribute takes whole or refuses.
+ssize_t storeAll(const SysfsPath& path, const std::string& text) {
+  const int error = text.empty() ? 0 : simulator::store(path, text);
+  return error != 0 ? fail(error) : static_cast<ssize_t>(text.size());
+}
+
+mode_t creationMode(int flags, va_list arguments) {
+  return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
 
 // Programs that talvero-sim starts find the instrument in their environment.
 __attribute__((constructor)) void start() {
-  if (const char* stateFile = std::getenv(stateVariable)) {
-    attach(stateFile);
-    adoptInheritedAttributes();
+  if (const char* stateFile = std::getenv(simulator::stateVariable)) {
+    simulator::attach(stateFile);
   }
 }
 
-}  // namespace
-
-}  // namespace simulator
-
-using simulator::closeResult;
-using simulator::next;
-using simulator::openAttributes;
-using simulator::openFile;
-using simulator::openStream;
-
-namespace {
-
-mode_t creationMode(int flags, va_list arguments) {
-  return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+// Streams that nobody has closed, standard output in the first place.
+__attribute__((destructor)) void finish() {
+  if (simulator::attached()) {
+    simulator::settleAll([] { std::fflush(nullptr); });
+  }
 }
 
 }  // namespace
@@ -322,12 +144,22 @@ extern "C" {
 
 std::FILE* fopen(const char* path, const char* mode) {
   static const auto real = next(&fopen, "fopen");
-  return openStream(path, mode, [&](const char* file) { return real(file, mode); });
+  return openStream(path, mode, real);
 }
 
 std::FILE* fopen64(const char* path, const char* mode) {
   static const auto real = next(&fopen64, "fopen64");
-  return openStream(path, mode, [&](const char* file) { return real(file, mode); });
+  return openStream(path, mode, real);
+}
+
+std::FILE* freopen(const char* path, const char* mode, std::FILE* stream) {
+  static const auto real = next(&freopen, "freopen");
+  return reopenStream(path, mode, stream, real);
+}
+
+std::FILE* freopen64(const char* path, const char* mode, std::FILE* stream) {
+  static const auto real = next(&freopen64, "freopen64");
+  return reopenStream(path, mode, stream, real);
 }
 
 int open(const char* path, int flags, ...) {
@@ -336,7 +168,7 @@ int open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&](const char* file) { return real(file, flags, mode); });
+  return openFile(AT_FDCWD, path, flags, [&](const char* file) { return real(file, flags, mode); });
 }
 
 int open64(const char* path, int flags, ...) {
@@ -345,7 +177,7 @@ int open64(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags, [&](const char* file) { return real(file, flags, mode); });
+  return openFile(AT_FDCWD, path, flags, [&](const char* file) { return real(file, flags, mode); });
 }
 
 int openat(int directory, const char* path, int flags, ...) {
@@ -354,7 +186,7 @@ int openat(int directory, const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags,
+  return openFile(directory, path, flags,
                   [&](const char* file) { return real(directory, file, flags, mode); });
 }
 
@@ -364,21 +196,33 @@ int openat64(int directory, const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
   va_end(arguments);
-  return openFile(path, flags,
+  return openFile(directory, path, flags,
                   [&](const char* file) { return real(directory, file, flags, mode); });
 }
 
-// What open and open64 become in programs built with -D_FORTIFY_SOURCE.
+int creat(const char* path, mode_t mode) { return open(path, O_CREAT | O_WRONLY | O_TRUNC, mode); }
+
+int creat64(const char* path, mode_t mode) { return creat(path, mode); }
+
+// What these become in programs built with -D_FORTIFY_SOURCE.
 int __open_2(const char* path, int flags) { return open(path, flags); }
 
 int __open64_2(const char* path, int flags) { return open64(path, flags); }
 
-DIR* opendir(const char* path) {
+int __openat_2(int directory, const char* path, int flags) {
+  return openat(directory, path, flags);
+}
+
+int __openat64_2(int directory, const char* path, int flags) {
+  return openat64(directory, path, flags);
+}
+
+DIR* opendir(const char* name) {
   static const auto real = next(&opendir, "opendir");
-  DIR* directory = real(path);
-  if (simulator::sysfsPath(path)) {
+  DIR* directory = real(name);
+  if (const auto path = simulator::sysfsPath(AT_FDCWD, name)) {
     const int error = errno;
-    simulator::traceResult(std::string("list ") + path, directory == nullptr ? error : 0);
+    simulator::traceResult("list " + path->full, directory == nullptr ? error : 0);
     errno = error;
   }
   return directory;
@@ -386,62 +230,94 @@ DIR* opendir(const char* path) {
 
 ssize_t write(int fd, const void* data, size_t size) {
   static const auto real = next(&write, "write");
-  if (const auto path = openAttributes().find(fd)) {
-    return simulator::storeResult(*path, std::string(static_cast<const char*>(data), size));
+  if (const auto path = writtenAttribute(fd)) {
+    return storeAll(*path, std::string(static_cast<const char*>(data), size));
   }
   return real(fd, data, size);
 }
 
+ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
+  static const auto real = next(&pwrite, "pwrite");
+  if (const auto path = writtenAttribute(fd)) {
+    return storeAll(*path, std::string(static_cast<const char*>(data), size));
+  }
+  return real(fd, data, size, offset);
+}
+
+ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset) {
+  static const auto real = next(&pwrite64, "pwrite64");
+  if (const auto path = writtenAttribute(fd)) {
+    return storeAll(*path, std::string(static_cast<const char*>(data), size));
+  }
+  return real(fd, data, size, offset);
+}
+
 ssize_t writev(int fd, const iovec* parts, int count) {
   static const auto real = next(&writev, "writev");
-  if (const auto path = openAttributes().find(fd)) {
+  if (const auto path = writtenAttribute(fd)) {
     std::string text;
     for (int part = 0; part < count; ++part) {
       text.append(static_cast<const char*>(parts[part].iov_base), parts[part].iov_len);
     }
-    return simulator::storeResult(*path, text);
+    return storeAll(*path, text);
   }
   return real(fd, parts, count);
 }
 
+// An attribute is read anew by a program that returns to its start.
+off_t lseek(int fd, off_t offset, int whence) noexcept {
+  static const auto real = next(&lseek, "lseek");
+  if (offset == 0 && whence == SEEK_SET) {
+    simulator::refresh(fd);
+  }
+  return real(fd, offset, whence);
+}
+
+off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
+  static const auto real = next(&lseek64, "lseek64");
+  if (offset == 0 && whence == SEEK_SET) {
+    simulator::refresh(fd);
+  }
+  return real(fd, offset, whence);
+}
+
+ssize_t pread(int fd, void* data, size_t size, off_t offset) {
+  static const auto real = next(&pread, "pread");
+  if (offset == 0) {
+    simulator::refresh(fd);
+  }
+  return real(fd, data, size, offset);
+}
+
+ssize_t pread64(int fd, void* data, size_t size, off64_t offset) {
+  static const auto real = next(&pread64, "pread64");
+  if (offset == 0) {
+    simulator::refresh(fd);
+  }
+  return real(fd, data, size, offset);
+}
+
 int close(int fd) {
   static const auto real = next(&close, "close");
-  const int error = openAttributes().settle(fd);
-  return closeResult(error, real(fd));
+  const int error = simulator::settle(fd);
+  const int result = real(fd);
+  return error != 0 ? fail(error) : result;
+}
+
+int fflush(std::FILE* stream) {
+  static const auto real = next(&fflush, "fflush");
+  const int result = real(stream);
+  const int error =
+      stream == nullptr ? simulator::settleAll([] {}) : simulator::settle(fileno(stream));
+  return error != 0 ? fail(error) : result;
 }
 
 int fclose(std::FILE* stream) {
   static const auto real = next(&fclose, "fclose");
-  int error = 0;
-  if (openAttributes().find(fileno(stream))) {
-    std::fflush(stream);
-    error = openAttributes().settle(fileno(stream));
-  }
-  return closeResult(error, real(stream));
-}
-
-int dup(int fd) noexcept {
-  static const auto real = next(&dup, "dup");
-  const int copy = real(fd);
-  if (const auto path = openAttributes().find(fd); path && copy >= 0) {
-    openAttributes().add(copy, *path);
-  }
-  return copy;
-}
-
-int dup3(int fd, int copy, int flags) noexcept {
-  static const auto real = next(&dup3, "dup3");
-  openAttributes().settle(copy);
-  const int result = real(fd, copy, flags);
-  if (const auto path = openAttributes().find(fd); path && result >= 0) {
-    openAttributes().add(copy, *path);
-  }
-  return result;
-}
-
-int dup2(int fd, int copy) noexcept {
-  static const auto real = next(&dup2, "dup2");
-  return fd == copy ? real(fd, copy) : dup3(fd, copy, 0);
+  const int flushed = writtenAttribute(fileno(stream)) ? fflush(stream) : 0;
+  const int error = errno;
+  const int result = real(stream);
+  return flushed != 0 ? fail(error) : result;
 }
 
 // glibc's own scandir opens the directory without asking umockdev; libpciaccess uses it.
