@@ -21,7 +21,8 @@ struct LineAttribute {
 };
 
 std::optional<LineAttribute> lineAttribute(const std::string& path) {
-  static const std::regex pattern("gpio([0-9]{1,9})/(direction|value)");
+  // Never destroyed: programs write to attributes while they exit.
+  static const auto& pattern = *new std::regex("gpio([0-9]{1,9})/(direction|value)");
   std::smatch match;
   if (!std::regex_match(path, match, pattern)) {
     return std::nullopt;

@@ -307,9 +307,16 @@ int close(int fd) {
 int fflush(std::FILE* stream) {
   static const auto real = next(&fflush, "fflush");
   const int result = real(stream);
-  const int error =
-      stream == nullptr ? simulator::settleAll([] {}) : simulator::settle(fileno(stream));
-  return error != 0 ? fail(error) : result;
+  if (stream == nullptr) {
+    const int error = simulator::settleAll([] {});
+    return error != 0 ? fail(error) : result;
+  }
+  const int error = simulator::settle(fileno(stream));
+  if (error != 0) {
+    stream->_flags |= _IO_ERR_SEEN;  // shells ask for it by ferror
+    return fail(error);
+  }
+  return result;
 }
 
 int fclose(std::FILE* stream) {

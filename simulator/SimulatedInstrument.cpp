@@ -220,6 +220,16 @@ std::string ownLibrary() {
   return fs::absolute(library.dli_fname).string();
 }
 
+/// umockdev ends the process when it has no place for its tree.
+UMockdevTestbed* createTestbed() {
+  const fs::path directory = g_get_tmp_dir();
+  if (!directory.is_absolute() || access(directory.c_str(), W_OK | X_OK) != 0) {
+    throw std::runtime_error("no directory for temporary files: " + directory.string() +
+                             " (TMPDIR)");
+  }
+  return umockdev_testbed_new();
+}
+
 /// AddressSanitizer's run-time library, in a build that uses it: it insists on coming first.
 std::string sanitizerLibrary() {
   Dl_info library{};
@@ -234,7 +244,7 @@ SimulatedInstrument::SimulatedInstrument(const Description& description)
     : SimulatedInstrument(description, Options()) {}
 
 SimulatedInstrument::SimulatedInstrument(const Description& description, const Options& options)
-    : testbed(umockdev_testbed_new()) {
+    : testbed(createTestbed()) {
   try {
     char* directory = umockdev_testbed_get_root_dir(testbed);
     root = directory;
@@ -280,10 +290,20 @@ std::vector<std::string> SimulatedInstrument::takeTrace() {
   return lines;
 }
 
+void SimulatedInstrument::requireTrace() const {
+  if (state()->traceLost) {
+    throw std::runtime_error(traceFile + ": the trace cannot be written");
+  }
+}
+
 std::int64_t SimulatedInstrument::milliseconds() const { return now(*Locked()) / 1000; }
 
 void SimulatedInstrument::setProgramEnvironment() const {
-  std::string preload = sanitizerLibrary() + ownLibrary() + ":libumockdev-preload.so.0";
+  const std::string library = ownLibrary();
+  if (library.find_first_of(" :") != std::string::npos) {
+    throw std::runtime_error(library + ": the dynamic linker preloads no path with space or colon");
+  }
+  std::string preload = sanitizerLibrary() + library + ":libumockdev-preload.so.0";
   if (const char* before = std::getenv("LD_PRELOAD")) {
     preload += std::string(":") + before;
   }

@@ -32,10 +32,14 @@ class SimulatedInstrument {
   /// The trace since the last call, or since construction: one line for each access, in order.
   std::vector<std::string> takeTrace();
 
+  /// Throws std::runtime_error when a line of the trace was lost.
+  void requireTrace() const;
+
   /// Time on the instrument's clock, milliseconds.
   std::int64_t milliseconds() const;
 
-  /// Puts what a program needs to run on this instrument into this process's environment.
+  /// Puts what a program needs to run on this instrument into this process's environment. Throws
+  /// std::runtime_error when the simulator lies where the dynamic linker cannot preload it from.
   void setProgramEnvironment() const;
 
  private:

@@ -91,10 +91,9 @@ void trace(const std::string& line) {
   }
   const std::string text = line + "\n";
   const int fd = ::open(shared->trace, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-  if (fd < 0) {
-    return;
+  if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    shared->traceLost = true;
   }
-  (void)!::write(fd, text.data(), text.size());
   ::close(fd);
 }
 

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <string>
@@ -103,11 +104,12 @@ constexpr const char* faultNames[faultCount] = {
 
 struct State {
   pthread_mutex_t mutex;
-  char root[PATH_MAX];   ///< umockdev's directory; the simulated /sys is below it
-  char trace[PATH_MAX];  ///< file that receives the trace; empty for none
-  bool fast;             ///< sleeps advance the clock instead of sleeping
-  std::int64_t started;  ///< host's clock when the instrument started, microseconds
-  std::int64_t slept;    ///< clock in fast mode, microseconds
+  char root[PATH_MAX];          ///< umockdev's directory; the simulated /sys is below it
+  char trace[PATH_MAX];         ///< file that receives the trace; empty for none
+  std::atomic<bool> traceLost;  ///< a line could not be written
+  bool fast;                    ///< sleeps advance the clock instead of sleeping
+  std::int64_t started;         ///< host's clock when the instrument started, microseconds
+  std::int64_t slept;           ///< clock in fast mode, microseconds
   bool faults[faultCount];
   GpioLine lines[gpioLineCount];
   PciDevice pci[pciPlaceCount];

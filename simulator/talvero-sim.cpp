@@ -42,7 +42,13 @@ fs::path instrumentsDirectory() {
 
 std::string descriptionFile(const std::string& instrument) {
   const fs::path shipped = instrumentsDirectory() / (instrument + ".conf");
-  return fs::exists(shipped) ? shipped.string() : instrument;
+  if (fs::exists(shipped)) {
+    return shipped.string();
+  }
+  if (instrument.find('/') == std::string::npos && !fs::exists(instrument)) {
+    throw std::runtime_error(instrument + ": neither a file nor a shipped instrument (see --list)");
+  }
+  return instrument;
 }
 
 void listInstruments() {
@@ -51,8 +57,8 @@ void listInstruments() {
   for (const fs::path& file : files) {
     std::string title;
     std::getline(std::ifstream(file), title);
-    std::cout << file.stem().string() << "\t" << title.substr(title.find_first_not_of("# "))
-              << "\n";
+    title.erase(0, title.find_first_not_of("# "));
+    std::cout << file.stem().string() << "\t" << title << "\n";
   }
 }
 
@@ -154,7 +160,7 @@ int passOn(int status, const sigset_t& signals) {
 int run(Arguments& arguments) {
   const std::string program = findProgram(arguments.program.front());
   if (program.empty()) {
-    std::cerr << "talvero-sim: " << arguments.program.front() << ": not found\n";
+    std::cerr << "talvero-sim: \"" << arguments.program.front() << "\": not found\n";
     return notFound;
   }
   const std::string reason = reasonAgainst(program);
@@ -187,6 +193,7 @@ int run(Arguments& arguments) {
       becomeProgram(program, arguments.program, self, before);
     }
     status = waitForProgram(child, passed);
+    instrument.requireTrace();
   }
   return passOn(status, before);
 }
@@ -198,7 +205,8 @@ int main(int argc, char** argv) {
   CLI::App app(
       "Runs a program on a simulated instrument: whatever the program does to GPIO lines, udev\n"
       "devices, PCI configuration space and the platform's classes happens to the instrument that\n"
-      "a description file describes, never to this machine's own hardware.\n\n"
+      "a description file describes instead of to this machine's own hardware. That holds for\n"
+      "dynamically linked programs, and for those that they start with their environment.\n\n"
       "The exit status is the program's; 2 for a wrong description or call, 126 or 127 when the\n"
       "program cannot be run.",
       "talvero-sim");

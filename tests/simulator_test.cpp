@@ -1,15 +1,18 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "tests/Support.h"
 
 using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -63,6 +66,92 @@ TEST(SimulatedGpio, TellsAStreamOfARefusalAtTheClose) {
   file.close();
   EXPECT_TRUE(file.good());
   EXPECT_EQ(access("/sys/class/gpio/gpio7/value", F_OK), 0);
+}
+
+TEST(SimulatedGpio, IsWhereEveryWayOfWritingItsPathLeads) {
+  const Instrument instrument("");
+  const std::string before = std::filesystem::current_path();
+  ASSERT_EQ(chdir("/sys/class"), 0);
+  const int directory = open("gpio", O_RDONLY | O_DIRECTORY);
+  const char* const paths[] = {"gpio/export", "./gpio/../gpio/export", "//sys/class/gpio/export",
+                               "/sys/./class//gpio/export"};
+  for (const char* const path : paths) {
+    EXPECT_EQ(writeAttribute(path, "1"), 0) << path;
+    EXPECT_EQ(access("/sys/class/gpio/gpio1", F_OK), 0) << path;
+    EXPECT_EQ(writeAttribute("/sys/class/gpio/unexport", "1"), 0) << path;
+    close(creat(path, 0666));
+  }
+  const int relative = openat(directory, "export", O_WRONLY);
+  EXPECT_EQ(write(relative, "2", 1), 1);
+  EXPECT_EQ(access("gpio/gpio2/value", F_OK), 0);
+  EXPECT_EQ(openat(directory, "gpiochip0/base", O_WRONLY), -1);
+  EXPECT_EQ(errno, EACCES);
+  close(relative);
+  close(directory);
+  EXPECT_EQ(chdir(before.c_str()), 0);
+}
+
+TEST(SimulatedGpio, FollowsADescriptorWhateverBecomesOfIt) {
+  Instrument instrument("[gpio]\n3=high");
+  const int original = open("/sys/class/gpio/export", O_WRONLY);
+  const int copy = fcntl(original, F_DUPFD, 100);
+  close(original);
+  EXPECT_EQ(pwrite(copy, "3", 1, 0), 1);
+  EXPECT_EQ(write(copy, "", 0), 0);
+  EXPECT_EQ(write(copy, "3", 1), -1);
+  EXPECT_EQ(errno, EBUSY);
+  char text[4] = "";
+  EXPECT_EQ(read(copy, text, 1), -1);
+  close(copy);
+
+  writeAttribute("/sys/class/gpio/gpio3/direction", "out");
+  const int value = open("/sys/class/gpio/gpio3/value", O_RDWR);
+  const int reader = open("/sys/class/gpio/gpio3/value", O_RDONLY);
+  EXPECT_EQ(read(value, text, 3), 2);
+  EXPECT_STREQ(text, "0\n");
+  EXPECT_EQ(write(value, "1", 1), 1);
+  EXPECT_EQ(pread(value, text, 3, 0), 2);
+  EXPECT_STREQ(text, "1\n");
+  EXPECT_EQ(read(reader, text, 3), 2);
+  EXPECT_STREQ(text, "0\n") << "as it was when it was opened";
+  EXPECT_EQ(lseek(reader, 0, SEEK_SET), 0);
+  EXPECT_EQ(read(reader, text, 3), 2);
+  EXPECT_STREQ(text, "1\n");
+  EXPECT_EQ(write(reader, "0", 1), -1);
+  EXPECT_EQ(errno, EBADF);
+  close(value);
+  close(reader);
+  const std::vector<std::string> trace = instrument.takeTrace();
+  EXPECT_EQ(std::count(trace.begin(), trace.end(), "write /sys/class/gpio/gpio3/value \"1\""), 1);
+}
+
+TEST(SimulatedGpio, TakesWhatAStreamFlushes) {
+  const Instrument instrument("");
+  std::FILE* stream = std::fopen("/sys/class/gpio/export", "w");
+  std::fputs("4", stream);
+  EXPECT_EQ(std::fflush(stream), 0);
+  EXPECT_EQ(access("/sys/class/gpio/gpio4", F_OK), 0);
+  std::fputs("4", stream);
+  EXPECT_EQ(std::fflush(stream), EOF);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_NE(std::ferror(stream), 0);
+  stream = std::freopen("/sys/class/gpio/gpio4/direction", "w", stream);
+  std::fputs("out", stream);
+  stream = std::freopen("/sys/class/gpio/gpio4/value", "r+", stream);
+  EXPECT_EQ(std::fgetc(stream), '0') << "\"out\" has been taken";
+  std::rewind(stream);
+  std::fputs("1", stream);
+  EXPECT_EQ(std::fclose(stream), 0);
+  EXPECT_EQ(contentOf("/sys/class/gpio/gpio4/value"), "1\n");
+
+  std::fflush(nullptr);
+  if (const pid_t child = fork(); child == 0) {
+    std::fputs("5", std::fopen("/sys/class/gpio/export", "w"));
+    std::exit(0);
+  } else {
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  }
+  EXPECT_EQ(access("/sys/class/gpio/gpio5", F_OK), 0) << "left to the end of the program";
 }
 
 TEST(SimulatedGpio, ForgetsALineOnceItsLevelIsDriven) {
@@ -119,6 +208,17 @@ TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
               "no simulated instrument: refusing /sys/class/gpio/export");
 }
 
+TEST(Safety, OtherDoorsToTheHostsHardwareAreShut) {
+  const Instrument instrument("");
+  for (const char* const door : {"/dev/mem", "/dev/gpiochip0", "/dev/i2c-1", "/dev/port",
+                                 "/proc/bus/pci/devices", "/proc/mtrr"}) {
+    EXPECT_EQ(open(door, O_RDONLY), -1) << door;
+    EXPECT_EQ(errno, ENOENT) << door;
+    EXPECT_EQ(std::fopen(door, "r"), nullptr) << door;
+    EXPECT_EQ(errno, ENOENT) << door;
+  }
+}
+
 TEST(TalveroSim, PassesOnHowTheProgramEnds) {
   const std::string sim = TALVERO_SIM " --fast -- ";
   EXPECT_EQ(runCommand(sim + "sh -c 'exit 7'").status, 7);
@@ -134,14 +234,32 @@ TEST(TalveroSim, PassesOnHowTheProgramEnds) {
   EXPECT_EQ(forwarded.output, "caught\n");
 }
 
-TEST(TalveroSim, SaysInOneLineWhatIsWrongWithADescription) {
+TEST(TalveroSim, SaysInOneLineWhatIsWrong) {
   const TemporaryDirectory directory;
   const std::string file = directory.file("x.conf", "[gpio]\n1=up\n");
-  for (const std::string& instrument : {file, std::string("/nowhere.conf")}) {
-    const Outcome outcome = runCommand(TALVERO_SIM " --instrument " + instrument + " -- true");
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_THAT(outcome.errors, HasSubstr("talvero-sim: " + instrument + ": "));
-    EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1);
+  const std::string sim = TALVERO_SIM;
+  const std::string library =
+      std::filesystem::path(sim).parent_path() / "libtalvero-sim-preload.so";
+  std::filesystem::create_directory(directory.path + "/a b");
+  std::filesystem::create_symlink(library, directory.path + "/a b/libtalvero-sim-preload.so");
+  const struct {
+    std::string command;
+    std::string reason;
+  } cases[] = {
+      {sim + " --instrument " + file + " -- true", file + ": [gpio] 1: must be low, high"},
+      {sim + " --instrument /nowhere.conf -- true", "/nowhere.conf: cannot be read"},
+      {sim + " --instrument broke -- true", "broke: neither a file nor a shipped instrument (see"},
+      {sim + " --trace /dev/full -- cat /sys/class/gpio/gpiochip0/base", "/dev/full: the trace"},
+      {"TMPDIR=/nowhere " + sim + " -- true", "no directory for temporary files: /nowhere"},
+      {"cd /; TMPDIR=tmp " + sim + " -- true", "no directory for temporary files: tmp"},
+      {"LD_LIBRARY_PATH='" + directory.path + "/a b' " + sim + " -- true", "no path with space"},
+  };
+  for (const auto& test : cases) {
+    const Outcome outcome = runCommand(test.command);
+    EXPECT_EQ(outcome.status, 2) << test.command;
+    EXPECT_THAT(outcome.errors, StartsWith("talvero-sim: ")) << test.command;
+    EXPECT_THAT(outcome.errors, HasSubstr(test.reason)) << test.command;
+    EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1) << test.command;
   }
 }
 
@@ -161,6 +279,18 @@ TEST(TalveroSim, KeepsOneInstrumentForAWholeScript) {
             "write /sys/class/gpio/gpio5/direction \"out\\n\"\n"
             "write /sys/class/gpio/gpio5/value \"1\\n\"\n"
             "read /sys/class/gpio/gpio5/value \"1\\n\"\n");
+}
+
+TEST(TalveroSim, TakesWhatShellsRedirect) {
+  const Outcome outcome =
+      runCommand(TALVERO_SIM
+                 " -- bash -c 'cd /sys/class/gpio; echo 5 >export; "
+                 "exec 7>export; echo 6 >&7; exec 7>&-; "
+                 "exec {fd}>export; echo 7 >&$fd; "
+                 "{ echo 8; /bin/echo 9; } >export; (awk \"BEGIN{printf 10}\") >export; "
+                 "echo gpio?*; echo 5 >export; echo $?; "
+                 "/bin/echo 5 >export; echo $?; cat <gpio5/value'");
+  EXPECT_EQ(outcome.output, "gpio10 gpio5 gpio6 gpio7 gpio8 gpio9 gpiochip0\n1\n1\n0\n");
 }
 
 TEST(TalveroSim, RefusesProgramsThatWouldReachTheHostsHardware) {

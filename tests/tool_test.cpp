@@ -62,10 +62,12 @@ TEST(TalveroBist, ExitsWith2WithoutHardwareOrForAWrongCall) {
   const std::string file = directory.file("x.conf", "[faults]\ngpio-export=on\n");
   const Outcome outcome = bist(file, "board");
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_THAT(outcome.errors, HasSubstr("no instrument here"));
+  EXPECT_THAT(outcome.errors, HasSubstr("cannot be opened (Permission denied)"));
   EXPECT_EQ(bist("mmb", "").status, 2);
   EXPECT_EQ(bist("mmb", "bord").status, 2);
   EXPECT_EQ(bist("mmb", "board --trace /nowhere/x").status, 2);
+  EXPECT_EQ(bist("full", "tx 0 --drive-level 3 --trace /dev/full").status, 2);
+  EXPECT_EQ(bist("mmb", "board >/dev/full").status, 2);
   EXPECT_EQ(bist("mmb", "--version").status, 0);
   EXPECT_THAT(bist("mmb", "--help").output, HasSubstr("Exit status: 0"));
 }

@@ -5,12 +5,11 @@
 LibraryOutput::LibraryOutput(const std::string& traceFileName)
     : standardOutput(std::cout.rdbuf()),
       standardError(std::cerr.rdbuf()),
-      ownOutput(standardOutput) {
-  if (!traceFileName.empty()) {
-    traceFile.open(traceFileName);
-    if (!traceFile) {
-      throw std::runtime_error(traceFileName + ": cannot be written");
-    }
+      ownOutput(standardOutput),
+      traceName(traceFileName) {
+  if (!traceName.empty()) {
+    traceFile.open(traceName);
+    requireTrace();
   }
   std::cout.rdbuf(traces.rdbuf());
   std::cerr.rdbuf(failures.rdbuf());
@@ -23,7 +22,10 @@ LibraryOutput::~LibraryOutput() {
 
 std::vector<std::string> LibraryOutput::takeMessages(bool withTrace) {
   std::istringstream text((withTrace ? traces.str() : "") + failures.str());
-  traceFile << traces.str() << failures.str() << std::flush;
+  if (!traceName.empty()) {
+    traceFile << traces.str() << failures.str() << std::flush;
+    requireTrace();
+  }
   traces.str("");
   failures.str("");
   std::vector<std::string> messages;
@@ -31,4 +33,10 @@ std::vector<std::string> LibraryOutput::takeMessages(bool withTrace) {
     messages.push_back(line);
   }
   return messages;
+}
+
+void LibraryOutput::requireTrace() const {
+  if (!traceFile) {
+    throw std::runtime_error(traceName + ": cannot be written");
+  }
 }

@@ -22,13 +22,17 @@ class LibraryOutput {
   std::ostream& own() { return ownOutput; }
 
   /// The failure lines since the last call, after the register traces if those are wanted.
+  /// Throws std::runtime_error when the trace file cannot be written.
   std::vector<std::string> takeMessages(bool withTrace);
 
  private:
+  void requireTrace() const;
+
   std::ofstream traceFile;
   std::ostringstream traces;
   std::ostringstream failures;
   std::streambuf* standardOutput;
   std::streambuf* standardError;
   std::ostream ownOutput;
+  std::string traceName;
 };

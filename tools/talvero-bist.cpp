@@ -1,8 +1,11 @@
 // talvero-bist: tests an instrument through the library and reports what it found.
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,9 +26,12 @@ enum ExitStatus { pass = 0, fail = 1, usageOrNoHardware = 2 };
 bool instrumentIsHere() { return SysfsUtil().exportGpio("167"); }
 
 int execute(const Commands& commands, bool json, const std::string& traceFile) {
+  errno = 0;
   if (!instrumentIsHere()) {
-    std::cerr << "talvero-bist: no instrument here: /sys/class/gpio/export cannot be opened. On a "
-                 "workstation, run it on a simulated one: talvero-sim -- talvero-bist report\n";
+    std::cerr << "talvero-bist: no instrument here: /sys/class/gpio/export cannot be opened ("
+              << std::strerror(errno)
+              << "). On a workstation, run it on a simulated one: talvero-sim -- talvero-bist "
+                 "report\n";
     return usageOrNoHardware;
   }
   LibraryOutput output(traceFile);
@@ -35,6 +41,9 @@ int execute(const Commands& commands, bool json, const std::string& traceFile) {
     sections.back().messages = output.takeMessages(sections.back().showTrace);
   }
   (json ? report::printJson : report::printText)(output.own(), sections);
+  if (!output.own().flush()) {
+    throw std::runtime_error("standard output cannot be written");
+  }
   return report::passed(sections) ? pass : fail;
 }
 
