@@ -57,6 +57,7 @@ class Udev_PCA9536 : public PowerControlInterface {
 
   /// Lists a directory.
   ///
+  /// @param path  directory, used unchanged
   /// @return the names of all entries, "." and ".." included, in directory order; empty when the
   ///         directory cannot be opened
   std::vector<std::string> ReadDirectory(std::string path) const;

@@ -57,6 +57,9 @@ if(DEBIAN_PACKAGES)
     install(FILES ${PROJECT_BINARY_DIR}/changelog.gz DESTINATION ${directory}
             COMPONENT ${component})
   endforeach()
+  set(directory ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_DEV_PACKAGE_NAME})
+  install(FILES README.md CONTRIBUTING.md DESTINATION ${directory} COMPONENT dev)
+  install(DIRECTORY docs DESTINATION ${directory} COMPONENT dev FILES_MATCHING PATTERN *.md)
 endif()
 
 include(CPack)

@@ -98,6 +98,7 @@ class PCIeDiagnostics {
 
   /// Names the errors of an Uncorrectable Error Status word. Prints nothing, touches no hardware.
   ///
+  /// @param status  register value, such as DiagnosticsResults::portUncorrectableStatus
   /// @return the names of the bits set, lowest bit first, separated by ", "; "None" when there are
   ///         none. Bits without a name are ignored.
   std::string DecodeUncorrectableStatus(unsigned int status) const;

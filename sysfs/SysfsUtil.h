@@ -13,6 +13,7 @@
 /// operation, so a derived class that overrides writeSysfs, say, changes all that write.
 class SysfsUtil : public Sysfs {
  public:
+  /// Does nothing, as the destructor does.
   SysfsUtil();
   ~SysfsUtil() override;
 
@@ -27,6 +28,7 @@ class SysfsUtil : public Sysfs {
 
   /// Lists a directory.
   ///
+  /// @param path  directory, used unchanged
   /// @return the names of all entries, "." and ".." included, in directory order; empty when the
   ///         directory cannot be opened
   std::vector<std::string> ReadDirectory(std::string path);
