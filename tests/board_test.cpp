@@ -77,12 +77,32 @@ TEST(BoardIdentity, AnUnreadableStrapCountsAsLow) {
   EXPECT_EQ(BoardId().idBitString, "011001");
 }
 
-TEST(BoardIdentity, KeepsToTheTableWhateverIsPutIntoTheId) {
+TEST(BoardIdentity, KindFollowsTheDescriptionAndPrototypeTheId) {
   const Instrument instrument(board(0));
   BoardId identity;
   identity.id = 0xFFFF;
-  EXPECT_EQ(identity.getIdDescription(), "UNKNOWN TUVAK MMB");
-  EXPECT_EQ(identity.idDescription, "DORVELLE MMB SINGLE GIG-E");
+  EXPECT_EQ(identity.getIdDescription(), "UNKNOWN TUVAK MMB") << "the table has 64 rows";
+  const struct {
+    const char* word;
+    bool (BoardId::*asks)() const;
+  } kinds[] = {{"MMB", &BoardId::isMMB},
+               {"QUINDARA", &BoardId::isQuindara},
+               {"TUVAK", &BoardId::isTuvak},
+               {"CXB", &BoardId::isCXB},
+               {"SPB", &BoardId::isSPB}};
+  for (const int id : {9, 16, 32, 33, 34, 63, 32 + 64}) {
+    identity.id = static_cast<std::uint16_t>(id);
+    for (const char* word : {"MMB", "QUINDARA", "TUVAK", "CXB", "SPB", "UNKNOWN", "spb"}) {
+      identity.idDescription = std::string("x") + word + "x";
+      for (const auto& kind : kinds) {
+        EXPECT_EQ((identity.*kind.asks)(), std::string(word) == kind.word) << id << word;
+      }
+      EXPECT_EQ(identity.isBoardIdKnown(), std::string(word) != "UNKNOWN") << id;
+      EXPECT_EQ(identity.isProtoZero(), id == 32) << word;
+      EXPECT_EQ(identity.isProtoOne(), id == 33) << word;
+      EXPECT_EQ(identity.isProtoTwo(), id == 34) << word;
+    }
+  }
 }
 
 TEST(BoardIdentity, IsReadFromSeveralThreads) {
@@ -156,6 +176,30 @@ TEST(AttachedBoards, AnImbPullsLine80LowOnTheLaterSpbs) {
     EXPECT_EQ(identity.isIMBConnected(), test.connected) << test.id << " " << test.line;
     const bool read = test.id > 32 && test.id < 48;
     EXPECT_EQ(instrument.takeTrace().empty(), !read) << test.id << " " << test.line;
+  }
+}
+
+TEST(AttachedBoards, AreLookedForByDescriptionAndId) {
+  const struct {
+    std::uint16_t id;
+    const char* description;
+    bool pmb;
+    bool imb;
+  } cases[] = {{32, "SPB", true, false},
+               {33, "SPB", false, true},
+               {5, "SPB", false, true},
+               {32, "MMB", false, false},
+               {33, "MMB", false, false}};
+  Instrument instrument(board(0) + "[i2c]\n0-0074=pmb\n");
+  BoardId identity;
+  for (const auto& test : cases) {
+    identity.id = test.id;
+    identity.idDescription = test.description;
+    instrument.takeTrace();
+    EXPECT_EQ(identity.isPMBConnected(), test.pmb) << test.id << test.description;
+    EXPECT_EQ(instrument.takeTrace().empty(), !test.pmb) << test.id << test.description;
+    EXPECT_EQ(identity.isIMBConnected(), test.imb) << test.id << test.description;
+    EXPECT_EQ(instrument.takeTrace().empty(), !test.imb) << test.id << test.description;
   }
 }
 

@@ -6,6 +6,7 @@
 #include "sysfs/SysfsUtil.h"
 #include "tests/Support.h"
 
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
@@ -71,6 +72,17 @@ TEST(SysfsFiles, RawReaderReadsBytesOrOneWord) {
   EXPECT_EQ(buffer[0], '#') << "left alone";
 }
 
+TEST(SysfsFiles, ReadersOpenForReadingOnly) {
+  Instrument instrument("");
+  SysfsUtil sysfs;
+  const std::string attribute = "/sys/class/gpio/gpiochip0/base";  // refuses to be written
+  char buffer[8] = "";
+  EXPECT_TRUE(sysfs.readSysfs(attribute, buffer, 0));
+  EXPECT_STREQ(buffer, "0");
+  EXPECT_EQ(sysfs.readSysfs(attribute, nullptr, true), "0");
+  EXPECT_THAT(instrument.takeTrace(), Each("read " + attribute + " \"0\\n\""));
+}
+
 TEST(SysfsFiles, WriterWritesExactlyTheData) {
   const TemporaryDirectory directory;
   SysfsUtil sysfs;
@@ -114,13 +126,25 @@ TEST(SysfsDirectories, ListsAndFindsEntries) {
   EXPECT_EQ(sysfs.FindFile(directory.path, "x", true), "") << "subdirectories are not searched";
   EXPECT_EQ(sysfs.FindFile(directory.path + "/missing", "", false), "");
 
-  // The first match in directory order, whatever that order is.
-  const std::vector<std::string> names = sysfs.ReadDirectory(directory.path);
+  // The order is the directory's, whatever that is. Most keep to the order of creation, forward or
+  // backward, and neither is sorted here.
+  for (const char* name : {"b/x", "a/x", "c/x"}) {
+    directory.file(name, "");
+  }
+  std::vector<std::string> names = sysfs.ReadDirectory(directory.path);
+  std::vector<std::string> inOrder;
+  for (const auto& entry : std::filesystem::directory_iterator(directory.path)) {
+    inOrder.push_back(entry.path().filename());
+  }
+  EXPECT_EQ(sysfs.FindFile(directory.path, "", false), directory.path + "/" + names.front());
   const auto first = std::find_if(names.begin(), names.end(), [](const std::string& name) {
     return name.find("gpio") != std::string::npos;
   });
   EXPECT_EQ(sysfs.FindFile(directory.path, "gpio", false), directory.path + "/" + *first);
-  EXPECT_EQ(sysfs.FindFile(directory.path, "", false), directory.path + "/" + names.front());
+  names.erase(std::remove_if(names.begin(), names.end(),
+                             [](const std::string& name) { return name.front() == '.'; }),
+              names.end());
+  EXPECT_EQ(names, inOrder);
 }
 
 TEST(SysfsDirectories, FindsTheBaseOfAGpioChip) {
@@ -128,16 +152,17 @@ TEST(SysfsDirectories, FindsTheBaseOfAGpioChip) {
   const struct {
     const char* content;
     int base;
-  } cases[] = {{"504\n", 504}, {" +12x\n", 12}, {"abc\n", -1}, {"\n", -1}, {"-1\n", -1}, {"7", -1}};
+  } cases[] = {{"504\n", 504}, {" +12x\n", 12}, {"010\n", 10}, {"0x1f\n", 0},
+               {"abc\n", -1},  {"\n", -1},      {"-1\n", -1},  {"7", -1}};
   for (const auto& test : cases) {
     const TemporaryDirectory device;
-    device.file("gpiochip9/base", "9\n");  // beside "gpio", as some kernels have it
     device.file("gpio/gpiochip504/database", test.content);
     EXPECT_EQ(sysfs.FindGpioBase(device.path), test.base) << test.content;
   }
   const TemporaryDirectory device;
+  device.file("gpiochip9/gpiochip9/base", "9\n");  // beside "gpio", as some kernels have it
   EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no gpio";
-  device.file("gpio/other/base", "1\n");
+  device.file("gpio/gpio-chip/base", "1\n");
   EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no gpiochip";
   device.file("gpio/gpiochip1/label", "1\n");
   EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no base";
@@ -208,31 +233,81 @@ TEST(GpioLines, StopAtTheFirstStepThatFails) {
   }
 }
 
-/// Records what is written instead of writing it.
+/// Records every call of a virtual operation. Files are not touched: reading one gives `text`.
 class RecordingSysfs : public SysfsUtil {
  public:
-  bool writeSysfs(std::string path, char const* data, int length) override {
-    writes.push_back(path.append("=").append(data).append("/").append(std::to_string(length)));
-    return true;
+  bool readSysfs(std::string path, char* /*buffer*/, int length) override {
+    return record("raw " + path + " " + std::to_string(length));
   }
   std::string readSysfs(std::string path, bool* success, bool strip) override {
-    *success = true;
-    return path + (strip ? " stripped" : "");
+    *success = readable;
+    record("text " + path + (strip ? " stripped" : ""));
+    return text;
   }
-  std::vector<std::string> writes;
+  bool writeSysfs(std::string path, char const* data, int length) override {
+    return record("write " + path + " " + data + " " + std::to_string(length));
+  }
+  bool exportGpio(char const* gpio) override {
+    return record(std::string("export ") + gpio) && SysfsUtil::exportGpio(gpio);
+  }
+  std::string readGpioValue(char const* gpio, bool* success) override {
+    record(std::string("get ") + gpio);
+    return SysfsUtil::readGpioValue(gpio, success);
+  }
+  bool setGpioValue(char const* gpio, char const* value) override {
+    return record(std::string("set ") + gpio + " " + value) && SysfsUtil::setGpioValue(gpio, value);
+  }
+  bool setGpioDirectionOutput(char const* gpio) override {
+    return record(std::string("out ") + gpio) && SysfsUtil::setGpioDirectionOutput(gpio);
+  }
+  bool setGpioDirectionInput(char const* gpio) override {
+    return record(std::string("in ") + gpio) && SysfsUtil::setGpioDirectionInput(gpio);
+  }
+
+  std::vector<std::string> calls;
+  std::string text = "1";
+  bool readable = true;
+
+ private:
+  bool record(const std::string& call) {
+    calls.push_back(call);
+    return true;
+  }
 };
 
-TEST(GpioLines, GoThroughTheVirtualOperations) {
+TEST(GpioLines, AreReachedThroughTheVirtualOperations) {
+  RecordingSysfs reading;
+  EXPECT_TRUE(reading.SysfsUtil::readGpioValue(7));
+  EXPECT_THAT(reading.calls, ElementsAre("get 7", "export 7", "write /sys/class/gpio/export 7 0",
+                                         "in 7", "write /sys/class/gpio/gpio7/direction in 0",
+                                         "text /sys/class/gpio/gpio7/value stripped"));
+  RecordingSysfs writing;
+  EXPECT_TRUE(writing.SysfsUtil::setGpioValue(-8, true));
+  EXPECT_THAT(writing.calls,
+              ElementsAre("set -8 1", "export -8", "write /sys/class/gpio/export -8 0", "out -8",
+                          "write /sys/class/gpio/gpio-8/direction out 0",
+                          "write /sys/class/gpio/gpio-8/value 1 0"));
+}
+
+TEST(GpioLines, AreHighOnlyWhenTheValueIsExactlyOne) {
   RecordingSysfs sysfs;
-  bool success = false;
-  Sysfs& interface = sysfs;
-  EXPECT_EQ(interface.readGpioValue("7", &success), "/sys/class/gpio/gpio7/value stripped");
-  EXPECT_TRUE(sysfs.setGpioValue(-8, true));
-  EXPECT_TRUE(interface.exportGpio("9"));
-  EXPECT_THAT(sysfs.writes,
-              ElementsAre("/sys/class/gpio/export=7/0", "/sys/class/gpio/gpio7/direction=in/0",
-                          "/sys/class/gpio/export=-8/0", "/sys/class/gpio/gpio-8/direction=out/0",
-                          "/sys/class/gpio/gpio-8/value=1/0", "/sys/class/gpio/export=9/0"));
+  for (const char* text : {"", "0", "10", "01", "1\n", " 1"}) {
+    sysfs.text = text;
+    EXPECT_FALSE(sysfs.SysfsUtil::readGpioValue(7)) << text;
+  }
+  sysfs.text = "1";
+  sysfs.readable = false;
+  EXPECT_TRUE(sysfs.SysfsUtil::readGpioValue(7)) << "the text decides alone";
+}
+
+TEST(SysfsDirectories, ReadTheBaseOfAGpioChipThroughTheVirtualOperation) {
+  const TemporaryDirectory device;
+  const std::string base = device.file("gpio/gpiochip8/base", "");
+  RecordingSysfs sysfs;
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), 1);
+  EXPECT_THAT(sysfs.calls, ElementsAre("text " + base + " stripped"));
+  sysfs.readable = false;
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "a failed read's text does not count";
 }
 
 TEST(SysfsFiles, LeaveNoDescriptorOpen) {
