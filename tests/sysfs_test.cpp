@@ -163,8 +163,8 @@ TEST(SysfsDirectories, FindsTheBaseOfAGpioChip) {
   const struct {
     const char* content;
     int base;
-  } cases[] = {{"504\n", 504}, {" +12x\n", 12}, {"010\n", 10}, {"0x1f\n", 0},
-               {"abc\n", -1},  {"\n", -1},      {"-1\n", -1},  {"7", -1}};
+  } cases[] = {{"2504\n", 2504}, {" +12x\n", 12}, {"010\n", 10}, {"0x1f\n", 0},
+               {"abc\n", -1},    {"\n", -1},      {"-1\n", -1},  {"7", -1}};
   for (const auto& test : cases) {
     const TemporaryDirectory device;
     device.file("gpio/gpiochip504/database", test.content);
