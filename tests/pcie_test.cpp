@@ -90,6 +90,14 @@ unsigned int valueIn(const std::string& access) {
   return static_cast<unsigned int>(std::stoul(access.substr(access.rfind(' ')), nullptr, 16));
 }
 
+/// All that a record says of errors; what was not read is zero.
+unsigned int errorsIn(const DiagnosticsResults& results) {
+  return results.rootUncorrectableStatus | results.rootCorrectableStatus |
+         results.upstreamUncorrectableStatus | results.upstreamCorrectableStatus |
+         results.portUncorrectableStatus | results.portCorrectableStatus | results.portRegister1E8 |
+         results.portRegister1EC | results.prbsErrors;
+}
+
 Lines bridgeSetUp(const std::string& device, unsigned int status = 0) {
   return join({update(device, 32, 0x04, status | 0x7, status | 0x107),
                update(device, 32, 0x3C, 0xFF, 0x300FF),
@@ -171,6 +179,7 @@ TEST(Discovery, StopsSilentlyWhereThePathEnds) {
     EXPECT_EQ(results.pciSystemReady, test.flags[0]);
     EXPECT_EQ(results.rootPortFound, test.flags[1]);
     EXPECT_FALSE(results.upstreamFound);
+    EXPECT_EQ(errorsIn(results), 0U);
     diagnostics.clearDownstreamResults(DownstreamPort1);
     const Lines writes = with(instrument.takeTrace(), "pci write");
     EXPECT_EQ(writes.size(), test.flags[1] ? 4U : 0U) << "the root port's, when there is one";
@@ -253,6 +262,7 @@ TEST(PortBits, LeaveEverythingAloneForAnUnresolvedPort) {
     EXPECT_TRUE(results.rootLinkOk);
     EXPECT_EQ(results.portIds.vendorId, 0);
     EXPECT_FALSE(results.downstreamLinkUp || results.portDataLinkActive || results.prbsSync);
+    EXPECT_EQ(errorsIn(results), 0U);
     fabric.diagnostics.clearDownstreamResults(port);
     EXPECT_FALSE(fabric.diagnostics.isLinkUp(port));
     fabric.diagnostics.testDownstreamPort(port, 1);
