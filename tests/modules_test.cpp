@@ -258,6 +258,9 @@ TEST(Expander, IsLookedForOnlyWhereThereAreAny) {
                     "udev_enumerate_scan_devices", "udev_enumerate_unref", "udev_unref"))
         << "and no topology";
     EXPECT_THAT(controller.GetDevices(), IsEmpty());
+    const Console console;
+    EXPECT_FALSE(controller.isPowerOn());
+    EXPECT_THAT(console.errors(), HasSubstr("Can't open")) << "it is taken for no 2k4k";
   }
   Modules instrument(powered);
   Udev_PCA9536 controller(1);
@@ -557,7 +560,8 @@ TEST(Backplane, SwitchesPowerAndClockInOrder) {
 }
 
 TEST(Backplane, OfOneSlotProbesThatSlotOnly) {
-  Modules instrument(spb + "[gpio]\n127=high\n" + powered + "[power 2]\ninitially=on\n");
+  Modules instrument(spb + "[gpio]\n127=high\n" + powered +
+                     "[power 1]\ninitially=on\n[power 2]\ninitially=on\n");
   {
     BackplaneInterface backplane(2);
     EXPECT_THAT(instrument.takeTrace(), Not(Contains(HasSubstr("of_node/id \"1\""))));
@@ -574,6 +578,7 @@ TEST(Backplane, OfOneSlotProbesThatSlotOnly) {
     }
   }
   EXPECT_THAT(instrument.takeTrace(), ElementsAre("fpga close"));
+  EXPECT_TRUE(BackplaneInterface(1).isModuleOn(1));
   EXPECT_FALSE(BackplaneInterface(-3).isModuleOn(0));
   EXPECT_FALSE(BackplaneInterface(7).isModuleOn(7));
 }
