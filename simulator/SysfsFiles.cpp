@@ -34,9 +34,10 @@ constexpr Behaviour behaviours[] = {
     {"/sys/platform/", power::owns, power::open, power::store},
 };
 
-/// Beginnings of names. libpciaccess opens /proc/mtrr at each initialisation and never closes it.
+/// Beginnings of names. libpciaccess opens /proc/mtrr at each initialisation and never closes it; a
+/// power controller of a module without links writes to /value, which root would create.
 constexpr const char* hiddenNames[] = {"/proc/mtrr", "/proc/bus/pci", "/dev/gpiochip", "/dev/i2c-",
-                                       "/dev/mem",   "/dev/kmem",     "/dev/port"};
+                                       "/dev/mem",   "/dev/kmem",     "/dev/port",     "/value"};
 
 // In front of the attribute's path in the name of its memory file; the mode stands between them.
 constexpr char memoryFileStart[] = "/memfd:talvero-sim:";

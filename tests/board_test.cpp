@@ -7,6 +7,7 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 namespace {
 
@@ -77,12 +78,32 @@ TEST(BoardIdentity, AnUnreadableStrapCountsAsLow) {
   EXPECT_EQ(BoardId().idBitString, "011001");
 }
 
-TEST(BoardIdentity, KeepsToTheTableWhateverIsPutIntoTheId) {
+TEST(BoardIdentity, KindFollowsTheDescriptionAndPrototypeTheId) {
   const Instrument instrument(board(0));
   BoardId identity;
   identity.id = 0xFFFF;
-  EXPECT_EQ(identity.getIdDescription(), "UNKNOWN TUVAK MMB");
-  EXPECT_EQ(identity.idDescription, "DORVELLE MMB SINGLE GIG-E");
+  EXPECT_EQ(identity.getIdDescription(), "UNKNOWN TUVAK MMB") << "the table has 64 rows";
+  const struct {
+    const char* word;
+    bool (BoardId::*asks)() const;
+  } kinds[] = {{"MMB", &BoardId::isMMB},
+               {"QUINDARA", &BoardId::isQuindara},
+               {"TUVAK", &BoardId::isTuvak},
+               {"CXB", &BoardId::isCXB},
+               {"SPB", &BoardId::isSPB}};
+  for (const int id : {9, 16, 32, 33, 34, 63, 32 + 64}) {
+    identity.id = static_cast<std::uint16_t>(id);
+    for (const char* word : {"MMB", "QUINDARA", "TUVAK", "CXB", "SPB", "UNKNOWN", "spb"}) {
+      identity.idDescription = std::string("x") + word + "x";
+      for (const auto& kind : kinds) {
+        EXPECT_EQ((identity.*kind.asks)(), std::string(word) == kind.word) << id << word;
+      }
+      EXPECT_EQ(identity.isBoardIdKnown(), std::string(word) != "UNKNOWN") << id;
+      EXPECT_EQ(identity.isProtoZero(), id == 32) << word;
+      EXPECT_EQ(identity.isProtoOne(), id == 33) << word;
+      EXPECT_EQ(identity.isProtoTwo(), id == 34) << word;
+    }
+  }
 }
 
 TEST(BoardIdentity, IsReadFromSeveralThreads) {
@@ -98,64 +119,71 @@ TEST(BoardIdentity, IsReadFromSeveralThreads) {
   EXPECT_EQ(right, 4);
 }
 
-TEST(AttachedBoards, APmbIsADeviceAt0x74OnBus0OfTheFirstPrototype) {
+/// A board whose straps are read, and out of the trace.
+class Board : public Instrument {
+ public:
+  Board(int id, const std::string& description) : Instrument(board(id) + description) {
+    takeTrace();
+  }
+
+  BoardId identity;
+};
+
+TEST(AttachedBoards, AreLookedForByDescriptionAndId) {
   const struct {
-    int id;
+    std::uint16_t id;
+    const char* description;
+    bool pmb;
+    bool imb;
+  } cases[] = {{32, "SPB", true, false},  {33, "SPB", false, true},  {47, "SPB", false, true},
+               {5, "SPB", false, true},   {32, "MMB", false, false}, {33, "MMB", false, false},
+               {47, "MMB", false, false}, {5, "MMB", false, false}};
+  Board board(0, "[i2c]\n0-0074=pmb\n[gpio]\n80=low\n");
+  for (const auto& test : cases) {
+    board.identity.id = test.id;
+    board.identity.idDescription = test.description;
+    EXPECT_EQ(board.identity.isPMBConnected(), test.pmb) << test.id << test.description;
+    EXPECT_EQ(board.takeTrace().empty(), !test.pmb) << test.id << test.description;
+    EXPECT_EQ(board.identity.isIMBConnected(), test.imb) << test.id << test.description;
+    EXPECT_EQ(board.takeTrace().empty(), !test.imb) << test.id << test.description;
+  }
+}
+
+TEST(AttachedBoards, APmbIsADeviceAt0x74OnBus0) {
+  const std::vector<std::string> listing = {"udev_new",
+                                            "udev_enumerate_new",
+                                            "udev_enumerate_add_match_subsystem i2c",
+                                            "udev_enumerate_scan_devices",
+                                            "udev_enumerate_unref",
+                                            "udev_unref"};
+  const struct {
     const char* devices;
     bool connected;
-  } cases[] = {{32, "0-0074=pmb", true},  {32, "0-0050=eeprom\n0-0074=pmb\n1-0010=x", true},
-               {32, "", false},           {32, "0-0075=x\n1-0074=x\n10-0074=x", false},
-               {33, "0-0074=pmb", false}, {47, "0-0074=pmb", false},
-               {0, "0-0074=pmb", false}};
+    std::vector<std::string> trace;
+  } cases[] = {
+      {"0-0074=pmb", true, listing},
+      {"0-0050=eeprom\n0-0074=pmb\n1-0010=x", true, listing},
+      {"", false, listing},
+      {"0-0075=x\n1-0074=x\n10-0074=x", false, listing},
+      {"0-0074=pmb\n[faults]\nudev-context=on", false, {"udev_new: ENOMEM"}},
+      {"0-0074=pmb\n[faults]\nudev-enumeration=on",
+       false,
+       {"udev_new", "udev_enumerate_new: ENOMEM", "udev_unref"}},
+  };
   for (const auto& test : cases) {
-    Instrument instrument(board(test.id) + "[i2c]\n" + test.devices);
-    const BoardId identity;
-    instrument.takeTrace();
-    EXPECT_EQ(identity.isPMBConnected(), test.connected) << test.id << " " << test.devices;
-    if (test.id == 32) {
-      EXPECT_THAT(
-          instrument.takeTrace(),
-          ElementsAre("udev_new", "udev_enumerate_new", "udev_enumerate_add_match_subsystem i2c",
-                      "udev_enumerate_scan_devices", "udev_enumerate_unref", "udev_unref"));
-    } else {
-      EXPECT_THAT(instrument.takeTrace(), IsEmpty());
-    }
+    Board board(32, std::string("[i2c]\n") + test.devices);
+    EXPECT_EQ(board.identity.isPMBConnected(), test.connected) << test.devices;
+    EXPECT_EQ(board.takeTrace(), test.trace) << test.devices;
   }
 }
 
-TEST(AttachedBoards, NoPmbIsSeenWithoutUdev) {
-  const std::string description = board(32) + "[i2c]\n0-0074=pmb\n[faults]\n";
-  {
-    Instrument instrument(description + "udev-context=on");
-    const BoardId identity;
-    instrument.takeTrace();
-    EXPECT_FALSE(identity.isPMBConnected());
-    EXPECT_THAT(instrument.takeTrace(), ElementsAre("udev_new: ENOMEM"));
-  }
-  Instrument instrument(description + "udev-enumeration=on");
-  const BoardId identity;
-  instrument.takeTrace();
-  EXPECT_FALSE(identity.isPMBConnected());
-  EXPECT_THAT(instrument.takeTrace(),
-              ElementsAre("udev_new", "udev_enumerate_new: ENOMEM", "udev_unref"));
-}
-
-TEST(AttachedBoards, AnImbPullsLine80LowOnTheLaterSpbs) {
-  const struct {
-    int id;
-    const char* line;
-    bool connected;
-  } cases[] = {{33, "80=low", true},      {33, "80=high", false}, {34, "80=low", true},
-               {47, "80=low", true},      {47, "80=high", false}, {33, "80=missing", true},
-               {33, "80=no-value", true}, {32, "80=low", false},  {31, "80=low", false},
-               {48, "80=low", false},     {0, "80=low", false}};
-  for (const auto& test : cases) {
-    Instrument instrument(board(test.id) + "[gpio]\n" + test.line);
-    const BoardId identity;
-    instrument.takeTrace();
-    EXPECT_EQ(identity.isIMBConnected(), test.connected) << test.id << " " << test.line;
-    const bool read = test.id > 32 && test.id < 48;
-    EXPECT_EQ(instrument.takeTrace().empty(), !read) << test.id << " " << test.line;
+TEST(AttachedBoards, AnImbPullsLine80Low) {
+  const std::map<std::string, bool> cases = {
+      {"80=low", true}, {"80=high", false}, {"80=missing", true}, {"80=no-value", true}};
+  for (const auto& [line, connected] : cases) {
+    Board board(33, "[gpio]\n" + line);
+    EXPECT_EQ(board.identity.isIMBConnected(), connected) << line;
+    EXPECT_THAT(board.takeTrace().front(), StartsWith("write /sys/class/gpio/export \"80\""));
   }
 }
 

@@ -15,7 +15,6 @@
 using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -28,17 +27,6 @@ class Modules : public Instrument {
   explicit Modules(const std::string& description) : Instrument(description) {
     const std::lock_guard<std::mutex> guard(ModuleI2CInfo::cacheLock);
     ModuleI2CInfo::cache.clear();
-  }
-
-  /// The trace without what matches the word.
-  std::vector<std::string> takeTraceWithout(const std::string& word) {
-    std::vector<std::string> lines;
-    for (std::string& line : takeTrace()) {
-      if (line.find(word) == std::string::npos) {
-        lines.push_back(std::move(line));
-      }
-    }
-    return lines;
   }
 };
 
@@ -76,14 +64,6 @@ solution=5
 
 const std::string powered = modules + "[expander 30-0041]\n[expander 32-0041]\n";
 
-const char* const listExpanders[] = {"udev_new",
-                                     "udev_enumerate_new",
-                                     "udev_enumerate_add_match_subsystem i2c",
-                                     "udev_enumerate_add_match_sysattr name \"pca9536\"",
-                                     "udev_enumerate_scan_devices",
-                                     "udev_enumerate_unref",
-                                     "udev_unref"};
-
 TEST(Topology, IsResolvedOnceThroughUdevAndThePlatform) {
   Modules instrument(modules);
   const ModuleI2CInfo first(1);
@@ -107,6 +87,8 @@ TEST(Topology, IsResolvedOnceThroughUdevAndThePlatform) {
   const ModuleI2CInfo second(1);
   EXPECT_EQ(second.topBus + second.systemBus + second.solutionBus, "i2c-13i2c-30i2c-31");
   EXPECT_THAT(instrument.takeTrace(), IsEmpty());
+  EXPECT_EQ(first.local1() + first.local2() + first.local3() + first.local4(),
+            "i2c-21i2c-22i2c-23i2c-24");
 }
 
 TEST(Topology, FollowsTheDeviceTree) {
@@ -139,27 +121,27 @@ TEST(Topology, FollowsTheDeviceTree) {
 TEST(Topology, TakesTheLastOfSeveralDevicesThatCanBeOpened) {
   const std::string first = "[module 2-0050]\nid=3\ntop=i2c-1\nsystem=a\nsolution=b\n";
   const std::string second = "[module 2-0051]\nid=3\ntop=i2c-2/2\n";
-  {
-    const Modules instrument(buses + first + second + "system=2\nsolution=5");
-    EXPECT_EQ(ModuleI2CInfo(3).systemBus, "i2c-32");
+  const std::string buses2And5 = "system=2\nsolution=5\n";
+  const struct {
+    std::string devices;
+    const char* systemBus;
+    const char* solutionBus;
+    bool is2k4k;
+  } cases[] = {
+      {first + second + buses2And5, "i2c-32", "i2c-33", false},
+      // Once it is a 2k4k it stays one, but its buses are the last device's.
+      {first + "2k4k=1\n" + second, "i2c-12", "i2c-12", true},
+      {first + "2k4k=1\n" + second + buses2And5 + "2k4k=0", "i2c-32", "i2c-33", true},
+      {first + second + "openable=no", "a", "b", false},
+      {first + "openable=no\n" + second + buses2And5, "i2c-32", "i2c-33", false},
+  };
+  for (const auto& test : cases) {
+    const Modules instrument(buses + test.devices);
+    const ModuleI2CInfo info(3);
+    EXPECT_EQ(info.systemBus, test.systemBus) << test.devices;
+    EXPECT_EQ(info.solutionBus, test.solutionBus) << test.devices;
+    EXPECT_EQ(info.is2k4k, test.is2k4k) << test.devices;
   }
-  {
-    const Modules instrument(buses + first + "2k4k=1\n" + second);
-    EXPECT_TRUE(ModuleI2CInfo(3).is2k4k) << "as the device before it says";
-    EXPECT_EQ(ModuleI2CInfo(3).solutionBus, "i2c-12");
-  }
-  {
-    const Modules instrument(buses + first + "2k4k=1\n" + second + "system=2\nsolution=5\n2k4k=0");
-    EXPECT_TRUE(ModuleI2CInfo(3).is2k4k) << "once it is one";
-    EXPECT_EQ(ModuleI2CInfo(3).solutionBus, "i2c-33") << "but its buses are the last device's";
-  }
-  {
-    Modules instrument(buses + first + second + "openable=no");
-    EXPECT_EQ(ModuleI2CInfo(3).solutionBus, "b");
-    EXPECT_THAT(instrument.takeTrace(), Contains(HasSubstr("2-0051: ENODEV")));
-  }
-  const Modules instrument(buses + first + "openable=no\n" + second + "system=2\nsolution=5");
-  EXPECT_EQ(ModuleI2CInfo(3).solutionBus, "i2c-33");
 }
 
 TEST(Topology, RemembersNumbersThatNoDeviceDescribes) {
@@ -228,13 +210,6 @@ TEST(Topology, IsResolvedOnceForManyThreads) {
   EXPECT_EQ(std::count(trace.begin(), trace.end(), "udev_new"), 2);
 }
 
-TEST(Topology, KnowsTheLocalBuses) {
-  const Modules instrument(modules);
-  const ModuleI2CInfo info(9);
-  EXPECT_EQ(info.local1() + info.local2() + info.local3() + info.local4(),
-            "i2c-21i2c-22i2c-23i2c-24");
-}
-
 TEST(Topology, ABusIsLookedUpOnItsOwnMultiplexers) {
   // The bus behind a channel links back to its multiplexer, whose channels are its parent's.
   const Modules instrument(
@@ -267,18 +242,21 @@ TEST(Expander, IsFoundOnTheSystemBus) {
     EXPECT_EQ(controller.GetPath(), test.path) << test.expanders;
     EXPECT_THAT(instrument.takeTrace(), Not(Contains(HasSubstr("clock"))));
   }
-  {
-    // A bus name that occurs inside a longer one matches as well.
-    const Modules instrument("[module 2-0050]\nid=7\ntop=x\nsystem=i2c-3\n[expander 30-0041]");
-    EXPECT_EQ(Udev_PCA9536(7).GetPath(), "/sys/devices/i2c-30/30-0041/gpio/gpiochip512");
-  }
+  // A bus name that occurs inside a longer one matches as well.
+  const Modules instrument("[module 2-0050]\nid=7\ntop=x\nsystem=i2c-3\n[expander 30-0041]");
+  EXPECT_EQ(Udev_PCA9536(7).GetPath(), "/sys/devices/i2c-30/30-0041/gpio/gpiochip512");
 }
 
 TEST(Expander, IsLookedForOnlyWhereThereAreAny) {
   {
     Modules instrument(modules);
     Udev_PCA9536 controller(1);
-    EXPECT_THAT(instrument.takeTrace(), ElementsAreArray(listExpanders)) << "and no topology";
+    EXPECT_THAT(
+        instrument.takeTrace(),
+        ElementsAre("udev_new", "udev_enumerate_new", "udev_enumerate_add_match_subsystem i2c",
+                    "udev_enumerate_add_match_sysattr name \"pca9536\"",
+                    "udev_enumerate_scan_devices", "udev_enumerate_unref", "udev_unref"))
+        << "and no topology";
     EXPECT_THAT(controller.GetDevices(), IsEmpty());
   }
   Modules instrument(powered);
@@ -306,6 +284,18 @@ TEST(Expander, ListsAndFindsEntries) {
   EXPECT_EQ(controller.FindSubdir(directory.path, "pi", false), directory.path + "/gpio");
 }
 
+/// The power controller of a module; how it was set up is out of the trace.
+class PoweredModule : public Modules {
+ public:
+  explicit PoweredModule(const std::string& description, unsigned int module = 2)
+      : Modules(description), controller(module) {
+    takeTrace();
+  }
+
+  Udev_PCA9536 controller;
+  Console console;
+};
+
 const char* const enable2 = "/sys/platform/gpio_module2_power_en/value";
 const char* const done2 = "/sys/platform/gpio_module2_seq_done/value";
 
@@ -324,11 +314,10 @@ std::ptrdiff_t readings(const std::vector<std::string>& trace) {
 }
 
 TEST(Power, IsSwitchedInOrderAndConfirmedTwice) {
-  Modules instrument(powered + "[power 2]\non-delay=0.03\noff-delay=0.01");
-  Udev_PCA9536 controller(2);
+  PoweredModule instrument(powered + "[power 2]\non-delay=0.03\noff-delay=0.01");
+  Udev_PCA9536& controller = instrument.controller;
   EXPECT_FALSE(controller.isPowerOn());
   instrument.takeTrace();
-  const Console console;
   controller.PowerOn();
   const std::string sleep = "sleep 20000 us";
   EXPECT_THAT(instrument.takeTrace(),
@@ -342,7 +331,7 @@ TEST(Power, IsSwitchedInOrderAndConfirmedTwice) {
               ElementsAre("fpga open", "clock off 2", write(enable2, "0"), read(done2, "0"), sleep,
                           read(done2, "1"), "fpga close"));
   EXPECT_FALSE(controller.isPowerOn());
-  EXPECT_EQ(console.output() + console.errors(), "");
+  EXPECT_EQ(instrument.console.output() + instrument.console.errors(), "");
 }
 
 TEST(Power, SequencesFlickerAndTimeOut) {
@@ -362,26 +351,20 @@ TEST(Power, SequencesFlickerAndTimeOut) {
        "Power off sequence done timed out\n"},
   };
   for (const auto& test : cases) {
-    Modules instrument(powered + "[power 2]\n" + test.power);
-    Udev_PCA9536 controller(2);
-    instrument.takeTrace();
-    const Console console;
-    if (test.on) {
-      controller.PowerOn();
-    } else {
-      controller.PowerOff();
-    }
+    PoweredModule instrument(powered + "[power 2]\n" + test.power);
+    Udev_PCA9536& controller = instrument.controller;
+    test.on ? controller.PowerOn() : controller.PowerOff();
     EXPECT_EQ(readings(instrument.takeTrace()), test.readings) << test.power;
-    EXPECT_EQ(console.errors(), test.errors) << test.power;
+    EXPECT_EQ(instrument.console.errors(), test.errors) << test.power;
     EXPECT_EQ(controller.isPowerOn(), test.on) << "nothing is undone";
   }
 }
 
 TEST(Power, AFirstReadingOfDoneOutlivesATimeOut) {
-  Modules instrument(powered + "[power 2]\ninitially=on\non-delay=0\n[power 1]\ninitially=on\n");
-  Udev_PCA9536 controller(2);
-  const Console console;
-  instrument.takeTrace();
+  PoweredModule instrument(powered +
+                           "[power 2]\ninitially=on\non-delay=0\n[power 1]\ninitially=on\n");
+  Udev_PCA9536& controller = instrument.controller;
+  const Console& console = instrument.console;
   controller.WaitForPowerSequence(false, 20ms);
   EXPECT_EQ(readings(instrument.takeTrace()), 1);
   EXPECT_EQ(console.errors(), "Power on sequence done timed out\n");
@@ -397,10 +380,10 @@ TEST(Power, AFirstReadingOfDoneOutlivesATimeOut) {
 }
 
 TEST(Power, SaysWhichLineCannotBeOpened) {
-  Modules instrument(powered +
-                     "[power 2]\npower-enable=missing\nsequence-done=missing\noff-delay=0\n");
-  Udev_PCA9536 controller(2);
-  const Console console;
+  PoweredModule instrument(powered +
+                           "[power 2]\npower-enable=missing\nsequence-done=missing\noff-delay=0\n");
+  Udev_PCA9536& controller = instrument.controller;
+  const Console& console = instrument.console;
   EXPECT_FALSE(controller.isPowerOn());
   EXPECT_FALSE(controller.GpioExported());
   EXPECT_EQ(console.errors(), std::string("Can't open: ") + enable2 + "\n");
@@ -411,13 +394,11 @@ TEST(Power, SaysWhichLineCannotBeOpened) {
 }
 
 TEST(Power, GpioExportedWritesNothing) {
-  Modules instrument(powered + "[power 2]\ninitially=on\non-delay=0");
-  const Udev_PCA9536 controller(2);
-  instrument.takeTrace();
-  EXPECT_TRUE(controller.GpioExported());
+  PoweredModule instrument(powered + "[power 2]\ninitially=on\non-delay=0");
+  EXPECT_TRUE(instrument.controller.GpioExported());
   EXPECT_THAT(instrument.takeTrace(), IsEmpty()) << "neither read nor written";
   EXPECT_EQ(contentOf(enable2), "1\n");
-  EXPECT_TRUE(controller.PowerSequenceDone());
+  EXPECT_TRUE(instrument.controller.PowerSequenceDone());
 }
 
 TEST(Power, LinksAreThoseOfTheModule) {
@@ -425,11 +406,10 @@ TEST(Power, LinksAreThoseOfTheModule) {
       {1, "gpio_module1"}, {2, "gpio_module2"}, {4, "gpio_2k_4k_a"}, {5, "gpio_2k_4k_b"}};
   for (const auto& [module, link] : links) {
     const std::string number = std::to_string(module);
-    Modules instrument("[module 2-0050]\nid=" + number + "\ntop=x\nsystem=i2c-9\n[power " + number +
-                       "]\non-delay=0\noff-delay=0\n[expander 9-0041]\n");
-    Udev_PCA9536 controller(module);
-    const Console console;
-    instrument.takeTrace();
+    PoweredModule instrument("[module 2-0050]\nid=" + number + "\ntop=x\nsystem=i2c-9\n[power " +
+                                 number + "]\non-delay=0\noff-delay=0\n[expander 9-0041]\n",
+                             module);
+    Udev_PCA9536& controller = instrument.controller;
     controller.PowerOn();
     const std::string enable = "/sys/platform/" + link + "_power_en/value";
     const bool polled = module < 4;
@@ -443,24 +423,23 @@ TEST(Power, LinksAreThoseOfTheModule) {
     EXPECT_EQ(controller.PowerSequenceDone(), false);
     EXPECT_THAT(instrument.takeTrace(),
                 ElementsAre("read /sys/platform/" + link + "_seq_done/value \"1\\n\""));
-    EXPECT_EQ(console.errors(), "");
+    EXPECT_EQ(instrument.console.errors(), "");
   }
 }
 
 TEST(Power, OfA2k4kModuleIsOnlyRecorded) {
-  Modules instrument(
+  PoweredModule instrument(
       "[mux 2-0070]\n1=i2c-9\n[module 2-0050]\nid=4\ntop=i2c-2/1\n2k4k=1\n"
-      "[expander 9-0041]\n");
-  Udev_PCA9536 controller(4);
-  const Console console;
-  instrument.takeTrace();
+      "[expander 9-0041]\n",
+      4);
+  Udev_PCA9536& controller = instrument.controller;
   EXPECT_FALSE(controller.isPowerOn());
   controller.PowerOn();
   EXPECT_TRUE(controller.isPowerOn());
   controller.PowerOff();
   EXPECT_FALSE(controller.isPowerOn());
   EXPECT_THAT(instrument.takeTrace(), IsEmpty());
-  EXPECT_EQ(console.errors(), "");
+  EXPECT_EQ(instrument.console.errors(), "");
 }
 
 /// Counts what is asked of it.
@@ -578,7 +557,8 @@ TEST(Backplane, SwitchesPowerAndClockInOrder) {
 }
 
 TEST(Backplane, OfOneSlotProbesThatSlotOnly) {
-  Modules instrument(spb + "[gpio]\n127=high\n" + powered + "[power 2]\ninitially=on\n");
+  Modules instrument(spb + "[gpio]\n127=high\n" + powered +
+                     "[power 1]\ninitially=on\n[power 2]\ninitially=on\n");
   {
     BackplaneInterface backplane(2);
     EXPECT_THAT(instrument.takeTrace(), Not(Contains(HasSubstr("of_node/id \"1\""))));
@@ -595,6 +575,7 @@ TEST(Backplane, OfOneSlotProbesThatSlotOnly) {
     }
   }
   EXPECT_THAT(instrument.takeTrace(), ElementsAre("fpga close"));
+  EXPECT_TRUE(BackplaneInterface(1).isModuleOn(1));
   EXPECT_FALSE(BackplaneInterface(-3).isModuleOn(0));
   EXPECT_FALSE(BackplaneInterface(7).isModuleOn(7));
 }

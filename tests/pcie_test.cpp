@@ -24,8 +24,15 @@ constexpr PCIeDownstreamPorts allPorts[] = {DownstreamPort1, DownstreamPort5, Do
 const char* const portAddresses[] = {"0000:02:01.0", "0000:02:05.0", "0000:02:07.0",
                                      "0000:02:09.0", "0000:10:01.0", "0000:10:05.0"};
 
-const char* upstreamAddress(PCIeDownstreamPorts port) {
+const std::string rootAddress = "0000:00:00.0";
+
+std::string upstreamAddress(PCIeDownstreamPorts port) {
   return port < ShimPort1 ? "0000:01:00.0" : "0000:0f:00.0";
+}
+
+/// The start of the description of the port's switch.
+std::string switchGroup(PCIeDownstreamPorts port) {
+  return port < ShimPort1 ? "[pci switch]\n" : "[pci shim]\n";
 }
 
 /// Diagnostics on a described fabric whose set-up is over and out of the trace.
@@ -57,6 +64,14 @@ Lines with(const Lines& trace, const std::string& word) {
   return found;
 }
 
+Lines join(const std::vector<Lines>& parts) {
+  Lines all;
+  for (const Lines& part : parts) {
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  return all;
+}
+
 std::string hex(unsigned long number) {
   std::ostringstream text;
   text << std::hex << number;
@@ -70,15 +85,25 @@ Lines update(const std::string& device, int width, unsigned int offset, unsigned
   return {"pci read" + bits + hex(before), "pci write" + bits + hex(after)};
 }
 
+/// The value that an access in the trace has read or written.
+unsigned int valueIn(const std::string& access) {
+  return static_cast<unsigned int>(std::stoul(access.substr(access.rfind(' ')), nullptr, 16));
+}
+
+/// All that a record says of errors; what was not read is zero.
+unsigned int errorsIn(const DiagnosticsResults& results) {
+  return results.rootUncorrectableStatus | results.rootCorrectableStatus |
+         results.upstreamUncorrectableStatus | results.upstreamCorrectableStatus |
+         results.portUncorrectableStatus | results.portCorrectableStatus | results.portRegister1E8 |
+         results.portRegister1EC | results.prbsErrors;
+}
+
 Lines bridgeSetUp(const std::string& device, unsigned int status = 0) {
-  Lines lines;
-  const auto add = [&](const Lines& more) { lines.insert(lines.end(), more.begin(), more.end()); };
-  add(update(device, 32, 0x04, status | 0x7, status | 0x107));
-  add(update(device, 32, 0x3C, 0xFF, 0x300FF));
-  add(update(device, 16, 0x70, 0x2810, 0x281F));
-  add(update(device, 32, 0xFCC, 0xA0, 0x1A0));
-  add({"pci write32 " + device + " fb8 3ff030", "pci write32 " + device + " fc4 31c1"});
-  return lines;
+  return join({update(device, 32, 0x04, status | 0x7, status | 0x107),
+               update(device, 32, 0x3C, 0xFF, 0x300FF),
+               update(device, 16, 0x70, 0x2810, 0x281F),
+               update(device, 32, 0xFCC, 0xA0, 0x1A0),
+               {"pci write32 " + device + " fb8 3ff030", "pci write32 " + device + " fc4 31c1"}});
 }
 
 std::string bridgeBefore(const std::string& name, const std::string& status = "0") {
@@ -95,20 +120,22 @@ TEST(Discovery, EnablesErrorReportingAlongThePathAndClearsWhatIsLatched) {
       "present=no\n");
   const Console console;
   const PCIeDiagnostics diagnostics;
-  Lines expected = {"pci_system_init",       "pci find 0000:00:00.0",
-                    "pci find 0000:01:00.0", "pci find 0000:02:01.0",
-                    "pci find 0000:02:05.0", "pci find 0000:02:07.0: ENODEV",
-                    "pci find 0000:02:09.0"};
-  const std::string root = "0000:00:00.0";
-  for (const Lines& lines :
-       {update(root, 16, 0x78, 0x2810, 0x281F), update(root, 16, 0x12C, 0x80, 0x87),
-        update(root, 16, 0x7A, 0xF, 0xF), update(root, 32, 0x8C, 0x18, 0x1F),
-        update(root, 32, 0x130, 0x7F, 0x7F), update(root, 32, 0x110, 0x31C1, 0x31C1),
-        update(root, 32, 0x104, 0x100010, 0x100010), bridgeSetUp("0000:01:00.0", 0xF9000000),
-        bridgeSetUp("0000:02:01.0"), bridgeSetUp("0000:02:05.0"), bridgeSetUp("0000:02:09.0")}) {
-    expected.insert(expected.end(), lines.begin(), lines.end());
-  }
-  EXPECT_THAT(instrument.takeTrace(), ElementsAreArray(expected));
+  EXPECT_THAT(
+      instrument.takeTrace(),
+      ElementsAreArray(join({{"pci_system_init", "pci find 0000:00:00.0", "pci find 0000:01:00.0",
+                              "pci find 0000:02:01.0", "pci find 0000:02:05.0",
+                              "pci find 0000:02:07.0: ENODEV", "pci find 0000:02:09.0"},
+                             update(rootAddress, 16, 0x78, 0x2810, 0x281F),
+                             update(rootAddress, 16, 0x12C, 0x80, 0x87),
+                             update(rootAddress, 16, 0x7A, 0xF, 0xF),
+                             update(rootAddress, 32, 0x8C, 0x18, 0x1F),
+                             update(rootAddress, 32, 0x130, 0x7F, 0x7F),
+                             update(rootAddress, 32, 0x110, 0x31C1, 0x31C1),
+                             update(rootAddress, 32, 0x104, 0x100010, 0x100010),
+                             bridgeSetUp("0000:01:00.0", 0xF9000000),
+                             bridgeSetUp("0000:02:01.0"),
+                             bridgeSetUp("0000:02:05.0"),
+                             bridgeSetUp("0000:02:09.0")})));
   EXPECT_EQ(console.errors(), "could not enumerate module: 2\n");
   EXPECT_EQ(console.output(), "");
 
@@ -152,6 +179,7 @@ TEST(Discovery, StopsSilentlyWhereThePathEnds) {
     EXPECT_EQ(results.pciSystemReady, test.flags[0]);
     EXPECT_EQ(results.rootPortFound, test.flags[1]);
     EXPECT_FALSE(results.upstreamFound);
+    EXPECT_EQ(errorsIn(results), 0U);
     diagnostics.clearDownstreamResults(DownstreamPort1);
     const Lines writes = with(instrument.takeTrace(), "pci write");
     EXPECT_EQ(writes.size(), test.flags[1] ? 4U : 0U) << "the root port's, when there is one";
@@ -161,8 +189,7 @@ TEST(Discovery, StopsSilentlyWhereThePathEnds) {
 
 TEST(PortBits, ActOnTheSwitchOfThePort) {
   for (const PCIeDownstreamPorts port : allPorts) {
-    const std::string name = port < ShimPort1 ? "switch" : "shim";
-    Fabric fabric("[pci " + name + "]\nregister-b98=0x12345678");
+    Fabric fabric(switchGroup(port) + "register-b98=0x12345678");
     const std::string upstream = upstreamAddress(port);
     const std::string first = "port: " + std::to_string(port) + "\n";
     PCIeDiagnostics& diagnostics = fabric.diagnostics;
@@ -235,6 +262,7 @@ TEST(PortBits, LeaveEverythingAloneForAnUnresolvedPort) {
     EXPECT_TRUE(results.rootLinkOk);
     EXPECT_EQ(results.portIds.vendorId, 0);
     EXPECT_FALSE(results.downstreamLinkUp || results.portDataLinkActive || results.prbsSync);
+    EXPECT_EQ(errorsIn(results), 0U);
     fabric.diagnostics.clearDownstreamResults(port);
     EXPECT_FALSE(fabric.diagnostics.isLinkUp(port));
     fabric.diagnostics.testDownstreamPort(port, 1);
@@ -272,38 +300,27 @@ TEST(ErrorTexts, NameTheBitsInOrder) {
   const Instrument instrument("");
   const PCIeDiagnostics diagnostics;
   const struct {
-    unsigned int bit;
-    const char* text;
-  } uncorrectable[] = {{0x10, "Data Link"},
-                       {0x20, "Surprise Down"},
-                       {0x1000, "Poisoned DLP"},
-                       {0x2000, "Flow Control"},
-                       {0x4000, "Completion Timeout"},
-                       {0x8000, "Completion Abort"},
-                       {0x10000, "Unexpected Completion"},
-                       {0x20000, "Receiver Overflow"},
-                       {0x40000, "Malformed TLP"},
-                       {0x80000, "ECRC Error"},
-                       {0x100000, "Unsupported Request"},
-                       {0x200000, "ACS Violation"}};
-  std::string all;
-  for (const auto& error : uncorrectable) {
-    EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(error.bit), error.text);
-    all += (all.empty() ? "" : ", ") + std::string(error.text);
+    std::string (PCIeDiagnostics::*decode)(std::uint32_t) const;
+    std::uint32_t errors;
+    const char* names;
+  } cases[] = {{&PCIeDiagnostics::DecodeUncorrectableStatus, 0x003FF030,
+                "Data Link, Surprise Down, Poisoned DLP, Flow Control, Completion Timeout, "
+                "Completion Abort, Unexpected Completion, Receiver Overflow, Malformed TLP, "
+                "ECRC Error, Unsupported Request, ACS Violation"},
+               {&PCIeDiagnostics::DecodeCorrectableStatus, 0x31C1,
+                "Rx Errors, Bad TLP, Bad DLLP, Replay Num, Replay Timeout, Advisory"}};
+  for (const auto& test : cases) {
+    std::string names;
+    for (int bit = 0; bit < 32; ++bit) {
+      const std::uint32_t error = test.errors & 1U << bit;
+      const std::string name = (diagnostics.*test.decode)(1U << bit);
+      EXPECT_EQ(name == "None", error == 0) << bit;
+      names += error == 0 ? "" : (names.empty() ? "" : ", ") + name;
+    }
+    EXPECT_EQ(names, test.names);
+    EXPECT_EQ((diagnostics.*test.decode)(0xFFFFFFFF), test.names);
+    EXPECT_EQ((diagnostics.*test.decode)(~test.errors), "None");
   }
-  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(0x003FF030), all);
-  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(0xFFFFFFFF), all);
-  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(~0x003FF030U), "None");
-  EXPECT_EQ(diagnostics.DecodeUncorrectableStatus(0), "None");
-
-  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x31C1),
-            "Rx Errors, Bad TLP, Bad DLLP, Replay Num, Replay Timeout, Advisory");
-  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0xFFFFFFFF),
-            "Rx Errors, Bad TLP, Bad DLLP, Replay Num, Replay Timeout, Advisory");
-  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x1040), "Bad TLP, Replay Timeout");
-  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x2001), "Rx Errors, Advisory");
-  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(0x180), "Bad DLLP, Replay Num");
-  EXPECT_EQ(diagnostics.DecodeCorrectableStatus(~0x31C1U), "None");
 }
 
 Lines snapshot(PCIeDownstreamPorts port) {
@@ -342,9 +359,11 @@ TEST(Snapshot, ReadsThePathInOrder) {
 }
 
 TEST(Snapshot, FillsEachFieldFromItsRegister) {
+  // Bits 4 and 5 of the root port's device status are no errors; the set-up cannot clear what is
+  // stuck here.
   Fabric fabric(
       "[pci root]\nuncorrectable=0x80000001\ncorrectable=0xffffffff\n"
-      "register-78=0x00ff0000\n"
+      "register-78=0x003f0000\nstuck-78=0x003f0000\n"
       "[pci switch]\nuncorrectable=0xffffffff\ncorrectable=0xffffffff\n"
       "[pci port7]\nuncorrectable=0xfff0\ncorrectable=0xf0c0\nregister-1e8=0xe8\n"
       "register-1ec=0xec000000\n");
@@ -352,6 +371,7 @@ TEST(Snapshot, FillsEachFieldFromItsRegister) {
       fabric.diagnostics.getDiagnosticsResults(DownstreamPort7, false);
   EXPECT_EQ(results.rootLinkStatus, 0x2012);
   EXPECT_EQ(results.rootLinkFault, 0U);
+  EXPECT_EQ(results.rootDeviceStatus, 0xFU);
   EXPECT_EQ(results.rootUncorrectableStatus, 0x80000001U);
   EXPECT_EQ(results.rootCorrectableStatus, 0xC0U);
   EXPECT_EQ(results.upstreamUncorrectableStatus, 0x3FF030U);
@@ -362,13 +382,6 @@ TEST(Snapshot, FillsEachFieldFromItsRegister) {
   EXPECT_EQ(results.portRegister1EC, 0xEC000000U);
   EXPECT_EQ(results.reserved1 + results.reserved2 + results.prbsErrors, 0U);
   EXPECT_FALSE(results.prbsSync);
-}
-
-TEST(Snapshot, ShowsTheErrorsThatTheRootPortDetected) {
-  // Bits 4 and 5 are no errors; the set-up cannot clear what is latched here.
-  Fabric fabric("[pci root]\nregister-78=0x003f0000\nstuck-78=0x003f0000");
-  EXPECT_EQ(fabric.diagnostics.getDiagnosticsResults(DownstreamPort1, false).rootDeviceStatus,
-            0xFU);
 }
 
 TEST(Snapshot, KnowsAGoodRootLink) {
@@ -401,14 +414,10 @@ TEST(LinkChecks, ClearTheLatchedErrorsOfThePath) {
   for (const PCIeDownstreamPorts port : {DownstreamPort9, ShimPort5}) {
     Fabric fabric("[pci root]\ncorrectable=0x40\nuncorrectable=0x10\n");
     fabric.diagnostics.clearDownstreamResults(port);
-    const std::string root = "0000:00:00.0";
-    Lines expected;
-    for (const Lines& lines :
-         {update(root, 16, 0x7A, 0, 0), update(root, 32, 0x130, 0, 0),
-          update(root, 32, 0x110, 0x40, 0x40), update(root, 32, 0x104, 0x10, 0x10)}) {
-      expected.insert(expected.end(), lines.begin(), lines.end());
-    }
-    for (const std::string device : {upstreamAddress(port), portAddresses[port]}) {
+    Lines expected = join(
+        {update(rootAddress, 16, 0x7A, 0, 0), update(rootAddress, 32, 0x130, 0, 0),
+         update(rootAddress, 32, 0x110, 0x40, 0x40), update(rootAddress, 32, 0x104, 0x10, 0x10)});
+    for (const std::string& device : {upstreamAddress(port), std::string(portAddresses[port])}) {
       expected.push_back("pci write32 " + device + " fb8 3ff030");
       expected.push_back("pci write32 " + device + " fc4 31c1");
     }
@@ -522,29 +531,23 @@ TEST(Prbs, IsSetUpAndTornDownInOrder) {
   for (const PCIeDownstreamPorts port : allPorts) {
     const auto& bits = bitsOf[port];
     const std::string upstream = upstreamAddress(port);
-    const std::string name = port < ShimPort1 ? "switch" : "shim";
-    Fabric fabric("[pci " + name + "]\nregister-244=0x8300ffff\nregister-25c=0xffffffff\n");
+    Fabric fabric(switchGroup(port) + "register-244=0x8300ffff\nregister-25c=0xffffffff\n");
     fabric.diagnostics.setupPRBSLoopbackTest(port);
-    const std::string read = "pci read32 " + upstream + " ";
-    const std::string write = "pci write32 " + upstream + " ";
-    const std::string sleep = "sleep 1000 us";
     const Lines trace = fabric.takeTrace();
     ASSERT_EQ(trace.size(), 13U);
-    EXPECT_THAT(trace[0], HasSubstr(read + "244 "));
-    const unsigned long kept = std::stoul(trace[0].substr(trace[0].rfind(' ')), nullptr, 16);
-    EXPECT_EQ(trace[1], write + "244 " + hex((kept & 0xFCFFFFFF) | bits.select));
-    EXPECT_EQ(trace[2], sleep);
-    EXPECT_THAT(trace[3], HasSubstr(read + "224 "));
-    const unsigned long idle = std::stoul(trace[3].substr(trace[3].rfind(' ')), nullptr, 16);
-    EXPECT_EQ(trace[4], write + "224 " + hex(idle | bits.loopbackEnable));
-    EXPECT_EQ(trace[5], sleep);
-    EXPECT_EQ(trace[6], read + "224 " + hex((idle | bits.loopbackEnable) & ~bits.loopbackStatus));
-    EXPECT_EQ(trace[7], sleep);
-    EXPECT_EQ(trace[8], read + "25c ffffffff");
-    EXPECT_EQ(trace[9], write + "25c f0f0ffff");
-    EXPECT_EQ(trace[10], sleep);
-    EXPECT_EQ(trace[11], read + "25c f0f0ffff");
-    EXPECT_EQ(trace[12], write + "25c " + hex(0xF0F0FFFF | bits.prbsEnable));
+    const unsigned int kept = valueIn(trace[0]);
+    const unsigned int idle = valueIn(trace[3]);
+    const std::string read224 = "pci read32 " + upstream + " 224 ";
+    const Lines sleep = {"sleep 1000 us"};
+    EXPECT_EQ(trace, join({update(upstream, 32, 0x244, kept, (kept & 0xFCFFFFFF) | bits.select),
+                           sleep,
+                           update(upstream, 32, 0x224, idle, idle | bits.loopbackEnable),
+                           sleep,
+                           {read224 + hex((idle | bits.loopbackEnable) & ~bits.loopbackStatus)},
+                           sleep,
+                           update(upstream, 32, 0x25C, 0xFFFFFFFF, 0xF0F0FFFF),
+                           sleep,
+                           update(upstream, 32, 0x25C, 0xF0F0FFFF, 0xF0F0FFFF | bits.prbsEnable)}));
     EXPECT_EQ(fabric.console.errors(), "");
 
     EXPECT_TRUE(fabric.diagnostics.checkForPRBSSync(port));
@@ -552,10 +555,9 @@ TEST(Prbs, IsSetUpAndTornDownInOrder) {
     fabric.diagnostics.tearDownPRBSLoopbackTest(port);
     const Lines down = fabric.takeTrace();
     ASSERT_EQ(down.size(), 6U);
-    EXPECT_EQ(down[1], write + "224 " + hex(idle & ~bits.loopbackStatus));
-    EXPECT_EQ(down[2], sleep);
-    EXPECT_EQ(down[3], read + "224 " + hex(idle));
-    EXPECT_EQ(down[5], write + "25c f0f0ffff");
+    EXPECT_EQ(down[1], "pci write32 " + upstream + " 224 " + hex(idle & ~bits.loopbackStatus));
+    EXPECT_EQ(Lines(down.begin() + 2, down.begin() + 4), join({sleep, {read224 + hex(idle)}}));
+    EXPECT_EQ(down[5], "pci write32 " + upstream + " 25c f0f0ffff");
   }
 }
 
@@ -633,14 +635,14 @@ TEST(ShimSwitch, IsFoundBehindTheModulesPort) {
             "shim_primary: 15 shim_secondary: 16 shim_subordinate: 18\n"
             "shim_primary: 16 shim_secondary: 17 shim_subordinate: 17\n"
             "shim_primary: 16 shim_secondary: 18 shim_subordinate: 18\n");
-  Lines expected = {"pci find 0000:02:09.0",  "pci buses 0000:02:09.0", "pci find 0000:0f:00.0",
-                    "pci buses 0000:0f:00.0", "pci find 0000:10:01.0",  "pci find 0000:10:05.0",
-                    "pci buses 0000:10:01.0", "pci buses 0000:10:05.0"};
-  for (const char* device : {"0000:0f:00.0", "0000:10:01.0", "0000:10:05.0"}) {
-    const Lines lines = bridgeSetUp(device);
-    expected.insert(expected.end(), lines.begin(), lines.end());
-  }
-  EXPECT_THAT(instrument.takeTrace(), ElementsAreArray(expected));
+  EXPECT_THAT(instrument.takeTrace(),
+              ElementsAreArray(
+                  join({{"pci find 0000:02:09.0", "pci buses 0000:02:09.0", "pci find 0000:0f:00.0",
+                         "pci buses 0000:0f:00.0", "pci find 0000:10:01.0", "pci find 0000:10:05.0",
+                         "pci buses 0000:10:01.0", "pci buses 0000:10:05.0"},
+                        bridgeSetUp("0000:0f:00.0"),
+                        bridgeSetUp("0000:10:01.0"),
+                        bridgeSetUp("0000:10:05.0")})));
   EXPECT_EQ(console.errors(), "");
   EXPECT_TRUE(diagnostics.shimUpstreamFound);
   EXPECT_NE(diagnostics.shimUpstreamPort, nullptr);
@@ -658,46 +660,29 @@ TEST(ShimSwitch, IsFoundBehindTheModulesPort) {
 }
 
 TEST(ShimSwitch, SaysWhereTheWalkEnds) {
-  const std::string shim = "[pci]\nshim=1\n";
   const struct {
     unsigned int module;
-    std::string description;
+    const char* description;
     std::size_t lines;  // printed before
     const char* error;
     bool pointers[3];  // upstream port, ports 4 and 5
   } cases[] = {
-      {1, shim + "[pci port9]\npresent=no", 1, "Could not find device: 9\n", {}},
-      {1, shim + "[pci port9]\nclass=0x028000", 1, "Device was not a bridge\n", {}},
-      {1, shim + "[pci port9]\nclass=0x060000", 2, "Could not find device: -1\n", {}},
-      {1, shim + "[pci port9]\nclass=0x068000", 2, "Could not find device: -1\n", {}},
-      {1, shim + "[pci shim]\npresent=no", 2, "Could not find device: 15\n", {}},
-      {0, shim, 2, "Could not find device: 3\n", {}},
-      {2, shim, 2, "Could not find device: 11\n", {}},
-      {3, shim, 2, "Could not find device: 7\n", {}},
-      {1, shim + "[pci shim]\nclass=0x028000", 2, "Device was not a bridge\n", {true}},
-      {1,
-       shim + "[pci shim-port1]\npresent=no",
-       3,
-       "Could not find device: 16.1\n",
-       {true, false, true}},
-      {1,
-       shim + "[pci shim-port5]\npresent=no",
-       3,
-       "Could not find device: 16.5\n",
-       {true, true, false}},
-      {1,
-       shim + "[pci shim-port1]\nclass=0x028000",
-       3,
-       "Device was not a bridge\n",
-       {true, true, true}},
-      {1,
-       shim + "[pci shim-port5]\nclass=0x028000",
-       4,
-       "Device was not a bridge\n",
-       {true, true, true}},
+      {1, "[pci port9]\npresent=no", 1, "Could not find device: 9\n", {}},
+      {1, "[pci port9]\nclass=0x028000", 1, "Device was not a bridge\n", {}},
+      {1, "[pci port9]\nclass=0x060000", 2, "Could not find device: -1\n", {}},
+      {1, "[pci port9]\nclass=0x068000", 2, "Could not find device: -1\n", {}},
+      {1, "[pci shim]\npresent=no", 2, "Could not find device: 15\n", {}},
+      {0, "", 2, "Could not find device: 3\n", {}},
+      {2, "", 2, "Could not find device: 11\n", {}},
+      {3, "", 2, "Could not find device: 7\n", {}},
+      {1, "[pci shim]\nclass=0x028000", 2, "Device was not a bridge\n", {true}},
+      {1, "[pci shim-port1]\npresent=no", 3, "Could not find device: 16.1\n", {true, false, true}},
+      {1, "[pci shim-port5]\npresent=no", 3, "Could not find device: 16.5\n", {true, true, false}},
+      {1, "[pci shim-port1]\nclass=0x028000", 3, "Device was not a bridge\n", {true, true, true}},
+      {1, "[pci shim-port5]\nclass=0x028000", 4, "Device was not a bridge\n", {true, true, true}},
   };
   for (const auto& test : cases) {
-    Instrument instrument(test.description);
+    Instrument instrument(std::string("[pci]\nshim=1\n") + test.description);
     const Console discovery;
     PCIeDiagnostics diagnostics;
     instrument.takeTrace();
@@ -748,23 +733,20 @@ TEST(Transmitter, FieldsAreReplaced) {
 TEST(Transmitter, QuietTransmitLeavesTheUpperBits) {
   for (const PCIeDownstreamPorts port : allPorts) {
     const unsigned int bits = bitsOf[port].quiet;
-    const std::string name = port < ShimPort1 ? "switch" : "shim";
     const std::string upstream = upstreamAddress(port);
-    Fabric fabric("[pci " + name + "]\nregister-234=0x80000000");
+    constexpr unsigned int others = 0x80000000;
+    Fabric fabric(switchGroup(port) + "register-234=0x80000000");
     EXPECT_TRUE(fabric.diagnostics.setTo5GQuietTransmitWithoutLoopback(port, true));
-    Lines expected = update(upstream, 32, 0x234, 0x80000000, 0x80000000 | bits);
-    expected.emplace_back("sleep 10000 us");
-    expected.push_back("pci read32 " + upstream + " 234 " + hex(0x80000000 | bits));
-    const Lines clear =
-        update(upstream, 32, 0x234, 0x80000000 | bits, 0x80000000 | (bits & 0xFFFF00));
-    expected.insert(expected.end(), clear.begin(), clear.end());
-    EXPECT_THAT(fabric.takeTrace(), ElementsAreArray(expected));
+    EXPECT_THAT(fabric.takeTrace(),
+                ElementsAreArray(join(
+                    {update(upstream, 32, 0x234, others, others | bits),
+                     {"sleep 10000 us", "pci read32 " + upstream + " 234 " + hex(others | bits)},
+                     update(upstream, 32, 0x234, others | bits, others | (bits & 0xFFFF00))})));
     EXPECT_TRUE(fabric.diagnostics.setTo5GQuietTransmitWithoutLoopback(port, false));
-    EXPECT_THAT(
-        fabric.takeTrace(),
-        ElementsAreArray(update(upstream, 32, 0x234, 0x80000000 | (bits & 0xFFFF00), 0x80000000)));
+    EXPECT_THAT(fabric.takeTrace(),
+                ElementsAreArray(update(upstream, 32, 0x234, others | (bits & 0xFFFF00), others)));
 
-    Fabric stuck("[pci " + name + "]\nstuck-234=0xff");
+    Fabric stuck(switchGroup(port) + "stuck-234=0xff");
     EXPECT_TRUE(stuck.diagnostics.setTo5GQuietTransmitWithoutLoopback(port, true));
     EXPECT_EQ(stuck.takeTrace().size(), 4U) << "nothing to clear";
   }
@@ -773,20 +755,18 @@ TEST(Transmitter, QuietTransmitLeavesTheUpperBits) {
 TEST(Transmitter, AnalogLoopbackReadsBackAndRetrains) {
   for (const PCIeDownstreamPorts port : allPorts) {
     const unsigned int bit = bitsOf[port].analog;
-    const std::string name = port < ShimPort1 ? "switch" : "shim";
     const std::string upstream = upstreamAddress(port);
     for (const bool stuck : {false, true}) {
-      Fabric fabric("[pci " + name + "]\nregister-b84=" + (stuck ? "0" : "0x4000") +
-                    "\nstuck-b84=" + (stuck ? "0x1f00" : "0"));
+      Fabric fabric(switchGroup(port) + (stuck ? "stuck-b84=0x1f00" : "register-b84=0x4000"));
       const unsigned int idle = stuck ? 0 : 0x4000;
       EXPECT_EQ(fabric.diagnostics.setPCIeExternalAnalogLoopback(port, true), !stuck);
-      Lines expected = update(upstream, 32, 0xB84, idle, idle | bit);
-      expected.emplace_back("sleep 100000 us");
-      expected.push_back("pci read32 " + upstream + " b84 " + hex(stuck ? 0 : idle | bit));
-      const Lines retrain = update(portAddresses[port], 32, 0x78, 0x20120000, 0x20120020);
-      expected.insert(expected.end(), retrain.begin(), retrain.end());
-      expected.emplace_back("sleep 10000 us");
-      EXPECT_THAT(fabric.takeTrace(), ElementsAreArray(expected));
+      EXPECT_THAT(
+          fabric.takeTrace(),
+          ElementsAreArray(join({update(upstream, 32, 0xB84, idle, idle | bit),
+                                 {"sleep 100000 us",
+                                  "pci read32 " + upstream + " b84 " + hex(stuck ? 0 : idle | bit)},
+                                 update(portAddresses[port], 32, 0x78, 0x20120000, 0x20120020),
+                                 {"sleep 10000 us"}})));
       EXPECT_TRUE(fabric.diagnostics.setPCIeExternalAnalogLoopback(port, false));
       const Lines off = fabric.takeTrace();
       EXPECT_EQ(off[1], "pci write32 " + upstream + " b84 " + hex(idle));

@@ -1,6 +1,8 @@
+#include <dirent.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
-#include <algorithm>
+#include <csignal>
 #include <filesystem>
 
 #include "sysfs/SysfsUtil.h"
@@ -34,7 +36,8 @@ TEST(SysfsFiles, TextReaderReturnsTheContentWithOrWithoutItsLastCharacter) {
               test.expected);
     EXPECT_TRUE(success);
   }
-  const std::string large(10000, 'x');
+  std::string large(10000, 'x');
+  large[5000] = '\0';
   EXPECT_EQ(sysfs.readSysfs(directory.file("large", large), nullptr, false), large);
 
   bool success = true;
@@ -52,6 +55,8 @@ TEST(SysfsFiles, RawReaderReadsBytesOrOneWord) {
   std::fill(std::begin(buffer), std::end(buffer), '#');
   EXPECT_TRUE(sysfs.readSysfs(file, buffer, 5));
   EXPECT_EQ(std::string(buffer, 6), "  abc#") << "no terminating zero byte is added";
+  EXPECT_TRUE(sysfs.readSysfs(directory.file("one", "xyz"), buffer, 1));
+  EXPECT_EQ(std::string(buffer, 6), "x abc#");
   EXPECT_TRUE(sysfs.readSysfs(file, buffer, 10));
   EXPECT_FALSE(sysfs.readSysfs(file, buffer, 11)) << "one byte more than there is";
 
@@ -71,6 +76,19 @@ TEST(SysfsFiles, RawReaderReadsBytesOrOneWord) {
   EXPECT_EQ(buffer[0], '#') << "left alone";
 }
 
+TEST(SysfsFiles, ReadersOpenForReadingOnly) {
+  Instrument instrument("");
+  SysfsUtil sysfs;
+  const std::string attribute = "/sys/class/gpio/gpiochip0/base";  // refuses to be written
+  char buffer[8] = "";
+  EXPECT_TRUE(sysfs.readSysfs(attribute, buffer, 0));
+  EXPECT_STREQ(buffer, "0");
+  EXPECT_EQ(sysfs.readSysfs(attribute, nullptr, true), "0");
+  EXPECT_FALSE(sysfs.readSysfs(attribute, buffer, -1)) << "nothing is opened";
+  const std::string read = "read " + attribute + " \"0\\n\"";
+  EXPECT_THAT(instrument.takeTrace(), ElementsAre(read, read));
+}
+
 TEST(SysfsFiles, WriterWritesExactlyTheData) {
   const TemporaryDirectory directory;
   SysfsUtil sysfs;
@@ -81,6 +99,8 @@ TEST(SysfsFiles, WriterWritesExactlyTheData) {
   EXPECT_EQ(contentOf(file), "%s%n");
   EXPECT_TRUE(sysfs.writeSysfs(file, "", 0));
   EXPECT_EQ(contentOf(file), "");
+  EXPECT_TRUE(sysfs.writeSysfs(file, "ab", 1));
+  EXPECT_EQ(contentOf(file), "a");
   EXPECT_TRUE(sysfs.writeSysfs(file, "a\0bc", 3));
   EXPECT_EQ(contentOf(file), std::string("a\0b", 3));
 
@@ -94,6 +114,16 @@ TEST(SysfsFiles, WriterWritesExactlyTheData) {
   EXPECT_FALSE(sysfs.writeSysfs("/dev/full", more.c_str(), 0));
   EXPECT_TRUE(sysfs.writeSysfs("/dev/full", "x", 1));
   EXPECT_TRUE(sysfs.writeSysfs("/dev/full", "x\n", 0)) << "an error at the close is not detected";
+
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit limit{10000, before.rlim_max};
+  std::signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_FALSE(sysfs.writeSysfs(file, more.c_str(), static_cast<int>(more.size())));
+  setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, SIG_DFL);
+  EXPECT_EQ(contentOf(file).size(), 10000U) << "a part does not count as success";
 }
 
 TEST(SysfsDirectories, ListsAndFindsEntries) {
@@ -114,12 +144,19 @@ TEST(SysfsDirectories, ListsAndFindsEntries) {
   EXPECT_EQ(sysfs.FindFile(directory.path, "x", true), "") << "subdirectories are not searched";
   EXPECT_EQ(sysfs.FindFile(directory.path + "/missing", "", false), "");
 
-  // The first match in directory order, whatever that order is.
-  const std::vector<std::string> names = sysfs.ReadDirectory(directory.path);
-  const auto first = std::find_if(names.begin(), names.end(), [](const std::string& name) {
-    return name.find("gpio") != std::string::npos;
-  });
-  EXPECT_EQ(sysfs.FindFile(directory.path, "gpio", false), directory.path + "/" + *first);
+  // The order is the directory's own. Most keep to the order of creation, forward or backward, and
+  // neither is sorted here.
+  for (const char* name : {"b/x", "a/x", "c/x"}) {
+    directory.file(name, "");
+  }
+  std::filesystem::create_symlink("nowhere", directory.path + "/link");
+  std::vector<std::string> names;
+  DIR* stream = opendir(directory.path.c_str());
+  while (const dirent* entry = readdir(stream)) {
+    names.emplace_back(entry->d_name);
+  }
+  closedir(stream);
+  EXPECT_EQ(sysfs.ReadDirectory(directory.path), names);
   EXPECT_EQ(sysfs.FindFile(directory.path, "", false), directory.path + "/" + names.front());
 }
 
@@ -128,18 +165,19 @@ TEST(SysfsDirectories, FindsTheBaseOfAGpioChip) {
   const struct {
     const char* content;
     int base;
-  } cases[] = {{"504\n", 504}, {" +12x\n", 12}, {"abc\n", -1}, {"\n", -1}, {"-1\n", -1}, {"7", -1}};
+  } cases[] = {{"2504\n", 2504}, {" +12x\n", 12}, {"010\n", 10}, {"0x1f\n", 0},
+               {"abc\n", -1},    {"\n", -1},      {"-1\n", -1},  {"7", -1}};
   for (const auto& test : cases) {
     const TemporaryDirectory device;
-    device.file("gpiochip9/base", "9\n");  // beside "gpio", as some kernels have it
     device.file("gpio/gpiochip504/database", test.content);
     EXPECT_EQ(sysfs.FindGpioBase(device.path), test.base) << test.content;
   }
   const TemporaryDirectory device;
+  device.file("gpiochip9/gpiochip9/base", "9\n");  // beside "gpio", as some kernels have it
   EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no gpio";
-  device.file("gpio/other/base", "1\n");
+  device.file("gpio/gpio-chip/base", "1\n");
   EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no gpiochip";
-  device.file("gpio/gpiochip1/label", "1\n");
+  device.file("gpio/gpiochip1/ba-se", "1\n");
   EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "no base";
   std::filesystem::create_symlink("nowhere", device.path + "/gpio/gpiochip1/base");
   EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "unreadable base";
@@ -208,31 +246,84 @@ TEST(GpioLines, StopAtTheFirstStepThatFails) {
   }
 }
 
-/// Records what is written instead of writing it.
+/// Records every call of a virtual operation. Files are not touched: reading one gives `text`.
 class RecordingSysfs : public SysfsUtil {
  public:
+  using SysfsUtil::readGpioValue;
+  using SysfsUtil::readSysfs;
+  using SysfsUtil::setGpioValue;
+
+  std::string readSysfs(std::string path, bool* success, bool strip) override {
+    *success = readable;
+    record("text " + path + (strip ? " stripped" : ""));
+    return text;
+  }
   bool writeSysfs(std::string path, char const* data, int length) override {
-    writes.push_back(path.append("=").append(data).append("/").append(std::to_string(length)));
+    return record("write " + path + " " + data + " " + std::to_string(length));
+  }
+  bool exportGpio(char const* gpio) override {
+    return record(std::string("export ") + gpio) && SysfsUtil::exportGpio(gpio);
+  }
+  std::string readGpioValue(char const* gpio, bool* success) override {
+    record(std::string("get ") + gpio);
+    return SysfsUtil::readGpioValue(gpio, success);
+  }
+  bool setGpioValue(char const* gpio, char const* value) override {
+    return record(std::string("set ") + gpio + " " + value) && SysfsUtil::setGpioValue(gpio, value);
+  }
+  bool setGpioDirectionOutput(char const* gpio) override {
+    return record(std::string("out ") + gpio) && SysfsUtil::setGpioDirectionOutput(gpio);
+  }
+  bool setGpioDirectionInput(char const* gpio) override {
+    return record(std::string("in ") + gpio) && SysfsUtil::setGpioDirectionInput(gpio);
+  }
+
+  std::vector<std::string> calls;
+  std::string text = "1";
+  bool readable = true;
+
+ private:
+  bool record(const std::string& call) {
+    calls.push_back(call);
     return true;
   }
-  std::string readSysfs(std::string path, bool* success, bool strip) override {
-    *success = true;
-    return path + (strip ? " stripped" : "");
-  }
-  std::vector<std::string> writes;
 };
 
-TEST(GpioLines, GoThroughTheVirtualOperations) {
+TEST(GpioLines, AreReachedThroughTheVirtualOperations) {
+  RecordingSysfs reading;
+  EXPECT_TRUE(reading.readGpioValue(7));
+  EXPECT_THAT(reading.calls, ElementsAre("get 7", "export 7", "write /sys/class/gpio/export 7 0",
+                                         "in 7", "write /sys/class/gpio/gpio7/direction in 0",
+                                         "text /sys/class/gpio/gpio7/value stripped"));
+  RecordingSysfs writing;
+  EXPECT_TRUE(writing.setGpioValue(-8, true));
+  EXPECT_THAT(writing.calls,
+              ElementsAre("set -8 1", "export -8", "write /sys/class/gpio/export -8 0", "out -8",
+                          "write /sys/class/gpio/gpio-8/direction out 0",
+                          "write /sys/class/gpio/gpio-8/value 1 0"));
+}
+
+TEST(GpioLines, AreHighOnlyWhenTheValueIsExactlyOne) {
   RecordingSysfs sysfs;
-  bool success = false;
-  Sysfs& interface = sysfs;
-  EXPECT_EQ(interface.readGpioValue("7", &success), "/sys/class/gpio/gpio7/value stripped");
-  EXPECT_TRUE(sysfs.setGpioValue(-8, true));
-  EXPECT_TRUE(interface.exportGpio("9"));
-  EXPECT_THAT(sysfs.writes,
-              ElementsAre("/sys/class/gpio/export=7/0", "/sys/class/gpio/gpio7/direction=in/0",
-                          "/sys/class/gpio/export=-8/0", "/sys/class/gpio/gpio-8/direction=out/0",
-                          "/sys/class/gpio/gpio-8/value=1/0", "/sys/class/gpio/export=9/0"));
+  for (const char* text : {"", "0", "10", "01", "1\n", " 1"}) {
+    sysfs.text = text;
+    EXPECT_FALSE(sysfs.readGpioValue(7)) << text;
+  }
+  sysfs.text = "1";
+  sysfs.readable = false;
+  EXPECT_TRUE(sysfs.readGpioValue(7)) << "the text decides alone";
+}
+
+TEST(SysfsDirectories, ReadTheBaseOfAGpioChipThroughTheVirtualOperation) {
+  const TemporaryDirectory device;
+  const std::string base = device.file("gpio/gpiochip8/base", "");
+  RecordingSysfs sysfs;
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), 1);
+  device.file("none/gpio/gpiochip8/label", "");
+  EXPECT_EQ(sysfs.FindGpioBase(device.path + "/none"), -1);
+  EXPECT_THAT(sysfs.calls, ElementsAre("text " + base + " stripped")) << "nothing else is read";
+  sysfs.readable = false;
+  EXPECT_EQ(sysfs.FindGpioBase(device.path), -1) << "a failed read's text does not count";
 }
 
 TEST(SysfsFiles, LeaveNoDescriptorOpen) {
