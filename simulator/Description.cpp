@@ -243,6 +243,10 @@ void setModule(Description& description, const std::string& instance, const std:
     device.properties[key] = value;
   } else if (key == "openable") {
     device.openable = choice(value, "yes", "no");
+    const auto isShut = [](const auto& entry) { return !entry.second.openable; };
+    if (std::count_if(description.i2cDevices.begin(), description.i2cDevices.end(), isShut) > 1) {
+      throw std::runtime_error("another device cannot be opened already");
+    }
   } else {
     throw unknownKey();
   }

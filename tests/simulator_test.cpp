@@ -186,6 +186,8 @@ TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
       {"[gpio]\n256=low", "d.conf: [gpio] 256: not a line number from 0 to 255"},
       {"[gpio]\n80=lo", "d.conf: [gpio] 80: must be low, high, missing"},
       {"[i2c]\n0-74=pmb", "d.conf: [i2c] 0-74: not an I2C device"},
+      {"[module 0-0050]\nopenable=no\n[module 0-0051]\nopenable=no",
+       "d.conf: [module 0-0051] openable: another device"},
       {"[faults]\nudev=on", "d.conf: [faults] udev: unknown key"},
       {"[faults]\nudev-context=1", "d.conf: [faults] udev-context: must be on or off, not \"1\""},
       {"straps=1", "d.conf: "},
@@ -211,7 +213,7 @@ TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
 TEST(Safety, OtherDoorsToTheHostsHardwareAreShut) {
   const Instrument instrument("");
   for (const char* const door : {"/dev/mem", "/dev/gpiochip0", "/dev/i2c-1", "/dev/port",
-                                 "/proc/bus/pci/devices", "/proc/mtrr"}) {
+                                 "/proc/bus/pci/devices", "/proc/mtrr", "/value"}) {
     EXPECT_EQ(open(door, O_RDONLY), -1) << door;
     EXPECT_EQ(errno, ENOENT) << door;
     EXPECT_EQ(std::fopen(door, "r"), nullptr) << door;
