@@ -12,7 +12,7 @@ libraries=$(dirname "$(find "$root/usr/lib" -name libbist-talvero-hw-lib.so.0)")
 export LD_LIBRARY_PATH=$libraries
 
 "$root/usr/bin/talvero-sim" --fast -- "$root/usr/bin/talvero-bist" report >/dev/null
-cmake -S "$source" -B "$root/consumer" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
+cmake -G Ninja -S "$source" -B "$root/consumer" -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 cmake --build "$root/consumer" >/dev/null
 output=$("$root/usr/bin/talvero-sim" --instrument proto-2 -- "$root/consumer/consumer")
 [ "$output" = "TALVERO PROTO-2 SPB" ]

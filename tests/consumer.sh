@@ -3,6 +3,7 @@
 # with CMake, one with pkg-config, each run on the installed simulated instrument.
 set -euo pipefail
 build=$1
+emulator=("${@:2}")  # of a build for another machine; the environment has its compiler
 source=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/consumer
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -13,23 +14,23 @@ cd "$work"
 
 run_it() { # PROGRAM
   local output
-  output=$(LD_LIBRARY_PATH=$libraries installed/bin/talvero-sim --instrument proto-2 -- "$1")
+  output=$("${emulator[@]}" installed/bin/talvero-sim --instrument proto-2 -- "$1")
   echo "$1: $output"
   [ "$output" = "TALVERO PROTO-2 SPB" ]
 }
 
 libraries=$(dirname "$(find "$PWD/installed" -name libbist-talvero-hw-lib.so.0)")
-cmake -S consumer -B with-cmake -DCMAKE_PREFIX_PATH="$work/installed" >/dev/null
+cmake -G Ninja -S consumer -B with-cmake -DCMAKE_PREFIX_PATH="$work/installed" >/dev/null
 cmake --build with-cmake >/dev/null
 run_it with-cmake/consumer
 
 PKG_CONFIG_PATH=$(dirname "$(find "$PWD/installed" -name '*.pc')")
 export PKG_CONFIG_PATH
 mkdir with-pkg-config
-# shellcheck disable=SC2046  # the flags are words
-c++ consumer/main.cpp -o with-pkg-config/consumer \
+# shellcheck disable=SC2046,SC2086  # the flags are words
+${CXX:-c++} consumer/main.cpp -o with-pkg-config/consumer ${LDFLAGS:-} -Wl,-rpath,"$libraries" \
   $(pkg-config --cflags --libs bist-talvero-hw-lib)
 run_it with-pkg-config/consumer
 
-installed/bin/talvero-sim --list | grep -q '^proto-2'
-installed/bin/talvero-sim -- installed/bin/talvero-bist board
+"${emulator[@]}" installed/bin/talvero-sim --list | grep -q '^proto-2'
+"${emulator[@]}" installed/bin/talvero-sim -- installed/bin/talvero-bist board

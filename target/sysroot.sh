@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Makes a root directory of Debian arm64 with the given packages and all that they depend on:
+# unpacked, not installed, so that nothing on this machine changes and no rights are needed. Does
+# nothing when that is there already.
+set -euo pipefail
+root=$1
+shift
+
+wanted="$(dpkg-query -W -f '${Version}' libc6) $*"
+[ "$(cat "$root/made-of" 2>/dev/null)" != "$wanted" ] || exit 0
+rm -rf "$root"
+mkdir -p "$root"/usr/{bin,lib,sbin} "$root"/var/lib/dpkg/info "$root"/apt/{cache,state}
+root=$(cd "$root" && pwd)
+ln -s usr/{bin,lib,sbin} "$root"
+
+# This machine's package sources, but no package counts as installed.
+apt=(
+  apt-get -o APT::Architecture=arm64 -o APT::Architectures::=arm64 -o Dir::State="$root/apt/state"
+  -o Dir::State::status=/dev/null -o Dir::Cache="$root/apt/cache" -o APT::Sandbox::User=
+)
+"${apt[@]}" update
+"${apt[@]}" install --yes --no-install-recommends --download-only "$@"
+
+# The package database tells dpkg-shlibdeps which package has a library, by its path here.
+status=$root/var/lib/dpkg/status
+info=$root/var/lib/dpkg/info
+for package in "$root"/apt/cache/archives/*.deb; do
+  dpkg-deb --fsys-tarfile "$package" | tar --extract --keep-directory-symlink -C "$root"
+  name=$(dpkg-deb --show --showformat '${Package}:${Architecture}' "$package")
+  dpkg-deb --control "$package" "$root/apt/control"
+  sed '/^Package:/a Status: install ok installed' "$root/apt/control/control" >>"$status"
+  echo >>"$status"
+  dpkg-deb --fsys-tarfile "$package" | tar --list | sed -n "s|^\./|$root/|p" >"$info/$name.list"
+  for file in shlibs symbols; do
+    [ ! -e "$root/apt/control/$file" ] || mv "$root/apt/control/$file" "$info/$name.$file"
+  done
+  rm -r "$root/apt/control"
+done
+rm -r "$root/apt"
+echo "$wanted" >"$root/made-of"
