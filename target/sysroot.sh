@@ -6,6 +6,7 @@ set -euo pipefail
 root=$1
 shift
 
+# Made anew for another list, and for a new release of the C library.
 wanted="$(dpkg-query -W -f '${Version}' libc6) $*"
 [ "$(cat "$root/made-of" 2>/dev/null)" != "$wanted" ] || exit 0
 rm -rf "$root"
@@ -21,20 +22,26 @@ apt=(
 "${apt[@]}" update
 "${apt[@]}" install --yes --no-install-recommends --download-only "$@"
 
-# The package database tells dpkg-shlibdeps which package has a library, by its path here.
-status=$root/var/lib/dpkg/status
-info=$root/var/lib/dpkg/info
 for package in "$root"/apt/cache/archives/*.deb; do
   dpkg-deb --fsys-tarfile "$package" | tar --extract --keep-directory-symlink -C "$root"
-  name=$(dpkg-deb --show --showformat '${Package}:${Architecture}' "$package")
+done
+
+# A package database from which dpkg-shlibdeps learns, by its path here, what package has a library.
+database=$root/var/lib/dpkg
+echo 1 >"$database/info/format"
+for package in "$root"/apt/cache/archives/*.deb; do
+  rm -rf "$root/apt/control"
   dpkg-deb --control "$package" "$root/apt/control"
-  sed '/^Package:/a Status: install ok installed' "$root/apt/control/control" >>"$status"
-  echo >>"$status"
-  dpkg-deb --fsys-tarfile "$package" | tar --list | sed -n "s|^\./|$root/|p" >"$info/$name.list"
+  [ -e "$root/apt/control/shlibs" ] || continue
+  sed '/^Package:/a Status: install ok installed' "$root/apt/control/control" >>"$database/status"
+  echo >>"$database/status"
+  name=$(dpkg-deb --field "$package" Package)
+  ! grep -qx 'Multi-Arch: same' "$root/apt/control/control" || name+=:arm64
+  dpkg-deb --fsys-tarfile "$package" | tar --list |
+    sed "s|^\./lib/|./usr/lib/|; s|^\.|$root|" >"$database/info/$name.list"
   for file in shlibs symbols; do
-    [ ! -e "$root/apt/control/$file" ] || mv "$root/apt/control/$file" "$info/$name.$file"
+    [ ! -e "$root/apt/control/$file" ] || mv "$root/apt/control/$file" "$database/info/$name.$file"
   done
-  rm -r "$root/apt/control"
 done
 rm -r "$root/apt"
 echo "$wanted" >"$root/made-of"
