@@ -30,7 +30,7 @@ int start(const std::string& program, char* const arguments[], char* const envir
   }
   std::vector<const char*> command = {qemu};
   if (isBelowRoot(path)) {
-    command.push_back(SYSROOT "/lib/ld-linux-aarch64.so.1");  // there is none at the path it names
+    command.push_back(SYSROOT "/lib/ld-linux-aarch64.so.1");  // not where the program names it
   }
   command.push_back(path.c_str());
   for (char* const* argument = arguments + 1; *argument != nullptr; ++argument) {
@@ -56,7 +56,8 @@ int execvp(const char* name, char* const arguments[]) {
   if (program.find('/') != std::string::npos) {
     return execv(name, arguments);
   }
-  std::istringstream path(getenv("PATH"));
+  const char* variable = getenv("PATH");
+  std::istringstream path(variable == nullptr ? "/usr/bin" : variable);
   for (std::string directory; std::getline(path, directory, ':');) {
     execv((directory + "/" + program).c_str(), arguments);
   }
