@@ -48,7 +48,7 @@ bool floorConstructs() {
   setBits16(root, 0x78, 0xF);
   setBits16(root, 0x12C, 0x7);
   setBits16(root, 0x7A, 0);
-  for (const pciaddr_t offset : {0x8C, 0x130, 0x110, 0x104}) {
+  for (const pciaddr_t offset : {0x8CU, 0x130U, 0x110U, 0x104U}) {
     setBits32(root, offset, offset == 0x8C ? 0x7 : 0);
   }
   setUpBridge(upstream);
@@ -74,10 +74,10 @@ bool floorTakesSnapshot() {
   pci_device_cfg_read_u16(root, &word, 0x7A);
   std::uint32_t sum = read32(root, 0x104) + read32(root, 0x110);
   pci_device* const upstream = upstreamPort();
-  for (const pciaddr_t offset : {0xFB8, 0xFC4, 0x1E8, 0x1EC, 0x1F4}) {
+  for (const pciaddr_t offset : {0xFB8U, 0xFC4U, 0x1E8U, 0x1ECU, 0x1F4U}) {
     sum += read32(upstream, offset);
   }
-  for (const pciaddr_t offset : {0x78, 0xFB8, 0xFC4, 0x1E8, 0x1EC}) {
+  for (const pciaddr_t offset : {0x78U, 0xFB8U, 0xFC4U, 0x1E8U, 0x1ECU}) {
     sum += read32(port9(), offset);
   }
   return sum != 1;

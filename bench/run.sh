@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Runs the benchmarks of a build. They reach neither this machine's hardware nor a simulator, whose
-# interposed calls would cost the library and its floor differently: a private mount namespace gets
-# a /sys of plain files, copied from the simulated instrument.
+# Runs the benchmarks of a build, then prints the figures of the two libraries given. The benchmarks
+# reach neither this machine's hardware nor a simulator, whose interposed calls would cost the library
+# and its floor differently: a private mount namespace gets a /sys of plain files, copied from the
+# simulated instrument.
 set -euo pipefail
 build=$(cd "$1" && pwd)
+figures=("$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/figures.sh" "$build/bench/load-time" "${@:2}")
 
 fail() {
   echo "bench: $*" >&2
@@ -50,3 +52,6 @@ SYSTEMD_DEVICE_VERIFY_SYSFS=0 "${private[@]}" bash -ec '
   # On x86 libpciaccess opens /proc/mtrr at each initialisation and never closes it.
   ulimit -n 1000000 2>/dev/null || ulimit -n "$(ulimit -Hn)"
   exec "$2"' - "$work/sys" "$build/bench/talvero-bench"
+
+echo
+"${figures[@]}"
