@@ -80,7 +80,7 @@ TEST(SysfsFiles, ReadersOpenForReadingOnly) {
   Instrument instrument("");
   SysfsUtil sysfs;
   const std::string attribute = "/sys/class/gpio/gpiochip0/base";  // refuses to be written
-  char buffer[8] = "";
+  char buffer[4096] = "";
   EXPECT_TRUE(sysfs.readSysfs(attribute, buffer, 0));
   EXPECT_STREQ(buffer, "0");
   EXPECT_EQ(sysfs.readSysfs(attribute, nullptr, true), "0");
