@@ -255,7 +255,8 @@ TEST(TalveroSim, SaysInOneLineWhatIsWrong) {
       {sim + " --trace /dev/full -- cat /sys/class/gpio/gpiochip0/base", "/dev/full: the trace"},
       {"TMPDIR=/nowhere " + sim + " -- true", "no directory for temporary files: /nowhere"},
       {"cd /; TMPDIR=tmp " + sim + " -- true", "no directory for temporary files: tmp"},
-      {"LD_LIBRARY_PATH='" + directory.path + "/a b' " + sim + " -- true", "no path with space"},
+      {"LD_LIBRARY_PATH='" + directory.path + "/a b':$LD_LIBRARY_PATH " + sim + " -- true",
+       "no path with space"},
   };
   for (const auto& test : cases) {
     const Outcome outcome = runCommand(test.command);
