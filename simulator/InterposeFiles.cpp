@@ -56,7 +56,7 @@ int openBelow(const SysfsPath& path, int flags, Open real) {
 
 template <typename Open>
 int openFile(int directory, const char* name, int flags, Open real) {
-  if (simulator::isHidden(name)) {
+  if (simulator::isHidden(directory, name)) {
     return fail(ENOENT);
   }
   if (const auto path = simulator::sysfsPath(directory, name)) {
@@ -89,12 +89,13 @@ std::FILE* reopenBelow(const SysfsPath& path, const char* mode, std::FILE* strea
 
 template <typename Open>
 std::FILE* openStream(const char* name, const char* mode, Open real) {
+  const bool hidden = simulator::isHidden(AT_FDCWD, name);
   auto path = simulator::sysfsPath(AT_FDCWD, name);
-  std::FILE* stream = real(path || simulator::isHidden(name) ? "/dev/null" : name, mode);
+  std::FILE* stream = real(path || hidden ? "/dev/null" : name, mode);
   if (stream == nullptr) {
     return nullptr;
   }
-  if (simulator::isHidden(name)) {
+  if (hidden) {
     fclose(stream);
     errno = ENOENT;
     return nullptr;
@@ -128,13 +129,20 @@ mode_t creationMode(int flags, va_list arguments) {
 __attribute__((constructor)) void start() {
   if (const char* stateFile = std::getenv(simulator::stateVariable)) {
     simulator::attach(stateFile);
+    simulator::findInherited();
   }
 }
 
 // Streams that nobody has closed, standard output in the first place.
 __attribute__((destructor)) void finish() {
   if (simulator::attached()) {
-    simulator::settleAll([] { std::fflush(nullptr); });
+    simulator::settleAll([] {
+      // A thread that waits for input holds the lock of its stream.
+      if (ftrylockfile(stdin) == 0) {
+        funlockfile(stdin);
+        std::fflush(nullptr);
+      }
+    });
   }
 }
 
@@ -295,6 +303,15 @@ ssize_t pread64(int fd, void* data, size_t size, off64_t offset) {
     simulator::refresh(fd);
   }
   return real(fd, data, size, offset);
+}
+
+// What these become in programs built with -D_FORTIFY_SOURCE.
+ssize_t __pread_chk(int fd, void* data, size_t size, off_t offset, size_t /*room*/) {
+  return pread(fd, data, size, offset);
+}
+
+ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t offset, size_t /*room*/) {
+  return pread64(fd, data, size, offset);
 }
 
 int close(int fd) {

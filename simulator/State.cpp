@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,12 +63,18 @@ void requireInstrument(const char* access) {
 }
 
 Locked::Locked() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &signals);
   if (pthread_mutex_lock(&shared->mutex) == EOWNERDEAD) {
     pthread_mutex_consistent(&shared->mutex);  // a program was killed inside a call
   }
 }
 
-Locked::~Locked() { pthread_mutex_unlock(&shared->mutex); }
+Locked::~Locked() {
+  pthread_mutex_unlock(&shared->mutex);
+  pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+}
 
 State* Locked::operator->() const { return shared; }
 

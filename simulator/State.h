@@ -1,6 +1,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <atomic>
 #include <climits>
@@ -138,7 +139,8 @@ bool attached();
 /// Ends the process unless an instrument is attached: `access` would reach the host's hardware.
 void requireInstrument(const char* access);
 
-/// Access to the state, for one holder at a time.
+/// Access to the state, for one holder at a time. Signals wait meanwhile: a handler may access it
+/// too.
 class Locked {
  public:
   Locked();
@@ -147,6 +149,9 @@ class Locked {
   Locked& operator=(const Locked&) = delete;
   State* operator->() const;
   State& operator*() const;
+
+ private:
+  sigset_t signals;  // blocked before
 };
 
 /// Whether a fault is switched on; false without an instrument.

@@ -1,12 +1,15 @@
 #include "simulator/SysfsFiles.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -34,10 +37,11 @@ constexpr Behaviour behaviours[] = {
     {"/sys/platform/", power::owns, power::open, power::store},
 };
 
-/// Beginnings of names. libpciaccess opens /proc/mtrr at each initialisation and never closes it; a
-/// power controller of a module without links writes to /value, which root would create.
-constexpr const char* hiddenNames[] = {"/proc/mtrr", "/proc/bus/pci", "/dev/gpiochip", "/dev/i2c-",
-                                       "/dev/mem",   "/dev/kmem",     "/dev/port",     "/value"};
+// libpciaccess opens /proc/mtrr at each initialisation and never closes it; a power controller of a
+// module without links writes to /value, which root would create.
+constexpr const char* hiddenFiles[] = {"/proc/mtrr", "/dev/mem", "/dev/kmem", "/dev/port",
+                                       "/value"};
+constexpr const char* hiddenBeginnings[] = {"/proc/bus/pci/", "/dev/gpiochip", "/dev/i2c-"};
 
 // In front of the attribute's path in the name of its memory file; the mode stands between them.
 constexpr char memoryFileStart[] = "/memfd:talvero-sim:";
@@ -66,8 +70,18 @@ std::string directoryPath(int directory) {
   return !root.empty() && startsWith(path, root + "/") ? path.substr(root.size()) : path;
 }
 
+std::string absolutePath(int directory, const std::string& name) {
+  const bool absolute = !name.empty() && name[0] == '/';
+  if (absolute && name.find("//") == std::string::npos && name.find("/.") == std::string::npos) {
+    return name;
+  }
+  const std::string path = absolute ? name : directoryPath(directory) + "/" + name;
+  // Two slashes at the beginning are kept as something special.
+  return std::filesystem::path("/." + path).lexically_normal().string();
+}
+
 std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
-  SysfsPath result{std::filesystem::path("/" + absolute).lexically_normal().string(), "", nullptr};
+  SysfsPath result{absolute, "", nullptr};
   if (!startsWith(result.full, "/sys/")) {
     return std::nullopt;
   }
@@ -83,6 +97,9 @@ std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
   return attached() ? std::make_optional(result) : std::nullopt;
 }
 
+// Whether this process has had an attribute open: one that has not pays nothing.
+std::atomic<bool> attributesInUse{false};
+
 /// The descriptor's attribute and access mode, if it is a memory file of ours.
 struct OpenAttribute {
   std::optional<SysfsPath> path;
@@ -93,7 +110,7 @@ OpenAttribute attributeOf(int fd) {
   const int before = errno;
   OpenAttribute result;
   // Only memory files know of seals: this answers for nearly all others, at the lowest price.
-  if (attached() && !nested() && fcntl(fd, F_GET_SEALS) >= 0) {
+  if (attributesInUse && attached() && !nested() && fcntl(fd, F_GET_SEALS) >= 0) {
     const std::string target = targetOf(fd);
     const std::size_t start = std::strlen(memoryFileStart);
     if (startsWith(target, memoryFileStart)) {
@@ -130,12 +147,17 @@ int createMemoryFile(const SysfsPath& path, const std::string& content, int flag
   return fd;
 }
 
-std::string writtenText(int fd) {
+/// What has been written to a memory file that was empty before, or up to where writing has come to
+/// in one that was not; no more than an attribute takes, a page.
+std::string writtenText(int fd, char mode) {
   const Nested nested;
-  std::string text(static_cast<std::size_t>(lseek(fd, 0, SEEK_CUR)), '\0');
+  struct stat status {};
+  fstat(fd, &status);
+  const off_t length = mode == 'w' ? status.st_size : lseek(fd, 0, SEEK_CUR);
+  std::string text(static_cast<std::size_t>(std::clamp<off_t>(length, 0, 4096)), '\0');
   const int reader = ::open(linkOf(fd).c_str(), O_RDONLY | O_CLOEXEC);
-  text.resize(
-      static_cast<std::size_t>(std::max<ssize_t>(pread(reader, text.data(), text.size(), 0), 0)));
+  const ssize_t size = pread(reader, text.data(), text.size(), 0);
+  text.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
   ::close(reader);
   lseek(fd, 0, SEEK_SET);
   return text;
@@ -149,7 +171,7 @@ bool isWritten(int fd) {
 std::string contentOf(const SysfsPath& path, char mode) {
   std::string content;
   if (mode != 'w') {
-    path.behaviour->open(path.relative, mode != 'r', content);
+    path.behaviour->open(path.relative, false, content);
   }
   return content;
 }
@@ -168,27 +190,27 @@ std::optional<SysfsPath> sysfsPath(int directory, const char* name) {
   if (name == nullptr || name[0] == '\0') {
     return std::nullopt;
   }
-  if (name[0] != '/') {
-    return sysfsPath(directoryPath(directory) + "/" + name);
-  }
-  return std::strstr(name, "sys") == nullptr ? std::nullopt : sysfsPath(name);
+  return sysfsPath(absolutePath(directory, name));
 }
 
 std::optional<SysfsPath> sysfsPathBehind(int fd) {
-  const std::string target = targetOf(fd);
-  return startsWith(target, "/sys/") ? sysfsPath(target) : std::nullopt;
+  struct statfs system {};
+  // Asked of the kernel itself: umockdev says the same of its tree.
+  if (fd < 0 || syscall(SYS_fstatfs, fd, &system) != 0 || system.f_type != SYSFS_MAGIC) {
+    return std::nullopt;
+  }
+  return sysfsPath(targetOf(fd));
 }
 
-bool isHidden(const char* name) {
+bool isHidden(int directory, const char* name) {
   if (!attached() || name == nullptr) {
     return false;
   }
-  for (const char* hidden : hiddenNames) {
-    if (std::strncmp(name, hidden, std::strlen(hidden)) == 0) {
-      return true;
-    }
-  }
-  return false;
+  const std::string path = absolutePath(directory, name);
+  const auto is = [&](const char* hidden) { return path == hidden; };
+  const auto begins = [&](const char* hidden) { return startsWith(path, hidden); };
+  return std::any_of(std::begin(hiddenFiles), std::end(hiddenFiles), is) ||
+         std::any_of(std::begin(hiddenBeginnings), std::end(hiddenBeginnings), begins);
 }
 
 std::string treePath(const SysfsPath& path) { return state()->root + path.full; }
@@ -196,7 +218,12 @@ std::string treePath(const SysfsPath& path) { return state()->root + path.full; 
 int openAttribute(const SysfsPath& path, int flags) {
   const char mode = modes[flags & O_ACCMODE];
   std::string content;
-  const int error = path.behaviour->open(path.relative, mode != 'r', content);
+  int error = (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0 ? EEXIST : 0;
+  for (const bool writing : {false, true}) {
+    if (error == 0 && mode != (writing ? 'r' : 'w')) {
+      error = path.behaviour->open(path.relative, writing, content);
+    }
+  }
   if (error != 0) {
     traceResult((mode == 'r' ? "read " : "write ") + path.full, error);
     errno = error;
@@ -205,6 +232,7 @@ int openAttribute(const SysfsPath& path, int flags) {
   if (mode != 'w') {
     trace("read " + path.full + " " + inQuotes(content));
   }
+  attributesInUse = true;
   return createMemoryFile(path, mode == 'w' ? "" : content, flags);
 }
 
@@ -246,13 +274,25 @@ int settle(int fd) {
   if (!attribute.path || attribute.mode == 'r' || !isWritten(fd)) {
     return 0;
   }
-  const std::string text = writtenText(fd);
+  const std::string text = writtenText(fd, attribute.mode);
   const int error = text.empty() ? 0 : store(*attribute.path, text);
   setContent(fd, contentOf(*attribute.path, attribute.mode));
   return error;
 }
 
+void findInherited() {
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ignored)) {
+    if (startsWith(targetOf(std::stoi(entry.path().filename())), memoryFileStart)) {
+      attributesInUse = true;
+    }
+  }
+}
+
 int settleAll(void (*flush)()) {
+  if (!attributesInUse) {
+    return 0;
+  }
   std::vector<int> open;
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ignored)) {

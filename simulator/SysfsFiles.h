@@ -30,7 +30,7 @@ std::optional<SysfsPath> sysfsPath(int directory, const char* name);
 std::optional<SysfsPath> sysfsPathBehind(int fd);
 
 /// Whether a name leads to hardware by another door than /sys, which the instrument does not have.
-bool isHidden(const char* name);
+bool isHidden(int directory, const char* name);
 
 /// Where umockdev keeps a file. Opened there, umockdev takes it for no device of its own and leaves
 /// out the ioctl emulation, which has a thread that does not always keep up.
@@ -53,6 +53,9 @@ int store(const SysfsPath& path, const std::string& text);
 
 /// Takes what stdio has written past the write function; returns 0 or an errno value.
 int settle(int fd);
+
+/// Looks for attributes that the program was started with, as a shell does it to redirect output.
+void findInherited();
 
 /// Settles every descriptor of the process; `flush` is called first if there is one to settle.
 int settleAll(void (*flush)());
