@@ -70,47 +70,57 @@ int openFile(int directory, const char* name, int flags, Open real) {
   return fd;
 }
 
-/// Lets a stream, whatever it had open, have a file below /sys.
-std::FILE* reopenBelow(const SysfsPath& path, const char* mode, std::FILE* stream) {
+/// What a failing freopen does to its stream; leaves errno alone.
+void closeStream(std::FILE* stream) {
+  const int error = errno;
+  if (stream != nullptr) {
+    fclose(stream);
+  }
+  errno = error;
+}
+
+/// Opens a stream on a file below /sys: `stream`, whatever it had open, or by `real` if that is
+/// null.
+template <typename Open>
+std::FILE* openStreamBelow(const SysfsPath& path, const char* mode, std::FILE* stream, Open real) {
   static const auto realOpen = next(&open, "open");
   static const auto realReopen = next(&freopen, "freopen");
   const int fd = openBelow(path, streamFlags(mode),
                            [](const char* file) { return realOpen(file, O_RDONLY | O_CLOEXEC); });
   if (fd < 0) {
-    const int error = errno;
-    fclose(stream);
-    errno = error;
+    closeStream(stream);
     return nullptr;
   }
-  std::FILE* result = realReopen(("/proc/self/fd/" + std::to_string(fd)).c_str(), mode, stream);
+  const std::string file = "/proc/self/fd/" + std::to_string(fd);
+  std::FILE* result =
+      stream == nullptr ? real(file.c_str(), mode) : realReopen(file.c_str(), mode, stream);
   close(fd);
   return result;
 }
 
 template <typename Open>
-std::FILE* openStream(const char* name, const char* mode, Open real) {
-  const bool hidden = simulator::isHidden(AT_FDCWD, name);
-  auto path = simulator::sysfsPath(AT_FDCWD, name);
-  std::FILE* stream = real(path || hidden ? "/dev/null" : name, mode);
-  if (stream == nullptr) {
-    return nullptr;
-  }
-  if (hidden) {
-    fclose(stream);
+std::FILE* openStream(const char* name, const char* mode, std::FILE* stream, Open real) {
+  if (simulator::isHidden(AT_FDCWD, name)) {
     errno = ENOENT;
+    closeStream(stream);
     return nullptr;
   }
-  if (!path) {
-    path = simulator::sysfsPathBehind(fileno(stream));
+  if (const auto path = simulator::sysfsPath(AT_FDCWD, name)) {
+    return openStreamBelow(*path, mode, stream, real);
   }
-  return path ? reopenBelow(*path, mode, stream) : stream;
+  std::FILE* result = real(name, mode);
+  if (result == nullptr) {
+    return nullptr;
+  }
+  const auto path = simulator::sysfsPathBehind(fileno(result));
+  return path ? openStreamBelow(*path, mode, result, real) : result;
 }
 
 template <typename Reopen>
 std::FILE* reopenStream(const char* name, const char* mode, std::FILE* stream, Reopen real) {
   fflush(stream);
   return name == nullptr ? real(name, mode, stream)
-                         : openStream(name, mode, [&](const char* file, const char* how) {
+                         : openStream(name, mode, stream, [&](const char* file, const char* how) {
                              return real(file, how, stream);
                            });
 }
@@ -152,12 +162,12 @@ extern "C" {
 
 std::FILE* fopen(const char* path, const char* mode) {
   static const auto real = next(&fopen, "fopen");
-  return openStream(path, mode, real);
+  return openStream(path, mode, nullptr, real);
 }
 
 std::FILE* fopen64(const char* path, const char* mode) {
   static const auto real = next(&fopen64, "fopen64");
-  return openStream(path, mode, real);
+  return openStream(path, mode, nullptr, real);
 }
 
 std::FILE* freopen(const char* path, const char* mode, std::FILE* stream) {

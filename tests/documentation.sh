@@ -91,8 +91,6 @@ export LD_PRELOAD
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-# Each simulated instrument is a tree of files: in memory that takes a tenth of the time.
-[ ! -d /dev/shm ] || export TMPDIR=/dev/shm
 : >"$work/expected"
 : >"$work/shown"
 mkdir "$work/page"
