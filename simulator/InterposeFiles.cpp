@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -56,10 +57,11 @@ int openBelow(const SysfsPath& path, int flags, Open real) {
 
 template <typename Open>
 int openFile(int directory, const char* name, int flags, Open real) {
-  if (simulator::isHidden(directory, name)) {
+  const std::string absolute = simulator::absolutePath(directory, name);
+  if (simulator::isHidden(absolute)) {
     return fail(ENOENT);
   }
-  if (const auto path = simulator::sysfsPath(directory, name)) {
+  if (const auto path = simulator::sysfsPath(absolute)) {
     return openBelow(*path, flags, real);
   }
   const int fd = real(name);
@@ -100,12 +102,13 @@ std::FILE* openStreamBelow(const SysfsPath& path, const char* mode, std::FILE* s
 
 template <typename Open>
 std::FILE* openStream(const char* name, const char* mode, std::FILE* stream, Open real) {
-  if (simulator::isHidden(AT_FDCWD, name)) {
+  const std::string absolute = simulator::absolutePath(AT_FDCWD, name);
+  if (simulator::isHidden(absolute)) {
     errno = ENOENT;
     closeStream(stream);
     return nullptr;
   }
-  if (const auto path = simulator::sysfsPath(AT_FDCWD, name)) {
+  if (const auto path = simulator::sysfsPath(absolute)) {
     return openStreamBelow(*path, mode, stream, real);
   }
   std::FILE* result = real(name, mode);
@@ -235,10 +238,20 @@ int __openat64_2(int directory, const char* path, int flags) {
   return openat64(directory, path, flags);
 }
 
+// The new program's files are opened without a call of the C library that could be answered here.
+int posix_spawn_file_actions_addopen(posix_spawn_file_actions_t* actions, int fd, const char* name,
+                                     int flags, mode_t mode) noexcept {
+  static const auto real =
+      next(&posix_spawn_file_actions_addopen, "posix_spawn_file_actions_addopen");
+  const std::string absolute = simulator::absolutePath(AT_FDCWD, name);
+  const bool refused = simulator::isHidden(absolute) || simulator::sysfsPath(absolute);
+  return refused ? EACCES : real(actions, fd, name, flags, mode);
+}
+
 DIR* opendir(const char* name) {
   static const auto real = next(&opendir, "opendir");
   DIR* directory = real(name);
-  if (const auto path = simulator::sysfsPath(AT_FDCWD, name)) {
+  if (const auto path = simulator::sysfsPath(simulator::absolutePath(AT_FDCWD, name))) {
     const int error = errno;
     simulator::traceResult("list " + path->full, directory == nullptr ? error : 0);
     errno = error;

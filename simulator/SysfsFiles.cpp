@@ -70,33 +70,6 @@ std::string directoryPath(int directory) {
   return !root.empty() && startsWith(path, root + "/") ? path.substr(root.size()) : path;
 }
 
-std::string absolutePath(int directory, const std::string& name) {
-  const bool absolute = !name.empty() && name[0] == '/';
-  if (absolute && name.find("//") == std::string::npos && name.find("/.") == std::string::npos) {
-    return name;
-  }
-  const std::string path = absolute ? name : directoryPath(directory) + "/" + name;
-  // Two slashes at the beginning are kept as something special.
-  return std::filesystem::path("/." + path).lexically_normal().string();
-}
-
-std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
-  SysfsPath result{absolute, "", nullptr};
-  if (!startsWith(result.full, "/sys/")) {
-    return std::nullopt;
-  }
-  for (const Behaviour& behaviour : behaviours) {
-    if (startsWith(result.full, behaviour.directory)) {
-      requireInstrument(result.full.c_str());
-      result.relative = result.full.substr(std::strlen(behaviour.directory));
-      if (behaviour.owns(result.relative)) {
-        result.behaviour = &behaviour;
-      }
-    }
-  }
-  return attached() ? std::make_optional(result) : std::nullopt;
-}
-
 // Whether this process has had an attribute open: one that has not pays nothing.
 std::atomic<bool> attributesInUse{false};
 
@@ -186,11 +159,34 @@ std::string plainContent(const SysfsPath& path) {
 
 }  // namespace
 
-std::optional<SysfsPath> sysfsPath(int directory, const char* name) {
+std::string absolutePath(int directory, const char* name) {
   if (name == nullptr || name[0] == '\0') {
+    return "";
+  }
+  const bool absolute = name[0] == '/';
+  if (absolute && std::strstr(name, "//") == nullptr && std::strstr(name, "/.") == nullptr) {
+    return name;
+  }
+  const std::string path = absolute ? name : directoryPath(directory) + "/" + name;
+  // Two slashes at the beginning are kept as something special.
+  return std::filesystem::path("/." + path).lexically_normal().string();
+}
+
+std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
+  SysfsPath result{absolute, "", nullptr};
+  if (!startsWith(result.full, "/sys/")) {
     return std::nullopt;
   }
-  return sysfsPath(absolutePath(directory, name));
+  for (const Behaviour& behaviour : behaviours) {
+    if (startsWith(result.full, behaviour.directory)) {
+      requireInstrument(result.full.c_str());
+      result.relative = result.full.substr(std::strlen(behaviour.directory));
+      if (behaviour.owns(result.relative)) {
+        result.behaviour = &behaviour;
+      }
+    }
+  }
+  return attached() ? std::make_optional(result) : std::nullopt;
 }
 
 std::optional<SysfsPath> sysfsPathBehind(int fd) {
@@ -202,15 +198,12 @@ std::optional<SysfsPath> sysfsPathBehind(int fd) {
   return sysfsPath(targetOf(fd));
 }
 
-bool isHidden(int directory, const char* name) {
-  if (!attached() || name == nullptr) {
-    return false;
-  }
-  const std::string path = absolutePath(directory, name);
-  const auto is = [&](const char* hidden) { return path == hidden; };
-  const auto begins = [&](const char* hidden) { return startsWith(path, hidden); };
-  return std::any_of(std::begin(hiddenFiles), std::end(hiddenFiles), is) ||
-         std::any_of(std::begin(hiddenBeginnings), std::end(hiddenBeginnings), begins);
+bool isHidden(const std::string& absolute) {
+  const auto is = [&](const char* hidden) { return absolute == hidden; };
+  const auto begins = [&](const char* hidden) { return startsWith(absolute, hidden); };
+  return attached() &&
+         (std::any_of(std::begin(hiddenFiles), std::end(hiddenFiles), is) ||
+          std::any_of(std::begin(hiddenBeginnings), std::end(hiddenBeginnings), begins));
 }
 
 std::string treePath(const SysfsPath& path) { return state()->root + path.full; }

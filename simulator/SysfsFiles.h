@@ -21,16 +21,21 @@ struct SysfsPath {
   const Behaviour* behaviour = nullptr;
 };
 
-/// Where a name leads, relative to an open directory or AT_FDCWD; nothing when that is outside
-/// /sys, which is none of the simulator's business. Ends the process when it is the host's GPIO.
-std::optional<SysfsPath> sysfsPath(int directory, const char* name);
+/// A name as an absolute path without detours; relative ones begin at an open directory or, for
+/// AT_FDCWD, the working directory. Empty for a name that is null or empty.
+std::string absolutePath(int directory, const char* name);
+
+/// The simulator's view of an absolute path; nothing when it is outside /sys, which is none of the
+/// simulator's business. Ends the process when it is the host's GPIO.
+std::optional<SysfsPath> sysfsPath(const std::string& absolute);
 
 /// The path of an open file of the host's own /sys, which a name has led to that does not show it,
 /// a symbolic link for instance.
 std::optional<SysfsPath> sysfsPathBehind(int fd);
 
-/// Whether a name leads to hardware by another door than /sys, which the instrument does not have.
-bool isHidden(int directory, const char* name);
+/// Whether an absolute path leads to hardware by another door than /sys, which the instrument does
+/// not have.
+bool isHidden(const std::string& absolute);
 
 /// Where umockdev keeps a file. Opened there, umockdev takes it for no device of its own and leaves
 /// out the ioctl emulation, which has a thread that does not always keep up.

@@ -1,6 +1,7 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -214,12 +215,20 @@ TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
 TEST(Safety, OtherDoorsToTheHostsHardwareAreShut) {
   const Instrument instrument("");
   for (const char* const door : {"/dev/mem", "/dev/gpiochip0", "/dev/i2c-1", "/dev/port",
-                                 "/proc/bus/pci/devices", "/proc/mtrr", "/value"}) {
+                                 "/proc/bus/pci/devices", "//proc/./mtrr", "/value"}) {
     EXPECT_EQ(open(door, O_RDONLY), -1) << door;
     EXPECT_EQ(errno, ENOENT) << door;
     EXPECT_EQ(std::fopen(door, "r"), nullptr) << door;
     EXPECT_EQ(errno, ENOENT) << door;
   }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  EXPECT_EQ(posix_spawn_file_actions_addopen(&actions, 1, "/sys/class/gpio/export", O_WRONLY, 0),
+            EACCES);
+  EXPECT_EQ(posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  EXPECT_EQ(open("/etc/passwd/x", O_RDONLY), -1);
+  EXPECT_EQ(errno, ENOTDIR) << "other files fail as they do";
 }
 
 TEST(TalveroSim, PassesOnHowTheProgramEnds) {

@@ -157,6 +157,7 @@ link=down
                {"link downstreamport5", "link", "link up", 0},
                {"link 2 --seconds 29 --clear", "link", "link up", 0},
                {"link 2 --seconds 31", "link", "link down", 1},
+               {"errors 3", "errors", "", 0},
                {"link 4 --module 1", "link", "link down", 1},
                {"prbs DownstreamPort1 --seconds 5", "prbs", "port not found", 1},
                {"prbs 1 --seconds 60", "prbs", "no sync", 1},
@@ -177,7 +178,12 @@ link=down
   EXPECT_EQ(errors["record"]["portUncorrectableStatus"], 0x100010);
   EXPECT_EQ(errors["record"]["portIds"], "7a1e:1003");
   EXPECT_EQ(bist(file, "errors 1").status, 1);
-  EXPECT_EQ(bist(file, "errors 3").status, 0);
+  const std::string slow = directory.file("slow.conf", "[pci]\n[pci root]\nlink-status=0x2011\n");
+  for (const char* const test : {"link", "errors", "prbs"}) {
+    const Outcome outcome = bist(slow, test + std::string(" 0 --seconds 1 --json"));
+    EXPECT_EQ(outcome.status, 1) << test;
+    EXPECT_EQ(json::parse(outcome.output)[test]["result"], "root link down, status 0x2011");
+  }
 
   const json report = json::parse(bist(file, "report --json").output);
   EXPECT_EQ(report["pcie"].size(), 4);

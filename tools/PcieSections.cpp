@@ -234,9 +234,12 @@ Section errorsSection(PortChoice choice, unsigned int seconds) {
       diagnostics.checkLiveDownstreamPort(choice.port, seconds, true);
   Section section{"errors", std::string("Errors ") + portName(choice.port), {}, {}, {}};
   const std::string reason = obstacle(results);
-  const bool readable = found(results.portIds);
-  section.lines = readable ? errorLines(diagnostics, results)
-                           : std::vector<Line>{{"port", reason, Verdict::fail}};
+  if (found(results.portIds)) {
+    section.lines = errorLines(diagnostics, results);
+  }
+  if (!reason.empty()) {
+    section.lines.insert(section.lines.begin(), {"port", reason, Verdict::fail});
+  }
   section.data = portJson(diagnostics, choice.port, results, reason);
   return section;
 }
