@@ -1,10 +1,10 @@
 #pragma once
 
 #include <pthread.h>
-#include <signal.h>
 
 #include <atomic>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <string>
 
