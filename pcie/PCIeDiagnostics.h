@@ -208,9 +208,10 @@ class PCIeDiagnostics {
   ///         port or the main switch's upstream port is missing
   bool isLinkUp(PCIeDownstreamPorts port);
 
-  /// PRBS loopback test: sets the test up, polls every 500 ms until an error is counted, the sync or
-  /// the root link is lost or the time is over, and tears it down. Needs a good root link, the root port, the main switch's upstream
-  /// port and PRBS sync to start polling. Latched error status is left as the test left it.
+  /// PRBS loopback test: sets the test up, polls every 500 ms until an error is counted, the sync
+  /// or the root link is lost or the time is over, and tears it down. Needs a good root link, the
+  /// root port, the main switch's upstream port and PRBS sync to start polling. Latched error
+  /// status is left as the test left it.
   ///
   /// Prints the lines of setupPRBSLoopbackTest, getDiagnosticsResults with PRBS, and
   /// tearDownPRBSLoopbackTest.
