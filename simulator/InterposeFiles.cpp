@@ -1,7 +1,9 @@
 // Files: every way to open, write and close one. SysfsFiles.h says what happens below /sys.
 
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <spawn.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -138,8 +140,22 @@ mode_t creationMode(int flags, va_list arguments) {
   return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
 
+// umockdev's lock for whatever takes a path. A fork waits for it: the child of a program with
+// several threads would find it locked for ever by a thread that the child does not have.
+pthread_mutex_t* umockdevLock() {
+  static auto* const lock = static_cast<pthread_mutex_t*>(dlsym(RTLD_DEFAULT, "trap_path_lock"));
+  return lock;
+}
+
+void lockUmockdev() { pthread_mutex_lock(umockdevLock()); }
+
+void unlockUmockdev() { pthread_mutex_unlock(umockdevLock()); }
+
 // Programs that talvero-sim starts find the instrument in their environment.
 __attribute__((constructor)) void start() {
+  if (umockdevLock() != nullptr) {
+    pthread_atfork(lockUmockdev, unlockUmockdev, unlockUmockdev);
+  }
   if (const char* stateFile = std::getenv(simulator::stateVariable)) {
     simulator::attach(stateFile);
     simulator::findInherited();

@@ -106,20 +106,26 @@ std::string reasonAgainst(const std::string& program) {
   return "is statically linked";
 }
 
-[[noreturn]] void becomeProgram(const std::string& path, std::vector<std::string>& arguments,
-                                pid_t parent, const sigset_t& signals) {
+std::vector<char*> pointersTo(std::vector<std::string>& arguments) {
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+/// In the child of a process that has threads, and so without a call that may wait for one of them,
+/// an allocation of memory among others.
+[[noreturn]] void becomeProgram(const std::string& path, char* const* arguments, pid_t parent,
+                                const sigset_t& signals) {
   // Nobody would remove the instrument after a program that outlives talvero-sim.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {
     _exit(notExecutable);
   }
   sigprocmask(SIG_SETMASK, &signals, nullptr);
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments) {
-    pointers.push_back(argument.data());
-  }
-  pointers.push_back(nullptr);
-  execvp(path.c_str(), pointers.data());
+  execvp(path.c_str(), arguments);
   const int error = errno;
   std::cerr << "talvero-sim: cannot run " << path << ": " << std::strerror(error) << "\n";
   _exit(error == ENOENT ? notFound : notExecutable);
@@ -184,13 +190,14 @@ int run(Arguments& arguments) {
         simulator::readDescription(descriptionFile(arguments.instrument)),
         {arguments.fast, arguments.trace});
     instrument.setProgramEnvironment();
+    const std::vector<char*> pointers = pointersTo(arguments.program);
     const pid_t self = getpid();
     const pid_t child = fork();
     if (child < 0) {
       throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (child == 0) {
-      becomeProgram(program, arguments.program, self, before);
+      becomeProgram(program, pointers.data(), self, before);
     }
     status = waitForProgram(child, passed);
     instrument.requireTrace();
