@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator/SimulatedInstrument.h"
+#include "simulator/instrument/SimulatedInstrument.h"
 
 namespace {
 

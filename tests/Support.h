@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator/SimulatedInstrument.h"
+#include "simulator/instrument/SimulatedInstrument.h"
 
 /// An instrument described by a text, in virtual time.
 class Instrument : public simulator::SimulatedInstrument {

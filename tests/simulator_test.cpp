@@ -1,6 +1,7 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <pciaccess.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +14,8 @@
 #include <fstream>
 #include <thread>
 
+#include "pcie/PCIeDiagnostics.h"
+#include "simulator/shared/State.h"
 #include "tests/Support.h"
 
 using testing::HasSubstr;
@@ -171,8 +174,15 @@ TEST(VirtualTime, PassesWithoutWaiting) {
 }
 
 TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
+  std::string manyDevices = "[i2c]\n";
+  for (int address = 0; address <= 128; ++address) {
+    char line[16];
+    std::snprintf(line, sizeof line, "9-%04x=x\n", address);
+    manyDevices += line;
+  }
+  const std::string longText = "[module 2-0050]\ntop=" + std::string(256, 'x');
   const struct {
-    const char* text;
+    std::string text;
     const char* reason;
   } cases[] = {
       {"[bord]\nstraps=0", "d.conf: [bord]: unknown group"},
@@ -181,11 +191,25 @@ TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
       {"[gpio]\n256=low", "d.conf: [gpio] 256: not a line number from 0 to 255"},
       {"[gpio]\n80=lo", "d.conf: [gpio] 80: must be low, high, missing"},
       {"[i2c]\n0-74=pmb", "d.conf: [i2c] 0-74: not an I2C device"},
-      {"[module 0-0050]\nopenable=no\n[module 0-0051]\nopenable=no",
-       "d.conf: [module 0-0051] openable: another device"},
+      {"[i2c]\n00-0074=pmb", "d.conf: [i2c] 00-0074: not an I2C device"},
+      {"[mux 2-0070]\n32=i2c-9", "d.conf: [mux 2-0070] 32: not a channel number from 0 to 31"},
+      {"[mux 2-0070]\n1=i2c-09", "d.conf: [mux 2-0070] 1: must be a bus such as i2c-9"},
+      {"[expander 2-0041]\ngpio=chips", "d.conf: [expander 2-0041] gpio: must be chip, empty or"},
       {"[faults]\nudev=on", "d.conf: [faults] udev: unknown key"},
       {"[faults]\nudev-context=1", "d.conf: [faults] udev-context: must be on or off, not \"1\""},
       {"straps=1", "d.conf: "},
+      {manyDevices, "d.conf: [i2c] 9-0080: more than 128 I2C devices"},
+      {longText, "d.conf: [module 2-0050] top: longer than 255 characters"},
+      {"[power 1]\non-delay=x", "d.conf: [power 1] on-delay: must be a time in seconds"},
+      {"[power 3]", "d.conf: [power 3]: only modules 1, 2, 4 and 5 have power links"},
+      {"[pci]\n[pci port2]", "d.conf: [pci port2]: unknown group"},
+      {"[pci]\n[pci shim]", "d.conf: [pci shim]: no such device; describe [pci]"},
+      {"[pci]\nshim=4", "d.conf: [pci] shim: must be a module number from 0 to 3"},
+      {"[pci]\n[pci root]\nregister-102=0", "d.conf: [pci root] register-102: not the offset of"},
+      {"[pci]\n[pci root]\nlink-lost-after=never", "must be a time in seconds such as 2.5"},
+      {"[pci]\n[pci root]\nlink=on", "d.conf: [pci root] link: must be up or down, not \"on\""},
+      {"[pci]\n[pci root]\ncorrectable=0x100000000", "must be a number from 0 to 0xffffffff"},
+      {"[pci]\n[pci root]\nlinks=up", "d.conf: [pci root] links: unknown key"},
   };
   for (const auto& test : cases) {
     try {
@@ -197,6 +221,49 @@ TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
     }
   }
   EXPECT_THROW(simulator::readDescription("/nowhere.conf"), simulator::DescriptionError);
+}
+
+TEST(SimulatedPci, ShowsTrainingForAMillisecond) {
+  const Instrument instrument("[pci]");
+  const PCIeDiagnostics diagnostics;
+  pci_device* const root = diagnostics.rootPort;
+  constexpr pciaddr_t linkControl = 0x80;
+  constexpr pciaddr_t linkStatus = 0x82;
+  constexpr std::uint16_t training = 0x800;
+  const auto status = [&] {
+    std::uint16_t value = 0;
+    EXPECT_EQ(pci_device_cfg_read_u16(root, &value, linkStatus), 0);
+    return value;
+  };
+  EXPECT_EQ(status() & training, 0);
+  pci_device_cfg_write_u16(root, 0x20, linkControl);
+  usleep(999);
+  EXPECT_EQ(status() & training, training);
+  usleep(1);
+  EXPECT_EQ(status() & training, 0);
+  std::uint16_t control = 1;
+  pci_device_cfg_read_u16(root, &control, linkControl);
+  EXPECT_EQ(control, 0) << "the retrain bit reads 0";
+}
+
+TEST(SimulatedPci, ClearsStatusByWrittenOnesAlone) {
+  const Instrument instrument("[pci]\n[pci root]\nregister-78=0xffff0123\nregister-104=0xff\n");
+  pci_system_init();
+  pci_device* const root = pci_device_find_by_slot(0, 0, 0, 0);
+  const struct {
+    pciaddr_t offset;
+    std::uint32_t written;
+    std::uint32_t after;
+  } cases[] = {{0x78, 0x00050123, 0xfffa0123},   // Device Status: four bits, the others read-only
+               {0x78, 0xffff0456, 0xfff00456},   // Device Control takes what is written
+               {0x104, 0x0f, 0xf0},              // Uncorrectable Error Status
+               {0x00, 0x12345678, 0x10007a1e}};  // IDs
+  for (const auto& test : cases) {
+    std::uint32_t value = 0;
+    EXPECT_EQ(pci_device_cfg_write_u32(root, test.written, test.offset), 0);
+    EXPECT_EQ(pci_device_cfg_read_u32(root, &value, test.offset), 0);
+    EXPECT_EQ(value, test.after) << std::hex << test.offset;
+  }
 }
 
 TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
@@ -222,6 +289,20 @@ TEST(Safety, OtherDoorsToTheHostsHardwareAreShut) {
   posix_spawn_file_actions_destroy(&actions);
   EXPECT_EQ(open("/etc/passwd/x", O_RDONLY), -1);
   EXPECT_EQ(errno, ENOTDIR) << "other files fail as they do";
+}
+
+volatile std::sig_atomic_t signals = 0;
+
+TEST(Signals, WaitWhileTheStateIsHeld) {
+  const Instrument instrument("");
+  const auto before = std::signal(SIGUSR1, [](int /*signal*/) { signals = signals + 1; });
+  {
+    const simulator::Locked state;
+    std::raise(SIGUSR1);
+    EXPECT_EQ(signals, 0) << "its handler would wait for the state for ever";
+  }
+  EXPECT_EQ(signals, 1);
+  std::signal(SIGUSR1, before);
 }
 
 TEST(Forks, LeaveTheChildNoLockOfAnotherThread) {
@@ -338,12 +419,36 @@ TEST(TalveroSim, RefusesProgramsThatWouldReachTheHostsHardware) {
   EXPECT_THAT(outcome.errors, HasSubstr("is statically linked: it would reach"));
 }
 
+/// Whether a process is there and more than an entry that nobody has asked for.
+bool isRunning(const std::string& pid) {
+  const std::string status = contentOf("/proc/" + pid + "/status");
+  return !status.empty() && status.find("State:\tZ") == std::string::npos;
+}
+
+TEST(TalveroSim, LeavesOtherInstrumentsAlone) {
+  const TemporaryDirectory directory;
+  const Outcome outcome =
+      runCommand("cd " + directory.path +
+                 "; export TMPDIR=$PWD; mkfifo started go; " TALVERO_SIM
+                 " -- sh -c 'echo >started; read line <go; cat /sys/class/gpio/gpiochip0/base' & "
+                 "read line <started; " TALVERO_SIM " -- true; echo >go; wait");
+  EXPECT_EQ(outcome.output, "0\n");
+  EXPECT_EQ(outcome.errors, "");
+}
+
 TEST(TalveroSim, LeavesNothingBehind) {
   const TemporaryDirectory directory;
   const std::string sim = "TMPDIR=" + directory.path + " " TALVERO_SIM " -- ";
   runCommand(sim + "sh -c 'kill -KILL $$'");
   EXPECT_EQ(runCommand("ls " + directory.path).output, "");
-  runCommand(sim + "sh -c 'kill -KILL $PPID; sleep 9'");
+  runCommand(sim + "sh -c 'echo $$ >" + directory.path +
+             "/pid; kill -KILL $PPID; read line </dev/zero'");
+  const std::string pid = std::to_string(std::stoi(contentOf(directory.path + "/pid")));
+  for (int tenth = 0; tenth < 100 && isRunning(pid); ++tenth) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_FALSE(isRunning(pid)) << "a program ends with talvero-sim";
+  std::filesystem::remove(directory.path + "/pid");
   EXPECT_NE(runCommand("ls " + directory.path).output, "") << "nobody was left to remove it";
   runCommand(sim + "true");
   EXPECT_EQ(runCommand("ls " + directory.path).output, "");

@@ -6,19 +6,16 @@
 
 #include "platform/I2CDev.h"
 #include "platform/SpbFPGA.h"
-#include "simulator/Next.h"
-#include "simulator/State.h"
+#include "simulator/preload/Next.h"
+#include "simulator/shared/State.h"
+#include "simulator/shared/Trace.h"
 
-using simulator::Locked;
 using simulator::trace;
 
 namespace {
 
 void switchClock(unsigned int slot, bool on) {
   simulator::requireInstrument("the board FPGA");
-  if (slot < simulator::moduleCount) {
-    Locked()->clocks[slot] = on;
-  }
   trace((on ? "clock on " : "clock off ") + std::to_string(slot));
 }
 

@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <string>
 
-#include "simulator/Next.h"
-#include "simulator/State.h"
+#include "simulator/parts/I2cDevices.h"
+#include "simulator/preload/Next.h"
+#include "simulator/shared/State.h"
+#include "simulator/shared/Trace.h"
 
 using simulator::faultIsOn;
 using simulator::inQuotes;
@@ -86,7 +88,7 @@ int udev_enumerate_scan_devices(udev_enumerate* enumeration) {
 udev_device* udev_device_new_from_syspath(udev* context, const char* path) {
   static const auto real = next(&udev_device_new_from_syspath, "udev_device_new_from_syspath");
   const std::string line = std::string("udev_device_new_from_syspath ") + path;
-  if (simulator::attached() && std::string(path) == simulator::Locked()->unopenableDevice) {
+  if (simulator::attached() && !simulator::i2c::canBeOpened(simulator::Locked()->hardware, path)) {
     traceResult(line, ENODEV);
     errno = ENODEV;
     return nullptr;

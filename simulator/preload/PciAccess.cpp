@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <string>
 
-#include "simulator/Next.h"
-#include "simulator/Pci.h"
-#include "simulator/State.h"
+#include "simulator/parts/PciRegisters.h"
+#include "simulator/preload/Next.h"
+#include "simulator/shared/Trace.h"
 
 namespace simulator {
 
@@ -39,41 +39,14 @@ std::string accessText(const char* name, const pci_device& device, std::uint32_t
          hex(offset);
 }
 
-int readConfig(const pci_device& device, std::uint32_t offset, std::uint32_t size,
-               std::uint32_t& value) {
-  requireInstrument("PCI configuration space");
-  int error = ENODEV;
-  {
-    const Locked state;
-    PciDevice* const found = pci::find(*state, device.bus, device.dev);
-    if (found != nullptr) {
-      error = pci::read(*state, *found, offset, size, value);
-    }
-  }
-  const std::string text = accessText("read", device, offset, size);
-  traceResult(error == 0 ? text + " " + hex(value) : text, error);
-  return error;
-}
-
-int writeConfig(const pci_device& device, std::uint32_t offset, std::uint32_t size,
-                std::uint32_t value) {
-  requireInstrument("PCI configuration space");
-  int error = ENODEV;
-  {
-    const Locked state;
-    PciDevice* const found = pci::find(*state, device.bus, device.dev);
-    if (found != nullptr) {
-      error = pci::write(*state, *found, offset, size, value);
-    }
-  }
-  traceResult(accessText("write", device, offset, size) + " " + hex(value), error);
-  return error;
-}
-
 template <typename Value>
-int readValue(const pci_device* device, Value* value, pciaddr_t offset) {
+int readValue(const pci_device* device, Value* value, pciaddr_t place) {
+  requireInstrument("PCI configuration space");
+  const auto offset = static_cast<std::uint32_t>(place);
   std::uint32_t read = 0;
-  const int error = readConfig(*device, static_cast<std::uint32_t>(offset), sizeof *value, read);
+  const int error = pci::read(*Locked(), device->bus, device->dev, offset, sizeof(Value), read);
+  const std::string text = accessText("read", *device, offset, sizeof(Value));
+  traceResult(error == 0 ? text + " " + hex(read) : text, error);
   if (error == 0) {
     *value = static_cast<Value>(read);
   }
@@ -81,8 +54,12 @@ int readValue(const pci_device* device, Value* value, pciaddr_t offset) {
 }
 
 template <typename Value>
-int writeValue(const pci_device* device, Value value, pciaddr_t offset) {
-  return writeConfig(*device, static_cast<std::uint32_t>(offset), sizeof value, value);
+int writeValue(const pci_device* device, Value value, pciaddr_t place) {
+  requireInstrument("PCI configuration space");
+  const auto offset = static_cast<std::uint32_t>(place);
+  const int error = pci::write(*Locked(), device->bus, device->dev, offset, sizeof(Value), value);
+  traceResult(accessText("write", *device, offset, sizeof(Value)) + " " + hex(value), error);
+  return error;
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator/Description.h"
+#include "simulator/instrument/Description.h"
 
 struct _UMockdevTestbed;
 
@@ -23,8 +23,8 @@ class SimulatedInstrument {
     std::string trace;  ///< file that receives the trace; empty for takeTrace() alone
   };
 
-  explicit SimulatedInstrument(const Description& description);
-  SimulatedInstrument(const Description& description, const Options& options);
+  explicit SimulatedInstrument(const Hardware& hardware);
+  SimulatedInstrument(const Hardware& hardware, const Options& options);
   ~SimulatedInstrument();
   SimulatedInstrument(const SimulatedInstrument&) = delete;
   SimulatedInstrument& operator=(const SimulatedInstrument&) = delete;

@@ -7,8 +7,9 @@
 #include <ctime>
 #include <string>
 
-#include "simulator/Next.h"
-#include "simulator/State.h"
+#include "simulator/preload/Next.h"
+#include "simulator/shared/State.h"
+#include "simulator/shared/Trace.h"
 
 namespace simulator {
 

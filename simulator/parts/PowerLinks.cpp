@@ -1,7 +1,9 @@
-#include "simulator/Power.h"
+#include "simulator/parts/PowerLinks.h"
 
 #include <cerrno>
 #include <optional>
+
+#include "simulator/shared/Clock.h"
 
 namespace simulator::power {
 
@@ -27,6 +29,17 @@ std::string linkOf(std::uint32_t module, const char* line) {
   }
   return "";
 }
+
+constexpr bool areModules(const Links (&table)[std::size(links)]) {
+  for (const Links& link : table) {
+    if (link.module >= moduleCount) {
+      return false;
+    }
+  }
+  return true;
+}
+
+static_assert(areModules(links), "power links of a module that there is not");
 
 struct Line {
   std::uint32_t module;
@@ -66,7 +79,7 @@ std::string enableLink(std::uint32_t module) { return linkOf(module, "_power_en"
 std::string doneLink(std::uint32_t module) { return linkOf(module, "_seq_done"); }
 
 bool isUp(const State& state, std::uint32_t module) {
-  const PowerSequence& power = state.power[module];
+  const PowerSequence& power = state.hardware.power[module];
   return !power.present || (power.enabled && sequenceIsDone(state, power));
 }
 
@@ -75,7 +88,7 @@ bool owns(const std::string& path) { return lineOf(path).has_value(); }
 int open(const std::string& path, bool /*writing*/, std::string& content) {
   const Line line = *lineOf(path);
   const Locked state;
-  const PowerSequence& power = state->power[line.module];
+  const PowerSequence& power = state->hardware.power[line.module];
   if (!power.present || (line.isEnable ? power.enableMissing : power.doneMissing)) {
     return ENOENT;
   }
@@ -94,7 +107,7 @@ int store(const std::string& path, const std::string& text) {
     return EINVAL;
   }
   const Locked state;
-  PowerSequence& power = state->power[line.module];
+  PowerSequence& power = state->hardware.power[line.module];
   const bool enabled = text[0] == '1';
   if (enabled != power.enabled) {
     power.enabled = enabled;

@@ -1,13 +1,13 @@
-#include "simulator/Pci.h"
+#include "simulator/parts/PciRegisters.h"
 
 #include <linux/pci_regs.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 
-#include "simulator/Power.h"
+#include "simulator/parts/PowerLinks.h"
+#include "simulator/shared/Clock.h"
 
 namespace simulator::pci {
 
@@ -15,11 +15,6 @@ namespace {
 
 constexpr std::int64_t second = 1000000;
 constexpr std::int64_t trainingTime = 1000;
-constexpr std::int64_t never = -1;
-
-// Link Status of a link that is up: active, one lane, 5 GT/s.
-constexpr std::uint16_t goodLink =
-    PCI_EXP_LNKSTA_DLLLA | PCI_EXP_LNKSTA_NLW_X1 | PCI_EXP_LNKSTA_CLS_5_0GB;
 
 /// Where a kind of device has its capabilities.
 struct Layout {
@@ -62,54 +57,16 @@ constexpr PortWiring wiring[] = {
     {shimPort5, shimUpstream, 1U << 9, 1U << 8, 1U << 11, 1U << 24, 1U << 25, 1U << 17},
 };
 
-template <typename Value>
-Value load(const PciDevice& device, std::uint32_t offset) {
-  Value value{};
-  std::memcpy(&value, device.config + offset, sizeof value);
-  return value;
-}
-
-template <typename Value>
-void put(PciDevice& device, std::uint32_t offset, Value value) {
-  std::memcpy(device.config + offset, &value, sizeof value);
-}
-
-void putBits(PciDevice& device, std::uint32_t offset, std::uint32_t mask, bool set) {
-  const auto value = load<std::uint32_t>(device, offset);
-  put(device, offset, set ? value | mask : value & ~mask);
-}
-
 PciPlace placeOf(const State& state, const PciDevice& device) {
-  return static_cast<PciPlace>(&device - state.pci);
+  return static_cast<PciPlace>(&device - state.hardware.pci);
 }
 
 const Layout& layoutOf(PciPlace place) { return place == rootPort ? rootLayout : switchLayout; }
 
-void describeDevice(PciDevice& device, PciPlace place, int bus, int number, int secondary,
-                    int subordinate) {
-  device = {};
-  device.present = true;
-  device.bus = static_cast<std::uint8_t>(bus);
-  device.device = static_cast<std::uint8_t>(number);
-  device.linkUp = true;
-  device.linkStatus = goodLink;
-  device.linkLostAfter = never;
-  device.prbsErrorsAfter = never;
-  device.prbsSince = never;
-  put(device, PCI_VENDOR_ID, vendorId);
-  put(device, PCI_DEVICE_ID, deviceId(place));
-  setClassCode(device, bridgeClass);
-  put(device, PCI_HEADER_TYPE, std::uint8_t{PCI_HEADER_TYPE_BRIDGE});
-  put(device, PCI_PRIMARY_BUS, device.bus);
-  put(device, PCI_SECONDARY_BUS, static_cast<std::uint8_t>(secondary));
-  put(device, PCI_SUBORDINATE_BUS, static_cast<std::uint8_t>(subordinate));
-}
-
 bool linkIsUp(const State& state, const PciDevice& device) {
-  constexpr PciPlace slotPorts[] = {port1, port9, port7, port5};
-  for (std::uint32_t slot = 0; slot < std::size(slotPorts); ++slot) {
-    if (&device == &state.pci[slotPorts[slot]] && !power::isUp(state, slot)) {
-      return false;  // no module behind the port
+  for (std::uint32_t module = 0; module < std::size(modulePorts); ++module) {
+    if (&device == &state.hardware.pci[modulePorts[module]] && !power::isUp(state, module)) {
+      return false;
     }
   }
   return device.present && device.linkUp &&
@@ -117,18 +74,18 @@ bool linkIsUp(const State& state, const PciDevice& device) {
 }
 
 bool prbsIsOn(const State& state, const PortWiring& port) {
-  const PciDevice& upstream = state.pci[port.upstream];
+  const PciDevice& upstream = state.hardware.pci[port.upstream];
   return (load<std::uint32_t>(upstream, prbsRegister) & port.prbsEnable) != 0;
 }
 
 bool isLoopbackMaster(const State& state, const PortWiring& port) {
-  const PciDevice& upstream = state.pci[port.upstream];
+  const PciDevice& upstream = state.hardware.pci[port.upstream];
   return (load<std::uint32_t>(upstream, loopbackRegister) & port.loopbackEnable) != 0 &&
-         !state.pci[port.port].loopbackRefused;
+         !state.hardware.pci[port.port].loopbackRefused;
 }
 
 bool inSync(const State& state, const PortWiring& port) {
-  const PciDevice& device = state.pci[port.port];
+  const PciDevice& device = state.hardware.pci[port.port];
   return prbsIsOn(state, port) && isLoopbackMaster(state, port) && linkIsUp(state, device) &&
          !device.prbsOutOfSync;
 }
@@ -143,19 +100,19 @@ std::uint32_t errorCount(const State& state, const PciDevice& device) {
 }
 
 // The registers that show what the ports do are made up when they are read.
-void refreshSwitch(State& state, const PortWiring& port) {
-  PciDevice& upstream = state.pci[port.upstream];
-  putBits(upstream, linkRegister, port.link, linkIsUp(state, state.pci[port.port]));
+void showPort(State& state, const PortWiring& port) {
+  PciDevice& upstream = state.hardware.pci[port.upstream];
+  putBits(upstream, linkRegister, port.link, linkIsUp(state, state.hardware.pci[port.port]));
   putBits(upstream, loopbackRegister, port.loopbackStatus, !isLoopbackMaster(state, port));
   putBits(upstream, syncRegister, port.prbsSync, inSync(state, port));
   const auto diagnostic = load<std::uint32_t>(upstream, diagnosticRegister);
   if ((diagnostic & selectMask) == port.select && prbsIsOn(state, port)) {
     put(upstream, diagnosticRegister,
-        diagnostic | counterValid | errorCount(state, state.pci[port.port]) << 16);
+        diagnostic | counterValid | errorCount(state, state.hardware.pci[port.port]) << 16);
   }
 }
 
-void refreshLinkStatus(const State& state, PciDevice& device, const Layout& layout) {
+void showLink(const State& state, PciDevice& device, const Layout& layout) {
   const std::uint32_t offset = layout.pcie + PCI_EXP_LNKSTA;
   std::uint16_t status = linkIsUp(state, device) ? device.linkStatus : std::uint16_t{0};
   if (now(state) < device.trainingUntil) {
@@ -164,7 +121,7 @@ void refreshLinkStatus(const State& state, PciDevice& device, const Layout& layo
   put(device, offset, status);
 }
 
-void refresh(State& state, PciDevice& device) {
+void showHardware(State& state, PciDevice& device) {
   const PciPlace place = placeOf(state, device);
   const Layout& layout = layoutOf(place);
   if (place == switchUpstream || place == shimUpstream) {
@@ -172,10 +129,10 @@ void refresh(State& state, PciDevice& device) {
   }
   for (const PortWiring& port : wiring) {
     if (port.upstream == place) {
-      refreshSwitch(state, port);
+      showPort(state, port);
     }
   }
-  refreshLinkStatus(state, device, layout);
+  showLink(state, device, layout);
   putBits(device, layout.aer + PCI_ERR_UNCOR_STATUS, device.uncorrectable, true);
   putBits(device, layout.aer + PCI_ERR_COR_STATUS, device.correctable, true);
 }
@@ -211,10 +168,10 @@ WriteRule ruleFor(PciPlace place, std::uint32_t word) {
 }
 
 void startPrbs(State& state, PciPlace upstream, std::uint32_t before) {
-  const auto after = load<std::uint32_t>(state.pci[upstream], prbsRegister);
+  const auto after = load<std::uint32_t>(state.hardware.pci[upstream], prbsRegister);
   for (const PortWiring& port : wiring) {
     if (port.upstream == upstream && (after & ~before & port.prbsEnable) != 0) {
-      state.pci[port.port].prbsSince = now(state);
+      state.hardware.pci[port.port].prbsSince = now(state);
     }
   }
 }
@@ -228,77 +185,56 @@ void retrain(const State& state, PciDevice& device, const Layout& layout) {
   }
 }
 
-int refusal(const PciDevice& device, std::uint32_t offset, std::uint32_t size, int outside) {
-  if (device.unreadable) {
-    return EIO;
-  }
-  return offset > sizeof device.config - size ? outside : 0;
-}
-
-}  // namespace
-
-void describeFabric(PciDevice (&devices)[pciPlaceCount]) {
-  constexpr unsigned int ports = 4;
-  constexpr int busesBehindPort = 4;
-  constexpr int firstBus = 3;
-  constexpr int last = firstBus + static_cast<int>(ports) * busesBehindPort - 1;
-  describeDevice(devices[rootPort], rootPort, 0, 0, 1, last);
-  describeDevice(devices[switchUpstream], switchUpstream, 1, 0, 2, last);
-  constexpr int deviceNumbers[] = {1, 5, 7, 9};
-  for (unsigned int port = 0; port < ports; ++port) {
-    const auto place = static_cast<PciPlace>(port1 + port);
-    const int bus = firstBus + static_cast<int>(port) * busesBehindPort;
-    describeDevice(devices[place], place, 2, deviceNumbers[port], bus, bus + busesBehindPort - 1);
-  }
-}
-
-void describeShim(PciDevice (&devices)[pciPlaceCount], PciPlace port) {
-  const int bus = devices[port].config[PCI_SECONDARY_BUS];
-  describeDevice(devices[shimUpstream], shimUpstream, bus, 0, bus + 1, bus + 3);
-  describeDevice(devices[shimPort1], shimPort1, bus + 1, 1, bus + 2, bus + 2);
-  describeDevice(devices[shimPort5], shimPort5, bus + 1, 5, bus + 3, bus + 3);
-}
-
-void setClassCode(PciDevice& device, std::uint32_t code) {
-  putBits(device, PCI_CLASS_REVISION, 0xFFFFFF00, false);
-  putBits(device, PCI_CLASS_REVISION, code << 8, true);
-}
-
-void setRegister(PciDevice& device, std::uint32_t offset, std::uint32_t value) {
-  put(device, offset, value);
-}
-
-std::uint16_t deviceId(PciPlace place) { return static_cast<std::uint16_t>(0x1000 + place); }
-
-PciDevice* find(State& state, std::uint32_t bus, std::uint32_t device) {
-  for (PciDevice& candidate : state.pci) {
-    if (candidate.present && candidate.bus == bus && candidate.device == device) {
-      return &candidate;
+/// The device at an address; null when there is none.
+PciDevice* find(State& state, std::uint32_t bus, std::uint32_t number) {
+  for (PciDevice& device : state.hardware.pci) {
+    if (device.present && device.bus == bus && device.device == number) {
+      return &device;
     }
   }
   return nullptr;
 }
 
-int read(State& state, PciDevice& device, std::uint32_t offset, std::uint32_t size,
-         std::uint32_t& value) {
+int refusal(const PciDevice* device, std::uint32_t offset, std::uint32_t size, int outside) {
+  if (device == nullptr) {
+    return ENODEV;
+  }
+  if (device->unreadable) {
+    return EIO;
+  }
+  return offset > sizeof device->config - size ? outside : 0;
+}
+
+}  // namespace
+
+void putBits(PciDevice& device, std::uint32_t offset, std::uint32_t mask, bool set) {
+  const auto value = load<std::uint32_t>(device, offset);
+  put(device, offset, set ? value | mask : value & ~mask);
+}
+
+int read(State& state, std::uint32_t bus, std::uint32_t number, std::uint32_t offset,
+         std::uint32_t size, std::uint32_t& value) {
+  PciDevice* const device = find(state, bus, number);
   const int error = refusal(device, offset, size, ENXIO);
   if (error == 0) {
-    refresh(state, device);
+    showHardware(state, *device);
     value = 0;
-    std::memcpy(&value, device.config + offset, size);
+    std::memcpy(&value, device->config + offset, size);
   }
   return error;
 }
 
-int write(State& state, PciDevice& device, std::uint32_t offset, std::uint32_t size,
-          std::uint32_t value) {
-  const int error = refusal(device, offset, size, EFBIG);
+int write(State& state, std::uint32_t bus, std::uint32_t number, std::uint32_t offset,
+          std::uint32_t size, std::uint32_t value) {
+  PciDevice* const found = find(state, bus, number);
+  const int error = refusal(found, offset, size, EFBIG);
   if (error != 0) {
     return error;
   }
+  PciDevice& device = *found;
   const PciPlace place = placeOf(state, device);
   const auto prbsBefore = load<std::uint32_t>(device, prbsRegister);
-  refresh(state, device);
+  showHardware(state, device);
   for (std::uint32_t index = offset; index < offset + size; ++index, value >>= 8) {
     const WriteRule rule = ruleFor(place, index & ~3U);
     const auto clears = static_cast<std::uint8_t>(rule.clears >> index % 4 * 8);

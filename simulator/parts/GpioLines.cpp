@@ -1,4 +1,4 @@
-#include "simulator/Gpio.h"
+#include "simulator/parts/GpioLines.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -7,7 +7,7 @@
 #include <optional>
 #include <regex>
 
-#include "simulator/State.h"
+#include "simulator/shared/State.h"
 
 namespace simulator::gpio {
 
@@ -42,9 +42,9 @@ std::optional<long> number(const std::string& text) {
 }
 
 GpioLine* find(const Locked& state, long number) {
-  const bool known =
-      number >= 0 && number < gpioLineCount && state->lines[number].condition != Condition::missing;
-  return known ? &state->lines[number] : nullptr;
+  const bool known = number >= 0 && number < gpioLineCount &&
+                     state->hardware.lines[number].condition != Condition::missing;
+  return known ? &state->hardware.lines[number] : nullptr;
 }
 
 // Directory and files of an exported line are there to be listed and tested for; what the files

@@ -1,4 +1,4 @@
-// Files: every way to open, write and close one. SysfsFiles.h says what happens below /sys.
+// Files: every way to open, write and close one.
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -14,16 +14,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "simulator/Next.h"
-#include "simulator/State.h"
-#include "simulator/SysfsFiles.h"
+#include "simulator/preload/Attributes.h"
+#include "simulator/preload/Next.h"
+#include "simulator/preload/Paths.h"
+#include "simulator/shared/State.h"
+#include "simulator/shared/Trace.h"
 
 using simulator::next;
 using simulator::SysfsPath;
-using simulator::writtenAttribute;
+
+// One definition serves both names of a function: files are as large for the one as for the other.
+static_assert(sizeof(off_t) == sizeof(off64_t), "two definitions are needed");
 
 namespace {
 
@@ -40,21 +46,42 @@ int streamFlags(const char* mode) {
   return flags;
 }
 
+std::string contentOf(const SysfsPath& path) {
+  const simulator::Nested nested;
+  std::ifstream file(simulator::treePath(path), std::ios::binary);
+  std::ostringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
+/// Opens a plain file below /sys by `real`. Its attributes are read-only, and nobody creates one.
+template <typename Open>
+int openPlain(const SysfsPath& path, int flags, Open real) {
+  const bool nested = simulator::nested();
+  if ((flags & O_ACCMODE) != O_RDONLY && !nested) {
+    simulator::traceResult("write " + path.full, EACCES);
+    return fail(EACCES);
+  }
+  const int fd = real(simulator::treePath(path).c_str());
+  if (nested) {
+    return fd;
+  }
+  const int error = errno;
+  const std::string line = "read " + path.full;
+  simulator::traceResult(fd < 0 ? line : line + " " + simulator::inQuotes(contentOf(path)),
+                         fd < 0 ? error : 0);
+  errno = error;
+  return fd;
+}
+
 /// Opens a file below /sys, plain ones by `real`.
 template <typename Open>
 int openBelow(const SysfsPath& path, int flags, Open real) {
   if ((flags & (O_DIRECTORY | O_PATH)) != 0) {
     return real(simulator::treePath(path).c_str());
   }
-  if (path.behaviour != nullptr) {
-    return simulator::openAttribute(path, flags);
-  }
-  if (!simulator::mayOpenPlain(path, flags)) {
-    return -1;
-  }
-  const int fd = real(simulator::treePath(path).c_str());
-  simulator::tracePlainRead(path, fd >= 0);
-  return fd;
+  return path.attributes != nullptr ? simulator::openAttribute(path, flags)
+                                    : openPlain(path, flags, real);
 }
 
 template <typename Open>
@@ -121,21 +148,6 @@ std::FILE* openStream(const char* name, const char* mode, std::FILE* stream, Ope
   return path ? openStreamBelow(*path, mode, result, real) : result;
 }
 
-template <typename Reopen>
-std::FILE* reopenStream(const char* name, const char* mode, std::FILE* stream, Reopen real) {
-  fflush(stream);
-  return name == nullptr ? real(name, mode, stream)
-                         : openStream(name, mode, stream, [&](const char* file, const char* how) {
-                             return real(file, how, stream);
-                           });
-}
-
-/// A write that the attribute takes whole or refuses.
-ssize_t storeAll(const SysfsPath& path, const std::string& text) {
-  const int error = text.empty() ? 0 : simulator::store(path, text);
-  return error != 0 ? fail(error) : static_cast<ssize_t>(text.size());
-}
-
 mode_t creationMode(int flags, va_list arguments) {
   return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
@@ -158,14 +170,14 @@ __attribute__((constructor)) void start() {
   }
   if (const char* stateFile = std::getenv(simulator::stateVariable)) {
     simulator::attach(stateFile);
-    simulator::findInherited();
+    simulator::findInheritedAttributes();
   }
 }
 
 // Streams that nobody has closed, standard output in the first place.
 __attribute__((destructor)) void finish() {
   if (simulator::attached()) {
-    simulator::settleAll([] {
+    simulator::takeAllWritten([] {
       // A thread that waits for input holds the lock of its stream.
       if (ftrylockfile(stdin) == 0) {
         funlockfile(stdin);
@@ -184,32 +196,19 @@ std::FILE* fopen(const char* path, const char* mode) {
   return openStream(path, mode, nullptr, real);
 }
 
-std::FILE* fopen64(const char* path, const char* mode) {
-  static const auto real = next(&fopen64, "fopen64");
-  return openStream(path, mode, nullptr, real);
-}
-
 std::FILE* freopen(const char* path, const char* mode, std::FILE* stream) {
   static const auto real = next(&freopen, "freopen");
-  return reopenStream(path, mode, stream, real);
-}
-
-std::FILE* freopen64(const char* path, const char* mode, std::FILE* stream) {
-  static const auto real = next(&freopen64, "freopen64");
-  return reopenStream(path, mode, stream, real);
+  fflush(stream);
+  if (path == nullptr) {
+    return real(path, mode, stream);
+  }
+  return openStream(path, mode, stream, [stream](const char* file, const char* how) {
+    return real(file, how, stream);
+  });
 }
 
 int open(const char* path, int flags, ...) {
   static const auto real = next(&open, "open");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = creationMode(flags, arguments);
-  va_end(arguments);
-  return openFile(AT_FDCWD, path, flags, [&](const char* file) { return real(file, flags, mode); });
-}
-
-int open64(const char* path, int flags, ...) {
-  static const auto real = next(&open64, "open64");
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = creationMode(flags, arguments);
@@ -227,31 +226,13 @@ int openat(int directory, const char* path, int flags, ...) {
                   [&](const char* file) { return real(directory, file, flags, mode); });
 }
 
-int openat64(int directory, const char* path, int flags, ...) {
-  static const auto real = next(&openat64, "openat64");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = creationMode(flags, arguments);
-  va_end(arguments);
-  return openFile(directory, path, flags,
-                  [&](const char* file) { return real(directory, file, flags, mode); });
-}
-
 int creat(const char* path, mode_t mode) { return open(path, O_CREAT | O_WRONLY | O_TRUNC, mode); }
-
-int creat64(const char* path, mode_t mode) { return creat(path, mode); }
 
 // What these become in programs built with -D_FORTIFY_SOURCE.
 int __open_2(const char* path, int flags) { return open(path, flags); }
 
-int __open64_2(const char* path, int flags) { return open64(path, flags); }
-
 int __openat_2(int directory, const char* path, int flags) {
   return openat(directory, path, flags);
-}
-
-int __openat64_2(int directory, const char* path, int flags) {
-  return openat64(directory, path, flags);
 }
 
 // The new program's files are opened without a call of the C library that could be answered here.
@@ -277,53 +258,29 @@ DIR* opendir(const char* name) {
 
 ssize_t write(int fd, const void* data, size_t size) {
   static const auto real = next(&write, "write");
-  if (const auto path = writtenAttribute(fd)) {
-    return storeAll(*path, std::string(static_cast<const char*>(data), size));
-  }
-  return real(fd, data, size);
+  const iovec text{const_cast<void*>(data), size};
+  const auto taken = simulator::writeAttribute(fd, &text, 1);
+  return taken ? *taken : real(fd, data, size);
 }
 
 ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
   static const auto real = next(&pwrite, "pwrite");
-  if (const auto path = writtenAttribute(fd)) {
-    return storeAll(*path, std::string(static_cast<const char*>(data), size));
-  }
-  return real(fd, data, size, offset);
-}
-
-ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset) {
-  static const auto real = next(&pwrite64, "pwrite64");
-  if (const auto path = writtenAttribute(fd)) {
-    return storeAll(*path, std::string(static_cast<const char*>(data), size));
-  }
-  return real(fd, data, size, offset);
+  const iovec text{const_cast<void*>(data), size};
+  const auto taken = simulator::writeAttribute(fd, &text, 1);
+  return taken ? *taken : real(fd, data, size, offset);
 }
 
 ssize_t writev(int fd, const iovec* parts, int count) {
   static const auto real = next(&writev, "writev");
-  if (const auto path = writtenAttribute(fd)) {
-    std::string text;
-    for (int part = 0; part < count; ++part) {
-      text.append(static_cast<const char*>(parts[part].iov_base), parts[part].iov_len);
-    }
-    return storeAll(*path, text);
-  }
-  return real(fd, parts, count);
+  const auto taken = simulator::writeAttribute(fd, parts, count);
+  return taken ? *taken : real(fd, parts, count);
 }
 
 // An attribute is read anew by a program that returns to its start.
 off_t lseek(int fd, off_t offset, int whence) noexcept {
   static const auto real = next(&lseek, "lseek");
   if (offset == 0 && whence == SEEK_SET) {
-    simulator::refresh(fd);
-  }
-  return real(fd, offset, whence);
-}
-
-off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
-  static const auto real = next(&lseek64, "lseek64");
-  if (offset == 0 && whence == SEEK_SET) {
-    simulator::refresh(fd);
+    simulator::readAnew(fd);
   }
   return real(fd, offset, whence);
 }
@@ -331,31 +288,19 @@ off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
 ssize_t pread(int fd, void* data, size_t size, off_t offset) {
   static const auto real = next(&pread, "pread");
   if (offset == 0) {
-    simulator::refresh(fd);
+    simulator::readAnew(fd);
   }
   return real(fd, data, size, offset);
 }
 
-ssize_t pread64(int fd, void* data, size_t size, off64_t offset) {
-  static const auto real = next(&pread64, "pread64");
-  if (offset == 0) {
-    simulator::refresh(fd);
-  }
-  return real(fd, data, size, offset);
-}
-
-// What these become in programs built with -D_FORTIFY_SOURCE.
+// What it becomes in programs built with -D_FORTIFY_SOURCE.
 ssize_t __pread_chk(int fd, void* data, size_t size, off_t offset, size_t /*room*/) {
   return pread(fd, data, size, offset);
 }
 
-ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t offset, size_t /*room*/) {
-  return pread64(fd, data, size, offset);
-}
-
 int close(int fd) {
   static const auto real = next(&close, "close");
-  const int error = simulator::settle(fd);
+  const int error = simulator::takeWritten(fd);
   const int result = real(fd);
   return error != 0 ? fail(error) : result;
 }
@@ -364,10 +309,10 @@ int fflush(std::FILE* stream) {
   static const auto real = next(&fflush, "fflush");
   const int result = real(stream);
   if (stream == nullptr) {
-    const int error = simulator::settleAll([] {});
+    const int error = simulator::takeAllWritten([] {});
     return error != 0 ? fail(error) : result;
   }
-  const int error = simulator::settle(fileno(stream));
+  const int error = simulator::takeWritten(fileno(stream));
   if (error != 0) {
     stream->_flags |= _IO_ERR_SEEN;  // shells ask for it by ferror
     return fail(error);
@@ -377,7 +322,7 @@ int fflush(std::FILE* stream) {
 
 int fclose(std::FILE* stream) {
   static const auto real = next(&fclose, "fclose");
-  const int flushed = writtenAttribute(fileno(stream)) ? fflush(stream) : 0;
+  const int flushed = simulator::isWritableAttribute(fileno(stream)) ? fflush(stream) : 0;
   const int error = errno;
   const int result = real(stream);
   return flushed != 0 ? fail(error) : result;
@@ -406,5 +351,20 @@ int scandir(const char* path, dirent*** entries, int (*select)(const dirent*),
   }
   return static_cast<int>(found.size());
 }
+
+#define SAME_AS(name) __attribute__((alias(name)))
+
+std::FILE* fopen64(const char* path, const char* mode) SAME_AS("fopen");
+std::FILE* freopen64(const char* path, const char* mode, std::FILE* stream) SAME_AS("freopen");
+int open64(const char* path, int flags, ...) SAME_AS("open");
+int openat64(int directory, const char* path, int flags, ...) SAME_AS("openat");
+int creat64(const char* path, mode_t mode) SAME_AS("creat");
+int __open64_2(const char* path, int flags) SAME_AS("__open_2");
+int __openat64_2(int directory, const char* path, int flags) SAME_AS("__openat_2");
+ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset) SAME_AS("pwrite");
+off64_t lseek64(int fd, off64_t offset, int whence) noexcept SAME_AS("lseek");
+ssize_t pread64(int fd, void* data, size_t size, off64_t offset) SAME_AS("pread");
+ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t offset, size_t room)
+    SAME_AS("__pread_chk");
 
 }  // extern "C"

@@ -1,4 +1,4 @@
-#include "simulator/State.h"
+#include "simulator/shared/State.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -6,17 +6,14 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
+#include <string>
 
 namespace simulator {
 
 namespace {
 
 State* shared = nullptr;
-thread_local int nesting = 0;
 
 [[noreturn]] void fail(const std::string& reason) {
   const std::string line = "talvero-sim: " + reason + "\n";
@@ -80,56 +77,6 @@ State* Locked::operator->() const { return shared; }
 
 State& Locked::operator*() const { return *shared; }
 
-bool faultIsOn(Fault fault) { return attached() && Locked()->faults[fault]; }
-
-std::int64_t now(const State& state) {
-  return state.fast ? state.slept : hostTime() - state.started;
-}
-
-std::int64_t hostTime() {
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return std::int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
-}
-
-void trace(const std::string& line) {
-  if (!attached() || shared->trace[0] == '\0' || nested()) {
-    return;
-  }
-  const std::string text = line + "\n";
-  const int fd = ::open(shared->trace, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-  if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    shared->traceLost = true;
-  }
-  ::close(fd);
-}
-
-void traceResult(const std::string& line, int error) {
-  trace(error == 0 ? line : line + ": " + strerrorname_np(error));
-}
-
-std::string inQuotes(const std::string& text) {
-  std::string result = "\"";
-  for (const char character : text) {
-    if (character == '\n') {
-      result += "\\n";
-    } else if (character == '"' || character == '\\') {
-      result += {'\\', character};
-    } else if (static_cast<unsigned char>(character) < ' ') {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\x%02x", static_cast<unsigned char>(character));
-      result += escape;
-    } else {
-      result += character;
-    }
-  }
-  return result + "\"";
-}
-
-Nested::Nested() { ++nesting; }
-
-Nested::~Nested() { --nesting; }
-
-bool nested() { return nesting > 0; }
+bool faultIsOn(Fault fault) { return attached() && Locked()->hardware.faults[fault]; }
 
 }  // namespace simulator

@@ -3,16 +3,11 @@
 #include <cstdint>
 #include <string>
 
-#include "simulator/State.h"
+#include "simulator/shared/State.h"
 
 /// The modules' power: the GPIO links below /sys/platform, "gpio_..._power_en" and
 /// "gpio_..._seq_done".
-///
-/// Paths are relative to /sys/platform. Results are 0 or an errno value.
 namespace simulator::power {
-
-constexpr std::int64_t defaultDelay = 100000;  // microseconds
-constexpr std::int64_t longAgo = 3600000000;
 
 bool hasLinks(std::uint32_t module);
 
@@ -24,7 +19,7 @@ std::string doneLink(std::uint32_t module);
 /// always are.
 bool isUp(const State& state, std::uint32_t module);
 
-// See Behaviour in InterposeFiles.cpp.
+// See Attributes in Part.h.
 bool owns(const std::string& path);
 int open(const std::string& path, bool writing, std::string& content);
 int store(const std::string& path, const std::string& text);

@@ -1,0 +1,166 @@
+#include "simulator/instrument/SimulatedInstrument.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <umockdev.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "simulator/parts/Part.h"
+#include "simulator/shared/Clock.h"
+#include "simulator/shared/State.h"
+
+namespace simulator {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Held locked by the process of an instrument for as long as it lives.
+constexpr char lockName[] = "talvero-sim.lock";
+
+int createLock(const fs::path& root) {
+  // Named only once it is locked, so that nobody takes the new instrument for an abandoned one.
+  const fs::path draft = root / "lock";
+  const int fd = ::open(draft.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0 || flock(fd, LOCK_EX) != 0) {
+    throw std::system_error(errno, std::generic_category(), draft.string());
+  }
+  fs::rename(draft, root / lockName);
+  return fd;
+}
+
+void initialise(State& state, const std::string& root, const std::string& traceFile,
+                const Hardware& hardware, bool fast) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(&state.mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  root.copy(state.root, sizeof state.root - 1);
+  traceFile.copy(state.trace, sizeof state.trace - 1);
+  state.fast = fast;
+  state.started = hostTime();
+  state.hardware = hardware;
+}
+
+std::string ownLibrary() {
+  Dl_info library{};
+  dladdr(reinterpret_cast<const void*>(&attach), &library);
+  return fs::absolute(library.dli_fname).string();
+}
+
+/// umockdev ends the process when it has no place for its tree.
+UMockdevTestbed* createTestbed() {
+  const fs::path directory = g_get_tmp_dir();
+  if (!directory.is_absolute() || access(directory.c_str(), W_OK | X_OK) != 0) {
+    throw std::runtime_error("no directory for temporary files: " + directory.string() +
+                             " (TMPDIR)");
+  }
+  return umockdev_testbed_new();
+}
+
+/// AddressSanitizer's run-time library, in a build that uses it: it insists on coming first.
+std::string sanitizerLibrary() {
+  Dl_info library{};
+  const void* symbol = dlsym(RTLD_DEFAULT, "__asan_init");
+  return symbol != nullptr && dladdr(symbol, &library) != 0 ? std::string(library.dli_fname) + ":"
+                                                            : "";
+}
+
+}  // namespace
+
+SimulatedInstrument::SimulatedInstrument(const Hardware& hardware)
+    : SimulatedInstrument(hardware, Options()) {}
+
+SimulatedInstrument::SimulatedInstrument(const Hardware& hardware, const Options& options)
+    : testbed(createTestbed()) {
+  try {
+    char* directory = umockdev_testbed_get_root_dir(testbed);
+    root = directory;
+    g_free(directory);
+    traceFile = options.trace.empty() ? root + "/trace" : fs::absolute(options.trace).string();
+    if (!std::ofstream(traceFile)) {
+      throw std::runtime_error(traceFile + ": cannot be written");
+    }
+    lock = createLock(root);
+    for (const Part* part : parts) {
+      if (part->createTree != nullptr) {
+        part->createTree(hardware, root);
+      }
+    }
+    const std::string stateFile = root + "/state";
+    createFile(stateFile);
+    fs::resize_file(stateFile, sizeof(State));
+    attach(stateFile.c_str());
+    initialise(*state(), root, traceFile, hardware, options.fast);
+  } catch (...) {
+    release();
+    throw;
+  }
+}
+
+SimulatedInstrument::~SimulatedInstrument() { release(); }
+
+void SimulatedInstrument::release() {
+  detach();
+  g_object_unref(testbed);
+  if (lock >= 0) {
+    ::close(lock);
+  }
+}
+
+std::vector<std::string> SimulatedInstrument::takeTrace() {
+  std::ifstream file(traceFile);
+  file.seekg(traceTaken);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) {
+    traceTaken += static_cast<std::streamoff>(line.size()) + 1;
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+void SimulatedInstrument::requireTrace() const {
+  if (state()->traceLost) {
+    throw std::runtime_error(traceFile + ": the trace cannot be written");
+  }
+}
+
+std::int64_t SimulatedInstrument::milliseconds() const { return now(*Locked()) / 1000; }
+
+void SimulatedInstrument::setProgramEnvironment() const {
+  const std::string library = ownLibrary();
+  if (library.find_first_of(" :") != std::string::npos) {
+    throw std::runtime_error(library + ": the dynamic linker preloads no path with space or colon");
+  }
+  std::string preload = sanitizerLibrary() + library + ":libumockdev-preload.so.0";
+  if (const char* before = std::getenv("LD_PRELOAD")) {
+    preload += std::string(":") + before;
+  }
+  setenv("LD_PRELOAD", preload.c_str(), 1);
+  setenv(stateVariable, (root + "/state").c_str(), 1);
+}
+
+void removeAbandonedInstruments() {
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(g_get_tmp_dir(), ignored)) {
+    const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+      continue;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+      fs::remove_all(entry.path(), ignored);
+    }
+    ::close(fd);
+  }
+}
+
+}  // namespace simulator

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <variant>
+
+/// Values of a description. What cannot be read throws std::runtime_error with the reason.
+namespace simulator {
+
+std::runtime_error mustBe(const std::string& expected, const std::string& value);
+
+std::runtime_error unknownKey();
+
+/// A number from 0 to 0xffffffff, decimal or with 0x.
+std::uint32_t number(const std::string& value);
+
+/// Seconds with a fraction, as microseconds.
+std::int64_t duration(const std::string& value);
+
+/// Which of two words the value is; true for the first.
+bool choice(const std::string& value, const char* first, const char* second);
+
+/// Puts a text where a zero byte ends it.
+void setText(char* place, std::size_t size, const std::string& value);
+
+/// A key of a group, the field of the object that the group describes, and the key's words: those
+/// for true and false, or the one for a time that never comes.
+template <typename Object>
+struct Key {
+  const char* name;
+  std::variant<bool Object::*, std::int64_t Object::*, std::uint32_t Object::*,
+               std::uint16_t Object::*>
+      field;
+  const char* words[2] = {};
+};
+
+inline void setField(bool& field, const std::string& value, const char* const (&words)[2]) {
+  field = choice(value, words[0], words[1]);
+}
+
+inline void setField(std::int64_t& field, const std::string& value, const char* const (&words)[2]) {
+  field = words[0] != nullptr && value == words[0] ? -1 : duration(value);
+}
+
+template <typename Number>
+void setField(Number& field, const std::string& value, const char* const (&/*words*/)[2]) {
+  field = static_cast<Number>(number(value));
+}
+
+template <typename Object, std::size_t count>
+void setKey(const Key<Object> (&keys)[count], Object& object, const std::string& name,
+            const std::string& value) {
+  for (const Key<Object>& key : keys) {
+    if (name == key.name) {
+      std::visit([&](auto field) { setField(object.*field, value, key.words); }, key.field);
+      return;
+    }
+  }
+  throw unknownKey();
+}
+
+/// The place of a name in a table of names; the table's size where it has none.
+template <std::size_t count>
+std::size_t indexOf(const char* const (&names)[count], const std::string& name) {
+  std::size_t index = 0;
+  while (index < count && name != names[index]) {
+    ++index;
+  }
+  return index;
+}
+
+}  // namespace simulator

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <cstdint>
+
+#include "simulator/shared/Hardware.h"
+
+/// The state of the simulated instrument, shared by all processes that run on it.
+///
+/// The state lives in a file that each process maps, so that a shell script of several BIST
+/// programs works on one instrument. It holds plain data only.
+namespace simulator {
+
+struct State {
+  pthread_mutex_t mutex;
+  char root[PATH_MAX];          ///< umockdev's directory; the simulated /sys is below it
+  char trace[PATH_MAX];         ///< file that receives the trace; empty for none
+  std::atomic<bool> traceLost;  ///< a line could not be written
+  bool fast;                    ///< sleeps advance the clock instead of sleeping
+  std::int64_t started;         ///< host's clock when the instrument started, microseconds
+  std::int64_t slept;           ///< clock in fast mode, microseconds
+  Hardware hardware;
+};
+
+/// The environment variable that names the state file to the programs that run on the instrument.
+constexpr char stateVariable[] = "TALVERO_SIM_STATE";
+
+/// Puts the instrument of the given state file behind this process, which has umockdev's directory,
+/// the parent directory of the file, in its environment. Ends the process with one line on standard
+/// error when the simulated /sys is not in place.
+void attach(const char* stateFile);
+
+/// Takes the instrument away again, if there is one.
+void detach();
+
+/// The state, for the process that sets it up; everybody else takes it Locked. Null when no
+/// instrument is attached.
+State* state();
+
+bool attached();
+
+/// Ends the process unless an instrument is attached: `access` would reach the host's hardware.
+void requireInstrument(const char* access);
+
+/// Access to the state, for one holder at a time. Signals wait meanwhile: a handler may access it
+/// too.
+class Locked {
+ public:
+  Locked();
+  ~Locked();
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+  State* operator->() const;
+  State& operator*() const;
+
+ private:
+  sigset_t signals;  // blocked before
+};
+
+/// Whether a fault is switched on; false without an instrument.
+bool faultIsOn(Fault fault);
+
+}  // namespace simulator
