@@ -1,4 +1,4 @@
-# The instrument: Debian's cross compiler, and the root directory that target/sysroot.sh makes.
+# The instrument: Debian's cross compiler, and the root directory that cross/sysroot.sh makes.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
