@@ -1,12 +1,12 @@
 // talvero-sim: runs a program on a simulated instrument.
 
-#include <elf.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "simulator/instrument/SimulatedInstrument.h"
+#include "simulator/shared/ProgramFile.h"
 
 namespace {
 
@@ -77,35 +78,6 @@ std::string findProgram(const std::string& name) {
   return "";
 }
 
-/// Why the dynamic linker would not put the simulated instrument behind a program; empty if it
-/// would. Such a program would reach the host's own hardware.
-std::string reasonAgainst(const std::string& program) {
-  std::ifstream file(program, std::ios::binary);
-  Elf64_Ehdr header{};
-  file.read(reinterpret_cast<char*>(&header), sizeof header);
-  if (!file || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0) {
-    return "";  // a script; its interpreter is started in the same way
-  }
-  Elf64_Ehdr own{};
-  std::ifstream("/proc/self/exe", std::ios::binary).read(reinterpret_cast<char*>(&own), sizeof own);
-  if (header.e_ident[EI_CLASS] != own.e_ident[EI_CLASS] || header.e_machine != own.e_machine) {
-    return "is built for another machine";
-  }
-  if ((fs::status(program).permissions() & (fs::perms::set_uid | fs::perms::set_gid)) !=
-      fs::perms::none) {
-    return "changes its user or group";
-  }
-  for (unsigned int index = 0; index < header.e_phnum; ++index) {
-    Elf64_Phdr segment{};
-    file.seekg(static_cast<std::streamoff>(header.e_phoff + index * sizeof segment));
-    file.read(reinterpret_cast<char*>(&segment), sizeof segment);
-    if (file && segment.p_type == PT_INTERP) {
-      return "";
-    }
-  }
-  return "is statically linked";
-}
-
 std::vector<char*> pointersTo(std::vector<std::string>& arguments) {
   std::vector<char*> pointers;
   for (std::string& argument : arguments) {
@@ -115,14 +87,29 @@ std::vector<char*> pointersTo(std::vector<std::string>& arguments) {
   return pointers;
 }
 
+/// Which signals the caller of talvero-sim ignores. What stands behind the instrument ignores
+/// others for itself, SIGPIPE among them, and a program keeps what it finds ignored.
+std::array<bool, NSIG> ignoredSignals() {
+  std::array<bool, NSIG> ignored{};
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction action {};
+    ignored[static_cast<std::size_t>(signal)] =
+        sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+  }
+  return ignored;
+}
+
 /// In the child of a process that has threads, and so without a call that may wait for one of them,
 /// an allocation of memory among others.
 [[noreturn]] void becomeProgram(const std::string& path, char* const* arguments, pid_t parent,
-                                const sigset_t& signals) {
+                                const std::array<bool, NSIG>& ignored, const sigset_t& signals) {
   // Nobody would remove the instrument after a program that outlives talvero-sim.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {
     _exit(notExecutable);
+  }
+  for (int signal = 1; signal < NSIG; ++signal) {
+    std::signal(signal, ignored[static_cast<std::size_t>(signal)] ? SIG_IGN : SIG_DFL);
   }
   sigprocmask(SIG_SETMASK, &signals, nullptr);
   execvp(path.c_str(), arguments);
@@ -169,12 +156,12 @@ int run(Arguments& arguments) {
     std::cerr << "talvero-sim: \"" << arguments.program.front() << "\": not found\n";
     return notFound;
   }
-  const std::string reason = reasonAgainst(program);
-  if (!reason.empty()) {
+  if (const char* const reason = simulator::reasonAgainst(program.c_str())) {
     std::cerr << "talvero-sim: " << program << " " << reason
               << ": it would reach this machine's own hardware\n";
     return usageError;
   }
+  const std::array<bool, NSIG> ignored = ignoredSignals();
   sigset_t before;
   sigset_t passed;
   sigemptyset(&passed);
@@ -197,7 +184,7 @@ int run(Arguments& arguments) {
       throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (child == 0) {
-      becomeProgram(program, pointers.data(), self, before);
+      becomeProgram(program, pointers.data(), self, ignored, before);
     }
     status = waitForProgram(child, passed);
     instrument.requireTrace();

@@ -1,10 +1,20 @@
+#include <dirent.h>
 #include <elf.h>
 #include <fcntl.h>
+#include <fts.h>
+#include <ftw.h>
+#include <glob.h>
 #include <gmock/gmock.h>
 #include <pciaccess.h>
 #include <spawn.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/time.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
+#include <utime.h>
+#include <wordexp.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +22,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include "pcie/PCIeDiagnostics.h"
@@ -272,6 +283,118 @@ TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
                "no simulated instrument: refusing /sys/class/gpio/export");
 }
 
+TEST(Safety, EveryNameLeadsToTheSimulatedFile) {
+  const Instrument instrument("");
+  const char* const label = "/sys/class/gpio/gpiochip0/label";
+  EXPECT_EQ(faccessat(AT_FDCWD, label, R_OK, 0), 0);
+  EXPECT_EQ(faccessat(AT_FDCWD, "/sys/kernel", F_OK, 0), -1);
+  EXPECT_EQ(eaccess(label, R_OK), 0);
+  EXPECT_EQ(euidaccess(label, R_OK), 0);
+  struct statvfs system {};
+  EXPECT_EQ(statvfs(label, &system), 0);
+  EXPECT_GE(listxattr(label, nullptr, 0), 0);
+  EXPECT_GE(llistxattr(label, nullptr, 0), 0);
+
+  glob_t found{};
+  EXPECT_EQ(glob("/sys/*/gpio/gpiochip?", 0, nullptr, &found), 0);
+  ASSERT_EQ(found.gl_pathc, 1U);
+  EXPECT_STREQ(found.gl_pathv[0], "/sys/class/gpio/gpiochip0");
+  globfree(&found);
+
+  dirent64** entries = nullptr;
+  EXPECT_EQ(scandir64("/sys/class", &entries, nullptr, alphasort64), 3);
+  EXPECT_STREQ(entries[2]->d_name, "gpio");
+  const int parent = open("/sys/class", O_RDONLY | O_DIRECTORY);
+  EXPECT_EQ(scandirat64(parent, "gpio", &entries, nullptr, alphasort64), 5 + 1);
+  close(parent);
+
+  static std::vector<std::string> walked;
+  walked.clear();
+  EXPECT_EQ(ftw(
+                "/sys",
+                [](const char* name, const struct stat*, int) -> int {
+                  walked.emplace_back(name);
+                  return 0;
+                },
+                4),
+            0);
+  EXPECT_EQ(nftw(
+                "/sys/class",
+                [](const char* name, const struct stat*, int, FTW* place) -> int {
+                  walked.push_back(std::string("base ") + (name + place->base));
+                  return 0;
+                },
+                4, FTW_PHYS),
+            0);
+  EXPECT_THAT(walked,
+              testing::IsSupersetOf({std::string("/sys"), std::string(label),
+                                     std::string("base class"), std::string("base label")}));
+
+  // These would show names that nobody has given them.
+  const char* const trees[] = {"/tmp", "/sys", nullptr};
+  EXPECT_EQ(fts_open(const_cast<char* const*>(trees), FTS_PHYSICAL, nullptr), nullptr);
+  wordexp_t words{};
+  EXPECT_EQ(wordexp("/sys/class/*", &words, 0), WRDE_NOSPACE);
+  EXPECT_EQ(wordexp("/sys/class", &words, 0), 0);
+  wordfree(&words);
+}
+
+TEST(Safety, NobodyChangesFilesBelowSys) {
+  const Instrument instrument("");
+  const char* const file = "/sys/class/gpio/gpiochip0/label";
+  const timeval times[2] = {};
+  const timespec precise[2] = {};
+  const TemporaryDirectory directory;
+  const std::string own = directory.file("own", "");
+  const char* const other = own.c_str();
+  const std::pair<const char*, std::function<int()>> changes[] = {
+      {"chmod", [&] { return chmod(file, 0); }},
+      {"lchmod", [&] { return lchmod(file, 0); }},
+      {"fchmodat", [&] { return fchmodat(AT_FDCWD, file, 0, 0); }},
+      {"chown", [&] { return chown(file, 1, 1); }},
+      {"lchown", [&] { return lchown(file, 1, 1); }},
+      {"fchownat", [&] { return fchownat(AT_FDCWD, file, 1, 1, 0); }},
+      {"rename", [&] { return rename(file, other); }},
+      {"rename to", [&] { return rename(other, file); }},
+      {"renameat", [&] { return renameat(AT_FDCWD, file, AT_FDCWD, other); }},
+      {"renameat to", [&] { return renameat(AT_FDCWD, other, AT_FDCWD, file); }},
+      {"renameat2", [&] { return renameat2(AT_FDCWD, file, AT_FDCWD, other, 0); }},
+      {"link", [&] { return link(file, other); }},
+      {"linkat", [&] { return linkat(AT_FDCWD, other, AT_FDCWD, file, 0); }},
+      {"symlink", [&] { return symlink(other, file); }},
+      {"symlinkat", [&] { return symlinkat(other, AT_FDCWD, file); }},
+      {"unlink", [&] { return unlink(file); }},
+      {"unlinkat", [&] { return unlinkat(AT_FDCWD, file, 0); }},
+      {"remove", [&] { return remove(file); }},
+      {"rmdir", [&] { return rmdir("/sys/bus"); }},
+      {"mkdir", [&] { return mkdir("/sys/class/gpio/x", 0777); }},
+      {"mkdirat", [&] { return mkdirat(AT_FDCWD, "/sys/class/gpio/x", 0777); }},
+      {"mknod", [&] { return mknod("/sys/x", S_IFREG, 0); }},
+      {"mknodat", [&] { return mknodat(AT_FDCWD, "/sys/x", S_IFREG, 0); }},
+      {"mkfifo", [&] { return mkfifo("/sys/x", 0777); }},
+      {"mkfifoat", [&] { return mkfifoat(AT_FDCWD, "/sys/x", 0777); }},
+      {"truncate", [&] { return truncate(file, 0); }},
+      {"truncate64", [&] { return truncate64(file, 0); }},
+      {"utime", [&] { return utime(file, nullptr); }},
+      {"utimes", [&] { return utimes(file, times); }},
+      {"lutimes", [&] { return lutimes(file, times); }},
+      {"futimesat", [&] { return futimesat(AT_FDCWD, file, times); }},
+      {"utimensat", [&] { return utimensat(AT_FDCWD, file, precise, 0); }},
+      {"setxattr", [&] { return setxattr(file, "user.x", "", 0, 0); }},
+      {"lsetxattr", [&] { return lsetxattr(file, "user.x", "", 0, 0); }},
+      {"removexattr", [&] { return removexattr(file, "user.x"); }},
+      {"lremovexattr", [&] { return lremovexattr(file, "user.x"); }},
+  };
+  for (const auto& [name, call] : changes) {
+    errno = 0;
+    EXPECT_EQ(call(), -1) << name;
+    EXPECT_EQ(errno, EPERM) << name;
+  }
+  EXPECT_EQ(contentOf(file), "talvero-sim\n");
+  EXPECT_EQ(chmod(other, 0600), 0) << "other files are changed";
+  EXPECT_EQ(unlinkat(AT_FDCWD, other, 0), 0);
+}
+
 TEST(Safety, OtherDoorsToTheHostsHardwareAreShut) {
   const Instrument instrument("");
   for (const char* const door : {"/dev/mem", "/dev/gpiochip0", "/dev/i2c-1", "/dev/port",
@@ -405,6 +528,96 @@ TEST(TalveroSim, TakesWhatShellsRedirect) {
   EXPECT_EQ(outcome.output, "gpio10 gpio5 gpio6 gpio64 gpio7 gpio8 gpio9 gpiochip0\n1\n1\n0\n");
 }
 
+/// Run below talvero-sim by the test after it.
+TEST(Programs, DISABLED_StartOnTheInstrument) {
+  static char empty[] = "";
+  static char file[] = "/sys/class/gpio/gpiochip0/label";
+  static char* arguments[] = {empty, file, nullptr};
+  static char* nothing[] = {nullptr};
+  static const char* const cat = std::getenv("CAT");
+  const std::pair<const char*, int (*)()> ways[] = {
+      {"execve", [] { return execve(cat, arguments, nothing); }},
+      {"execv", [] { return clearenv() + execv(cat, arguments); }},
+      {"execvp", [] { return unsetenv("LD_PRELOAD") + execvp("cat", arguments); }},
+      {"execvpe", [] { return execvpe("cat", arguments, nothing); }},
+      {"execl", [] { return clearenv() + execl(cat, "cat", file, nullptr); }},
+      {"execlp", [] { return setenv("LD_PRELOAD", "", 1) + execlp("cat", "cat", file, nullptr); }},
+      {"execle", [] { return execle(cat, "cat", file, nullptr, nothing); }},
+      {"posix_spawn",
+       [] {
+         pid_t child = 0;
+         EXPECT_EQ(posix_spawn(&child, cat, nullptr, nullptr, arguments, nothing), 0);
+         return waitpid(child, nullptr, 0) - child;
+       }},
+      {"posix_spawnp",
+       [] {
+         pid_t child = 0;
+         EXPECT_EQ(posix_spawnp(&child, "cat", nullptr, nullptr, arguments, nothing), 0);
+         return waitpid(child, nullptr, 0) - child;
+       }},
+      {"system",
+       [] {
+         setenv("LD_PRELOAD", "", 1);
+         unsetenv("TALVERO_SIM_STATE");
+         return system((cat + std::string(" ") + file).c_str());
+       }},
+  };
+  for (const auto& [name, way] : ways) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      dup2(ends[1], STDOUT_FILENO);
+      _exit(way());
+    }
+    close(ends[1]);
+    char text[32] = "";
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(read(ends[0], text, sizeof text - 1), 12) << name;
+    EXPECT_STREQ(text, "talvero-sim\n") << name;
+    EXPECT_EQ(status, 0) << name;
+    close(ends[0]);
+  }
+}
+
+TEST(TalveroSim, PutsEveryProgramOnTheInstrument) {
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  const Outcome outcome = runCommand("CAT=$(command -v cat) " TALVERO_SIM " -- " + self +
+                                     " --gtest_also_run_disabled_tests "
+                                     "--gtest_filter=Programs.DISABLED_StartOnTheInstrument");
+  EXPECT_EQ(outcome.status, 0) << outcome.output << outcome.errors;
+  const std::string cat = "$(command -v cat) /sys/class/gpio/gpiochip0/label";
+  EXPECT_EQ(runCommand(TALVERO_SIM " -- sh -c \"unset LD_PRELOAD; " + cat + "; env -i " + cat +
+                       "; LD_PRELOAD=libm.so.6 " + cat + "\"")
+                .output,
+            "talvero-sim\ntalvero-sim\ntalvero-sim\n");
+}
+
+TEST(TalveroSim, LeavesSignalsAsTheyWere) {
+  const std::string shown = "sh -c 'grep SigIgn: /proc/self/status | tail -c 8'";  // the first 28
+  const std::string ignoring = "trap '' PIPE USR1; ";
+  for (const std::string& before : {std::string(), ignoring}) {
+    EXPECT_EQ(runCommand(before + TALVERO_SIM " -- " + shown).output,
+              runCommand(before + shown).output);
+  }
+}
+
+TEST(TalveroSim, EndsProgramsThatOutliveItWithALine) {
+  const TemporaryDirectory directory;
+  runCommand("cd " + directory.path +
+             "; mkfifo go done; " TALVERO_SIM
+             " -- sh -c '(read line <go; exec 2>errors; echo 5 >/sys/class/gpio/export; "
+             "cat /sys/class/gpio/gpiochip0/base; echo >done) &'; echo >go; read line <done");
+  EXPECT_EQ(contentOf(directory.path + "/errors"),
+            "talvero-sim: the instrument is gone: talvero-sim has ended\n");
+  if (getuid() == 0) {
+    const Outcome other = runCommand(TALVERO_SIM " -- setpriv --reuid 65534 --clear-groups true");
+    EXPECT_EQ(other.status, 2);
+    EXPECT_EQ(other.errors, "talvero-sim: the instrument is another user's\n");
+  }
+}
+
 TEST(TalveroSim, RefusesProgramsThatWouldReachTheHostsHardware) {
   const TemporaryDirectory directory;
   Elf64_Ehdr header{};
@@ -413,10 +626,17 @@ TEST(TalveroSim, RefusesProgramsThatWouldReachTheHostsHardware) {
   header.e_phnum = 0;  // and so no dynamic linker
   const std::string program =
       directory.file("program", std::string(reinterpret_cast<const char*>(&header), sizeof header));
-  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
-  const Outcome outcome = runCommand(TALVERO_SIM " -- " + program);
-  EXPECT_EQ(outcome.status, 2);
-  EXPECT_THAT(outcome.errors, HasSubstr("is statically linked: it would reach"));
+  const std::string script = directory.file("script", "#! " + program + " -x\n");
+  const std::string reason = "is statically linked: it would reach";
+  for (const std::string& file : {program, script}) {
+    std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+    const Outcome direct = runCommand(TALVERO_SIM " -- " + file);
+    EXPECT_EQ(direct.status, 2);
+    EXPECT_THAT(direct.errors, HasSubstr("talvero-sim: " + file + " " + reason));
+    const Outcome nested = runCommand(TALVERO_SIM " -- sh -c 'exec " + file + "'");
+    EXPECT_EQ(nested.status, 126);
+    EXPECT_THAT(nested.errors, HasSubstr("talvero-sim: " + file + " " + reason));
+  }
 }
 
 /// Whether a process is there and more than an entry that nobody has asked for.
@@ -441,14 +661,15 @@ TEST(TalveroSim, LeavesNothingBehind) {
   const std::string sim = "TMPDIR=" + directory.path + " " TALVERO_SIM " -- ";
   runCommand(sim + "sh -c 'kill -KILL $$'");
   EXPECT_EQ(runCommand("ls " + directory.path).output, "");
-  runCommand(sim + "sh -c 'echo $$ >" + directory.path +
-             "/pid; kill -KILL $PPID; read line </dev/zero'");
+  runCommand("mkfifo " + directory.path + "/never; " + sim + "sh -c 'cd " + directory.path +
+             "; echo $$ >pid; kill -KILL $PPID; read line <never'");
   const std::string pid = std::to_string(std::stoi(contentOf(directory.path + "/pid")));
   for (int tenth = 0; tenth < 100 && isRunning(pid); ++tenth) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   EXPECT_FALSE(isRunning(pid)) << "a program ends with talvero-sim";
   std::filesystem::remove(directory.path + "/pid");
+  std::filesystem::remove(directory.path + "/never");
   EXPECT_NE(runCommand("ls " + directory.path).output, "") << "nobody was left to remove it";
   runCommand(sim + "true");
   EXPECT_EQ(runCommand("ls " + directory.path).output, "");

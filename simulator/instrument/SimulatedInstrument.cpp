@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -110,6 +111,9 @@ SimulatedInstrument::SimulatedInstrument(const Hardware& hardware, const Options
 SimulatedInstrument::~SimulatedInstrument() { release(); }
 
 void SimulatedInstrument::release() {
+  if (state() != nullptr) {
+    state()->ended = true;
+  }
   detach();
   g_object_unref(testbed);
   if (lock >= 0) {
@@ -149,6 +153,18 @@ void SimulatedInstrument::setProgramEnvironment() const {
   setenv(stateVariable, (root + "/state").c_str(), 1);
 }
 
+namespace {
+
+/// Tells the programs that have outlived it of an instrument's end.
+void tellPrograms(const fs::path& stateFile) {
+  const int fd = ::open(stateFile.c_str(), O_WRONLY | O_CLOEXEC);
+  const bool ended = true;
+  (void)!pwrite(fd, &ended, sizeof ended, offsetof(State, ended));
+  ::close(fd);
+}
+
+}  // namespace
+
 void removeAbandonedInstruments() {
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(g_get_tmp_dir(), ignored)) {
@@ -157,6 +173,7 @@ void removeAbandonedInstruments() {
       continue;
     }
     if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+      tellPrograms(entry.path() / "state");
       fs::remove_all(entry.path(), ignored);
     }
     ::close(fd);

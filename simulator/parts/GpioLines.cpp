@@ -8,6 +8,7 @@
 #include <regex>
 
 #include "simulator/shared/State.h"
+#include "simulator/shared/Trace.h"
 
 namespace simulator::gpio {
 
@@ -65,7 +66,12 @@ int exportLine(const std::string& text) {
   }
   line->exported = true;
   const std::filesystem::path directory = lineDirectory(state, *wanted);
-  std::filesystem::create_directory(directory);
+  const Nested nested;
+  std::error_code error;
+  std::filesystem::create_directory(directory, error);
+  if (error) {
+    endProcess("the simulated /sys cannot be changed: " + error.message());
+  }
   std::ofstream value(directory / "value");
   if (line->condition != Condition::noDirection) {
     std::ofstream direction(directory / "direction");
@@ -81,7 +87,12 @@ int unexportLine(const std::string& text) {
     return EINVAL;
   }
   line->exported = false;
-  std::filesystem::remove_all(lineDirectory(state, *wanted));
+  const Nested nested;
+  std::error_code error;
+  std::filesystem::remove_all(lineDirectory(state, *wanted), error);
+  if (error) {
+    endProcess("the simulated /sys cannot be changed: " + error.message());
+  }
   return 0;
 }
 

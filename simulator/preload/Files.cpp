@@ -29,7 +29,8 @@ using simulator::next;
 using simulator::SysfsPath;
 
 // One definition serves both names of a function: files are as large for the one as for the other.
-static_assert(sizeof(off_t) == sizeof(off64_t), "two definitions are needed");
+static_assert(sizeof(off_t) == sizeof(off64_t) && sizeof(dirent) == sizeof(dirent64),
+              "two definitions are needed");
 
 namespace {
 
@@ -352,6 +353,14 @@ int scandir(const char* path, dirent*** entries, int (*select)(const dirent*),
   return static_cast<int>(found.size());
 }
 
+int scandirat(int directory, const char* path, dirent*** entries, int (*select)(const dirent*),
+              int (*compare)(const dirent**, const dirent**)) {
+  static const auto real = next(&scandirat, "scandirat");
+  const std::string absolute = simulator::absolutePath(directory, path);
+  return simulator::sysfsPath(absolute) ? scandir(absolute.c_str(), entries, select, compare)
+                                        : real(directory, path, entries, select, compare);
+}
+
 #define SAME_AS(name) __attribute__((alias(name)))
 
 std::FILE* fopen64(const char* path, const char* mode) SAME_AS("fopen");
@@ -361,6 +370,11 @@ int openat64(int directory, const char* path, int flags, ...) SAME_AS("openat");
 int creat64(const char* path, mode_t mode) SAME_AS("creat");
 int __open64_2(const char* path, int flags) SAME_AS("__open_2");
 int __openat64_2(int directory, const char* path, int flags) SAME_AS("__openat_2");
+int scandir64(const char* path, dirent64*** entries, int (*select)(const dirent64*),
+              int (*compare)(const dirent64**, const dirent64**)) SAME_AS("scandir");
+int scandirat64(int directory, const char* path, dirent64*** entries,
+                int (*select)(const dirent64*), int (*compare)(const dirent64**, const dirent64**))
+    SAME_AS("scandirat");
 ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset) SAME_AS("pwrite");
 off64_t lseek64(int fd, off64_t offset, int whence) noexcept SAME_AS("lseek");
 ssize_t pread64(int fd, void* data, size_t size, off64_t offset) SAME_AS("pread");

@@ -62,7 +62,7 @@ std::string absolutePath(int directory, const char* name) {
 
 std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
   SysfsPath result{absolute, "", nullptr};
-  if (!startsWith(absolute, "/sys/")) {
+  if (!startsWith(absolute, "/sys/") && absolute != "/sys") {
     return std::nullopt;
   }
   for (const Part* part : parts) {
@@ -93,6 +93,9 @@ bool isHidden(const std::string& absolute) {
           std::any_of(std::begin(hiddenBeginnings), std::end(hiddenBeginnings), begins));
 }
 
-std::string treePath(const SysfsPath& path) { return state()->root + path.full; }
+std::string treePath(const SysfsPath& path) {
+  requireRunning();
+  return state()->root + path.full;
+}
 
 }  // namespace simulator

@@ -15,30 +15,35 @@ namespace {
 
 State* shared = nullptr;
 
-[[noreturn]] void fail(const std::string& reason) {
+constexpr char goneText[] = "the instrument is gone: talvero-sim has ended";
+
+}  // namespace
+
+void endProcess(const std::string& reason) {
   const std::string line = "talvero-sim: " + reason + "\n";
   (void)!::write(STDERR_FILENO, line.data(), line.size());
   _exit(2);
 }
 
-}  // namespace
-
 void attach(const char* stateFile) {
   const int fd = ::open(stateFile, O_RDWR | O_CLOEXEC);
   if (fd < 0) {
-    fail(std::string("the instrument's state ") + stateFile + " cannot be opened");
+    endProcess(errno == EACCES ? "the instrument is another user's"
+               : errno == ENOENT
+                   ? goneText
+                   : std::string("the instrument's state ") + stateFile + " cannot be opened");
   }
   void* memory = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   ::close(fd);
   if (memory == MAP_FAILED) {
-    fail("the instrument's state cannot be mapped");
+    endProcess("the instrument's state cannot be mapped");
   }
   shared = static_cast<State*>(memory);
   // Answered by umockdev: the same file must be there through /sys and through the tree itself.
   const char* root = std::getenv("UMOCKDEV_DIR");
   if (root == nullptr || std::string(root) + "/state" != stateFile ||
       ::access("/sys/class/gpio/.talvero-sim", F_OK) != 0) {
-    fail("the simulated /sys is not in place (is libumockdev-preload.so.0 loaded?)");
+    endProcess("the simulated /sys is not in place (is libumockdev-preload.so.0 loaded?)");
   }
 }
 
@@ -55,11 +60,18 @@ bool attached() { return shared != nullptr; }
 
 void requireInstrument(const char* access) {
   if (!attached()) {
-    fail(std::string("no simulated instrument: refusing ") + access);
+    endProcess(std::string("no simulated instrument: refusing ") + access);
+  }
+}
+
+void requireRunning() {
+  if (shared->ended) {
+    endProcess(goneText);
   }
 }
 
 Locked::Locked() {
+  requireRunning();
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, &signals);

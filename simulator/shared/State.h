@@ -6,6 +6,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdint>
+#include <string>
 
 #include "simulator/shared/Hardware.h"
 
@@ -20,6 +21,7 @@ struct State {
   char root[PATH_MAX];          ///< umockdev's directory; the simulated /sys is below it
   char trace[PATH_MAX];         ///< file that receives the trace; empty for none
   std::atomic<bool> traceLost;  ///< a line could not be written
+  std::atomic<bool> ended;      ///< talvero-sim is gone, and the tree with it
   bool fast;                    ///< sleeps advance the clock instead of sleeping
   std::int64_t started;         ///< host's clock when the instrument started, microseconds
   std::int64_t slept;           ///< clock in fast mode, microseconds
@@ -43,11 +45,17 @@ State* state();
 
 bool attached();
 
+/// Ends the process with one line on standard error.
+[[noreturn]] void endProcess(const std::string& reason);
+
 /// Ends the process unless an instrument is attached: `access` would reach the host's hardware.
 void requireInstrument(const char* access);
 
+/// Ends a process that has outlived its instrument.
+void requireRunning();
+
 /// Access to the state, for one holder at a time. Signals wait meanwhile: a handler may access it
-/// too.
+/// too. Requires a running instrument.
 class Locked {
  public:
   Locked();
