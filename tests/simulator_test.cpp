@@ -59,6 +59,7 @@ TEST(SimulatedGpio, RefusesWhatTheKernelRefuses) {
                {"gpio5/value", "1", EPERM},    {"gpio5/direction", "up", EINVAL},
                {"gpio5/direction", "high", 0}, {"gpio5/value", "x", EINVAL},
                {"gpio5/value", "1", 0},        {"gpiochip0/base", "1", EACCES},
+               {"gpio5/direction", "low", 0},  {"gpio5/value", "2", 0},
                {"unexport", "7", EINVAL},      {"unexport", "5", 0},
                {"gpio5/value", "1", ENOENT},   {"gpio8/edge", "both", EACCES}};
   for (const auto& step : steps) {
@@ -67,8 +68,66 @@ TEST(SimulatedGpio, RefusesWhatTheKernelRefuses) {
         << step.attribute << " " << step.text;
   }
   EXPECT_EQ(contentOf("/sys/class/gpio/gpio8/value"), "1\n");
+  writeAttribute("/sys/class/gpio/export", "5");
+  EXPECT_EQ(contentOf("/sys/class/gpio/gpio5/value"), "1\n")
+      << "2 is high, and a re-export keeps it";
+  writeAttribute("/sys/class/gpio/gpio5/direction", "high");
+  EXPECT_EQ(contentOf("/sys/class/gpio/gpio5/value"), "1\n");
+  const int line = open("/sys/class/gpio/gpio8/value", O_WRONLY);
+  writeAttribute("/sys/class/gpio/unexport", "8");
+  EXPECT_EQ(write(line, "1", 1), -1);
+  EXPECT_EQ(errno, ENODEV);
+  close(line);
+  EXPECT_EQ(contentOf("/sys/class/gpio/gpiochip0/ngpio"), "256\n");
+  EXPECT_EQ(open("/sys/class/gpio/export", O_WRONLY | O_CREAT | O_EXCL, 0666), -1);
+  EXPECT_EQ(errno, EEXIST);
   EXPECT_EQ(open("/sys/class/gpio/export", O_RDONLY), -1);
   EXPECT_EQ(errno, EACCES);
+}
+
+TEST(SimulatedGpio, LacksTheFilesThatADescriptionTakes) {
+  const Instrument instrument("[gpio]\n1=no-direction\n2=no-value\n");
+  for (const char* const line : {"1", "2"}) {
+    writeAttribute("/sys/class/gpio/export", line);
+  }
+  EXPECT_EQ(access("/sys/class/gpio/gpio1/direction", F_OK), -1);
+  EXPECT_EQ(open("/sys/class/gpio/gpio1/direction", O_RDONLY), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(open("/sys/class/gpio/gpio2/value", O_RDONLY), -1);
+  EXPECT_EQ(errno, EACCES);
+}
+
+TEST(SimulatedPower, FollowsTheEnableLine) {
+  Instrument instrument("[power 1]\ninitially=on\n[power 2]\nsequence-done=missing\n");
+  const std::string link = "/sys/platform/gpio_module1_";
+  const auto done = [&] { return contentOf(link + "seq_done/value") == "0\n"; };
+  const auto enable = [&](const char* text) {
+    return writeAttribute((link + "power_en/value").c_str(), text);
+  };
+  EXPECT_TRUE(done());
+  EXPECT_EQ(enable("1"), 0);
+  EXPECT_TRUE(done()) << "it has been on: nothing begins anew";
+  EXPECT_EQ(enable("0"), 0);
+  usleep(99999);
+  EXPECT_TRUE(done());
+  usleep(1);
+  EXPECT_FALSE(done());
+  EXPECT_EQ(enable("1"), 0);
+  usleep(99999);
+  EXPECT_FALSE(done());
+  usleep(1);
+  EXPECT_TRUE(done());
+  EXPECT_EQ(enable("x"), EINVAL);
+  EXPECT_EQ(writeAttribute((link + "seq_done/value").c_str(), "1"), EPERM);
+  EXPECT_EQ(access("/sys/platform/gpio_module2_power_en/value", F_OK), 0);
+  EXPECT_EQ(access("/sys/platform/gpio_module2_seq_done", F_OK), -1);
+}
+
+TEST(SimulatedI2c, ShowsBusesAsTheKernelDoes) {
+  const Instrument instrument("[mux 2-0070]\n1=i2c-11\n");
+  const std::string bus = "/sys/devices/i2c-2/i2c-11";
+  EXPECT_EQ(std::filesystem::read_symlink(bus + "/mux_device"), "../2-0070");
+  EXPECT_EQ(contentOf(bus + "/name"), "simulated bus\n");
 }
 
 TEST(SimulatedGpio, TellsAStreamOfARefusalAtTheClose) {
@@ -178,9 +237,15 @@ TEST(VirtualTime, PassesWithoutWaiting) {
   usleep(1000);
   sleep(5);
   std::this_thread::sleep_for(std::chrono::seconds(55));
+  timespec until{};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_sec -= 100;
+  EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr), 0) << "over already";
+  const timespec half{0, 500000000};
+  EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, 0, &half, nullptr), 0);
   const timespec wrong{0, -1};
   EXPECT_EQ(nanosleep(&wrong, nullptr), -1);
-  EXPECT_EQ(instrument.milliseconds(), 60001);
+  EXPECT_EQ(instrument.milliseconds(), 60501);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
@@ -268,6 +333,8 @@ TEST(SimulatedPci, ClearsStatusByWrittenOnesAlone) {
   } cases[] = {{0x78, 0x00050123, 0xfffa0123},   // Device Status: four bits, the others read-only
                {0x78, 0xffff0456, 0xfff00456},   // Device Control takes what is written
                {0x104, 0x0f, 0xf0},              // Uncorrectable Error Status
+               {0x80, 0xffff0001, 0x20120001},   // Link Status is read-only
+               {0x04, 0xffffffff, 0x0000ffff},   // Command; no Status is latched
                {0x00, 0x12345678, 0x10007a1e}};  // IDs
   for (const auto& test : cases) {
     std::uint32_t value = 0;
@@ -275,6 +342,47 @@ TEST(SimulatedPci, ClearsStatusByWrittenOnesAlone) {
     EXPECT_EQ(pci_device_cfg_read_u32(root, &value, test.offset), 0);
     EXPECT_EQ(value, test.after) << std::hex << test.offset;
   }
+}
+
+TEST(SimulatedPci, RefusesWhatTheKernelRefuses) {
+  const Instrument instrument(
+      "[pci]\n[pci switch]\nreadable=no\n[pci port1]\nprbs-errors-after=0\n"
+      "prbs-errors-per-second=1000\nlink-lost-after=2");
+  PCIeDiagnostics diagnostics;
+  std::uint32_t value = 0;
+  EXPECT_EQ(pci_device_cfg_read_u32(diagnostics.rootPort, &value, 4093), ENXIO);
+  EXPECT_EQ(pci_device_cfg_write_u32(diagnostics.rootPort, 0, 4093), EFBIG);
+  EXPECT_EQ(pci_device_cfg_read_u32(diagnostics.rootPort, &value, 4092), 0);
+  EXPECT_EQ(pci_device_cfg_read_u32(diagnostics.switchUpstreamPort, &value, 0), EIO);
+  EXPECT_EQ(pci_device_cfg_write_u32(diagnostics.switchUpstreamPort, 0, 0), EIO);
+
+  pci_device_cfg_write_u32(diagnostics.rootPort, 0xFF00FF00, 0x40);
+  EXPECT_EQ(pci_device_cfg_write_bits(diagnostics.rootPort, 0xFFFF, 0x1234, 0x40), 0);
+  EXPECT_EQ(pci_device_cfg_read_u32(diagnostics.rootPort, &value, 0x40), 0);
+  EXPECT_EQ(value, 0xFF001234);
+  std::uint8_t bytes[8] = {};
+  pciaddr_t count = 0;
+  EXPECT_EQ(pci_device_cfg_read(diagnostics.rootPort, bytes, 4090, 8, &count), ENXIO);
+  EXPECT_EQ(count, 6U);
+}
+
+TEST(SimulatedPci, CountsErrorsOfTheSelectedPortUpTo255) {
+  const Instrument instrument(
+      "[pci]\n[pci port1]\nprbs-errors-after=0\nprbs-errors-per-second=1000\n"
+      "link-lost-after=2");
+  const Console console;
+  PCIeDiagnostics diagnostics;
+  diagnostics.setupPRBSLoopbackTest(DownstreamPort1);
+  sleep(1);
+  EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort1), 255U);
+  diagnostics.configurePRBSDiagnosicRegister(DownstreamPort5);
+  EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort1), 0U)
+      << "of the port that is selected";
+  const auto left = static_cast<unsigned long>(2000 - instrument.milliseconds());
+  diagnostics.wait_ms(left - 1);
+  EXPECT_TRUE(diagnostics.checkForPRBSSync(DownstreamPort1));
+  diagnostics.wait_ms(1);
+  EXPECT_FALSE(diagnostics.checkForPRBSSync(DownstreamPort1)) << "the link is lost at 2 s";
 }
 
 TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
@@ -398,7 +506,7 @@ TEST(Safety, NobodyChangesFilesBelowSys) {
 TEST(Safety, OtherDoorsToTheHostsHardwareAreShut) {
   const Instrument instrument("");
   for (const char* const door : {"/dev/mem", "/dev/gpiochip0", "/dev/i2c-1", "/dev/port",
-                                 "/proc/bus/pci/devices", "//proc/./mtrr", "/value"}) {
+                                 "/dev/kmem", "/proc/bus/pci/devices", "//proc/./mtrr", "/value"}) {
     EXPECT_EQ(open(door, O_RDONLY), -1) << door;
     EXPECT_EQ(errno, ENOENT) << door;
     EXPECT_EQ(std::fopen(door, "r"), nullptr) << door;
