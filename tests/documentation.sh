@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs the examples of a documentation page, as a reader would, against an installed copy.
+# Runs the examples of a documentation page, as a reader would, against an installed copy, and
+# follows its links to pages and their headings.
 #
 #     documentation.sh PREFIX PAGE
 #
@@ -78,6 +79,26 @@ check_files_used() {
   done
 }
 
+# A page tells what another one says by a link only.
+check_links() {
+  local link target line anchors
+  while IFS= read -r link; do
+    link=${link#']('}
+    link=${link%')'}
+    target=$(dirname "$page")/${link%%'#'*}
+    [ -e "$target" ] || fail "no page $link"
+    [[ $link == *'#'* ]] || continue
+    anchors=$'\n'
+    while IFS= read -r line; do
+      [[ $line =~ ^'#'+' '(.*) ]] || continue
+      line=${BASH_REMATCH[1],,}
+      line=${line//[^a-z0-9 -]/}
+      anchors+=${line// /-}$'\n'
+    done <"$target"
+    [[ $anchors == *$'\n'"${link#*'#'}"$'\n'* ]] || fail "no heading $link"
+  done < <(grep -oE '\]\([^()]+\.md(#[^()]*)?\)' "$page")
+}
+
 prefix=$(cd "$1" && pwd)
 page=$(realpath "$2")
 source=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -117,4 +138,5 @@ done <"$page"
 [ -z "$kind" ] || fail "a block without an end"
 show_failure ""
 check_files_used
+check_links
 diff -u --label "$2" --label "what the commands print" "$work/expected" "$work/shown"
