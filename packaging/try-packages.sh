@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Unpacks the packages into an empty root and uses them there: the tools on the simulated
-# instrument, and the development files to build a program.
+# instrument, and the development files to build programs.
 set -euo pipefail
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
@@ -12,5 +12,7 @@ libraries=$(dirname "$(find "$root/usr/lib" -name libbist-talvero-hw-lib.so.0)")
 
 LD_LIBRARY_PATH=$libraries "$root/usr/bin/talvero-sim" --fast -- \
   "$root/usr/bin/talvero-bist" report >/dev/null
-"$source/tests/documentation.sh" "$root/usr" "$source/README.md"
-echo "packages: the report passes, and a program builds and runs against them"
+for page in README.md docs/getting-started.md; do
+  "$source/tests/documentation.sh" "$root/usr" "$source/$page"
+done
+echo "packages: the report passes, and programs build and run against them"
