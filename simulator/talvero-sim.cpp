@@ -199,8 +199,8 @@ int main(int argc, char** argv) {
   CLI::App app(
       "Runs a program on a simulated instrument: whatever the program does to GPIO lines, udev\n"
       "devices, PCI configuration space and the platform's classes happens to the instrument that\n"
-      "a description file describes instead of to this machine's own hardware. That holds for\n"
-      "dynamically linked programs, and for those that they start with their environment.\n\n"
+      "a description file describes instead of to this machine's own hardware. That holds for the\n"
+      "programs that it starts too; those for which it cannot hold are refused.\n\n"
       "The exit status is the program's; 2 for a wrong description or call, 126 or 127 when the\n"
       "program cannot be run.",
       "talvero-sim");
