@@ -1,4 +1,4 @@
-#include "tools/Progress.h"
+#include "bist/Progress.h"
 
 #include <unistd.h>
 

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "bist/LibraryOutput.h"
+#include "bist/Report.h"
+#include "bist/Sections.h"
 #include "board/BoardId.h"
 #include "sysfs/SysfsUtil.h"
-#include "tools/LibraryOutput.h"
-#include "tools/Report.h"
-#include "tools/Sections.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include <cstdio>
 #include <iterator>
 
+#include "bist/Progress.h"
+#include "bist/Sections.h"
 #include "pcie/PCIeDiagnostics.h"
-#include "tools/Progress.h"
-#include "tools/Sections.h"
 
 using report::Json;
 using report::Line;

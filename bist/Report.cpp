@@ -1,4 +1,4 @@
-#include "tools/Report.h"
+#include "bist/Report.h"
 
 #include <algorithm>
 #include <iomanip>

@@ -1,6 +1,6 @@
+#include "bist/Sections.h"
 #include "board/BoardId.h"
 #include "sysfs/SysfsUtil.h"
-#include "tools/Sections.h"
 
 using report::Json;
 using report::passIf;

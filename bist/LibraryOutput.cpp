@@ -1,4 +1,4 @@
-#include "tools/LibraryOutput.h"
+#include "bist/LibraryOutput.h"
 
 #include <stdexcept>
 

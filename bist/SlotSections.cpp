@@ -2,10 +2,10 @@
 #include <exception>
 #include <optional>
 
+#include "bist/Sections.h"
 #include "modules/BackplaneInterface.h"
 #include "modules/ModuleI2CInfo.h"
 #include "modules/Udev_PCA9536.h"
-#include "tools/Sections.h"
 
 using report::Json;
 using report::Line;

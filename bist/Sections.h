@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
+#include "bist/Report.h"
 #include "pcie/PCIeDownstreamPorts.h"
-#include "tools/Report.h"
 
 /// The subjects that talvero-bist reports on. Each function does its tests through the library's
 /// public classes when it is called.
