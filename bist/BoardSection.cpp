@@ -2,9 +2,6 @@
 #include "board/BoardId.h"
 #include "sysfs/SysfsUtil.h"
 
-using report::Json;
-using report::passIf;
-
 namespace {
 
 constexpr const char* strapLines[] = {"135", "171", "170", "169", "168", "167"};
@@ -61,13 +58,13 @@ const char* connection(bool connected) { return connected ? "connected" : "not c
 
 }  // namespace
 
-report::Section boardSection() {
+Section boardSection() {
   const BoardId board;
   const std::vector<std::string> unreadable = unreadableStraps();
   const bool pmb = board.isPMBConnected();
   const bool imb = board.isIMBConnected();
   const Json proto = prototype(board);
-  report::Section section{"board", "Board", {}, {}, {}};
+  Section section{"board", "Board"};
   section.lines = {
       {"identity", std::to_string(board.id) + " (" + board.idBitString + ")"},
       {"description", board.idDescription, passIf(board.isBoardIdKnown())},

@@ -5,12 +5,6 @@
 #include "bist/Sections.h"
 #include "pcie/PCIeDiagnostics.h"
 
-using report::Json;
-using report::Line;
-using report::passIf;
-using report::Section;
-using report::Verdict;
-
 namespace {
 
 constexpr const char* portNames[] = {"DownstreamPort1", "DownstreamPort5", "DownstreamPort7",
@@ -185,7 +179,7 @@ const char* portName(PCIeDownstreamPorts port) { return portNames[port]; }
 
 Section pcieSection() {
   constexpr unsigned int seconds = 1;
-  Section section{"pcie", "PCIe", {}, {}, {}};
+  Section section{"pcie", "PCIe"};
   PCIeDiagnostics diagnostics;
   Json ports = Json::array();
   for (const PCIeDownstreamPorts port : mainPorts) {
@@ -214,7 +208,7 @@ Section linkSection(PortChoice choice, unsigned int seconds, bool clear) {
   const Progress progress(progressTitle("watching", choice.port), seconds);
   const DiagnosticsResults results =
       diagnostics.checkLiveDownstreamPort(choice.port, seconds, clear);
-  Section section{"link", "Link", {linkLine(portName(choice.port), results)}, {}, {}};
+  Section section{"link", "Link", {linkLine(portName(choice.port), results)}};
   section.data = portJson(diagnostics, choice.port, results, section.lines[0].text);
   if (found(results.portIds)) {
     section.lines.push_back(
@@ -232,7 +226,7 @@ Section errorsSection(PortChoice choice, unsigned int seconds) {
   const Progress progress(progressTitle("watching", choice.port), seconds);
   const DiagnosticsResults results =
       diagnostics.checkLiveDownstreamPort(choice.port, seconds, true);
-  Section section{"errors", std::string("Errors ") + portName(choice.port), {}, {}, {}};
+  Section section{"errors", std::string("Errors ") + portName(choice.port)};
   const std::string reason = obstacle(results);
   if (found(results.portIds)) {
     section.lines = errorLines(diagnostics, results);
@@ -249,7 +243,7 @@ Section prbsSection(PortChoice choice, unsigned int seconds) {
   setUpShim(diagnostics, choice);
   const Progress progress(progressTitle("PRBS on", choice.port), seconds);
   const DiagnosticsResults results = diagnostics.testDownstreamPort(choice.port, seconds);
-  Section section{"prbs", "PRBS", {prbsLine(portName(choice.port), results, seconds)}, {}, {}};
+  Section section{"prbs", "PRBS", {prbsLine(portName(choice.port), results, seconds)}};
   section.data = portJson(diagnostics, choice.port, results, section.lines[0].text);
   return section;
 }
@@ -258,7 +252,7 @@ Section shimSection(unsigned int module) {
   PCIeDiagnostics diagnostics;
   diagnostics.setupShimSwitch(module);
   const bool ok = diagnostics.shimUpstreamFound;
-  Section section{"shim", "Shim switch of module " + std::to_string(module), {}, {}, {}};
+  Section section{"shim", "Shim switch of module " + std::to_string(module)};
   section.showTrace = true;
   section.lines.push_back({"switch", ok ? "set up" : "not found", passIf(ok)});
   if (ok) {
@@ -319,7 +313,7 @@ Section transmitterSection(PortChoice choice, TransmitterSetting setting, unsign
   PCIeDiagnostics diagnostics;
   setUpShim(diagnostics, choice);
   const Transmitter& transmitter = transmitters[static_cast<int>(setting)];
-  Section section{"tx", std::string("Transmitter of ") + portName(choice.port), {}, {}, {}};
+  Section section{"tx", std::string("Transmitter of ") + portName(choice.port)};
   const std::string wanted =
       transmitter.onOff ? (value != 0 ? "on" : "off") : std::to_string(value);
   std::string text = "port not found";

@@ -4,8 +4,6 @@
 #include <iomanip>
 #include <ostream>
 
-namespace report {
-
 namespace {
 
 const char* name(Verdict verdict) {
@@ -93,5 +91,3 @@ void printJson(std::ostream& out, const std::vector<Section>& sections) {
   // Attribute texts come from files: bytes that are no UTF-8 must not end the program.
   out << all.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
 }
-
-}  // namespace report

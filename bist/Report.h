@@ -5,9 +5,6 @@
 #include <string>
 #include <vector>
 
-/// What a command has found out, for a person and for a program.
-namespace report {
-
 using Json = nlohmann::ordered_json;
 
 enum class Verdict { pass, fail, none };
@@ -25,10 +22,10 @@ struct Line {
 struct Section {
   std::string key;  ///< of `data` in the JSON output
   std::string title;
-  std::vector<Line> lines;
-  Json data;
-  std::vector<std::string> messages;  ///< failure lines that the library wrote meanwhile
-  bool showTrace = false;             ///< its other lines are of interest too
+  std::vector<Line> lines = {};
+  Json data = {};
+  std::vector<std::string> messages = {};  ///< failure lines that the library wrote meanwhile
+  bool showTrace = false;                  ///< its other lines are of interest too
 };
 
 bool passed(const std::vector<Section>& sections);
@@ -39,5 +36,3 @@ void printText(std::ostream& out, const std::vector<Section>& sections);
 /// Sections as one JSON object: each section's data under its key, then "messages", "failures" and
 /// "verdict".
 void printJson(std::ostream& out, const std::vector<Section>& sections);
-
-}  // namespace report

@@ -10,7 +10,7 @@
 /// public classes when it is called.
 
 /// Identity of the board, its strap lines and the boards attached to it.
-report::Section boardSection();
+Section boardSection();
 
 /// A downstream port as the command line names it.
 struct PortChoice {
@@ -22,16 +22,16 @@ struct PortChoice {
 const char* portName(PCIeDownstreamPorts port);
 
 /// Presence, controller, power and link of the six slots.
-report::Section slotsSection();
+Section slotsSection();
 
 /// Turns each module that has a power controller off and on, and leaves it as it was.
-report::Section powerCycleSection();
+Section powerCycleSection();
 
 /// Turns a slot's module on or off and says what it reads then.
-report::Section powerSection(int slot, bool on);
+Section powerSection(int slot, bool on);
 
 /// The I2C buses and the expander of a module.
-report::Section topologySection(unsigned int module);
+Section topologySection(unsigned int module);
 
 /// Why the link of one of the main switch's ports need not be up: its slot is empty or off. Nothing
 /// when it has to be.
@@ -39,21 +39,20 @@ std::optional<std::string> reasonForNoLink(PCIeDownstreamPorts port);
 
 /// Links, errors and PRBS result of the main switch's ports, those without a link for a good reason
 /// excepted.
-report::Section pcieSection();
+Section pcieSection();
 
 /// Whether a port's link is up, watched for a time.
-report::Section linkSection(PortChoice choice, unsigned int seconds, bool clear);
+Section linkSection(PortChoice choice, unsigned int seconds, bool clear);
 
 /// The errors that a port's path latches in a time.
-report::Section errorsSection(PortChoice choice, unsigned int seconds);
+Section errorsSection(PortChoice choice, unsigned int seconds);
 
 /// PRBS loopback test of a port.
-report::Section prbsSection(PortChoice choice, unsigned int seconds);
+Section prbsSection(PortChoice choice, unsigned int seconds);
 
 /// The shim switch of a module.
-report::Section shimSection(unsigned int module);
+Section shimSection(unsigned int module);
 
 /// Sets a transmitter or loopback setting of a port and reads it back.
 enum class TransmitterSetting { driveLevel, postCursor, quiet, analogLoopback };
-report::Section transmitterSection(PortChoice choice, TransmitterSetting setting,
-                                   unsigned int value);
+Section transmitterSection(PortChoice choice, TransmitterSetting setting, unsigned int value);

@@ -7,12 +7,6 @@
 #include "modules/ModuleI2CInfo.h"
 #include "modules/Udev_PCA9536.h"
 
-using report::Json;
-using report::Line;
-using report::passIf;
-using report::Section;
-using report::Verdict;
-
 namespace {
 
 constexpr int slotCount = 6;
@@ -126,7 +120,7 @@ void addSlots(Section& section, BackplaneInterface& backplane) {
 }  // namespace
 
 Section slotsSection() {
-  Section section{"slots", "Slots", {}, {}, {}};
+  Section section{"slots", "Slots"};
   guarded(section, [&] {
     BackplaneInterface backplane;
     addSlots(section, backplane);
@@ -135,7 +129,7 @@ Section slotsSection() {
 }
 
 Section powerCycleSection() {
-  Section section{"powerCycle", "Power cycle", {}, Json::array(), {}};
+  Section section{"powerCycle", "Power cycle", {}, Json::array()};
   guarded(section, [&] {
     BackplaneInterface backplane;
     for (int slot = 0; slot < slotCount; ++slot) {
@@ -151,7 +145,7 @@ Section powerCycleSection() {
 }
 
 Section powerSection(int slot, bool on) {
-  Section section{"power", "Power", {}, {}, {}};
+  Section section{"power", "Power"};
   guarded(section, [&] {
     if (!hasExpander(slot)) {
       section.lines.push_back({label(slot), "has no power controller", Verdict::fail});
@@ -166,7 +160,7 @@ Section powerSection(int slot, bool on) {
 }
 
 Section topologySection(unsigned int module) {
-  Section section{"topology", "Module " + std::to_string(module), {}, {}, {}};
+  Section section{"topology", "Module " + std::to_string(module)};
   section.data = {{"module", module}};
   try {
     const ModuleI2CInfo info(module);

@@ -17,7 +17,6 @@
 
 namespace {
 
-using report::Section;
 using Commands = std::vector<std::function<Section()>>;
 
 enum ExitStatus { pass = 0, fail = 1, usageOrNoHardware = 2 };
@@ -40,11 +39,11 @@ int execute(const Commands& commands, bool json, const std::string& traceFile) {
     sections.push_back(command());
     sections.back().messages = output.takeMessages(sections.back().showTrace);
   }
-  (json ? report::printJson : report::printText)(output.own(), sections);
+  (json ? printJson : printText)(output.own(), sections);
   if (!output.own().flush()) {
     throw std::runtime_error("standard output cannot be written");
   }
-  return report::passed(sections) ? pass : fail;
+  return passed(sections) ? pass : fail;
 }
 
 /// The arguments of all commands; each command uses its own.
