@@ -1,7 +1,6 @@
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -9,17 +8,12 @@
 /// than one. Nothing where standard error is no terminal.
 class Progress {
  public:
-  Progress(std::string title, unsigned int seconds);
+  Progress(const std::string& title, unsigned int seconds);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
  private:
-  void count(unsigned int seconds);
-
-  std::string title;
-  std::mutex mutex;
-  std::condition_variable finish;
-  bool finished = false;
+  std::promise<void> finish;
   std::thread thread;
 };

@@ -3,32 +3,11 @@
 #include <algorithm>
 #include <iomanip>
 #include <ostream>
+#include <utility>
 
 namespace {
 
-const char* name(Verdict verdict) {
-  switch (verdict) {
-    case Verdict::pass:
-      return "PASS";
-    case Verdict::fail:
-      return "FAIL";
-    case Verdict::none:
-      break;
-  }
-  return "";
-}
-
-std::vector<std::string> failures(const std::vector<Section>& sections) {
-  std::vector<std::string> result;
-  for (const Section& section : sections) {
-    for (const Line& line : section.lines) {
-      if (line.verdict == Verdict::fail) {
-        result.push_back(section.title + ", " + line.label + ": " + line.text);
-      }
-    }
-  }
-  return result;
-}
+constexpr const char* verdicts[] = {"  PASS", "  FAIL", ""};  // indexed by Verdict
 
 void printSection(std::ostream& out, const Section& section) {
   std::size_t labelWidth = 0;
@@ -40,12 +19,8 @@ void printSection(std::ostream& out, const Section& section) {
   out << section.title << "\n" << std::left;
   for (const Line& line : section.lines) {
     out << "  " << std::setw(static_cast<int>(labelWidth)) << line.label << "  ";
-    if (line.verdict == Verdict::none) {
-      out << line.text << "\n";
-    } else {
-      out << std::setw(static_cast<int>(textWidth)) << line.text << "  " << name(line.verdict)
-          << "\n";
-    }
+    out << std::setw(line.verdict == Verdict::none ? 0 : static_cast<int>(textWidth)) << line.text
+        << verdicts[static_cast<int>(line.verdict)] << "\n";
   }
   for (auto message = section.messages.begin(); message != section.messages.end();) {
     const auto other = std::find_if(message, section.messages.end(),
@@ -63,22 +38,23 @@ void printSection(std::ostream& out, const Section& section) {
 
 Verdict passIf(bool good) { return good ? Verdict::pass : Verdict::fail; }
 
-bool passed(const std::vector<Section>& sections) { return failures(sections).empty(); }
+void Report::add(Section section) {
+  section.messages = output.takeMessages(section.showTrace);
+  sections.push_back(std::move(section));
+}
 
-void printText(std::ostream& out, const std::vector<Section>& sections) {
+void Report::printText(std::ostream& out) const {
   for (const Section& section : sections) {
     printSection(out, section);
     out << "\n";
   }
-  const std::size_t count = failures(sections).size();
-  if (count == 0) {
-    out << "PASS\n";
-  } else {
-    out << "FAIL: " << count << (count == 1 ? " fault" : " faults") << "\n";
-  }
+  const std::size_t count = failures().size();
+  out << (count == 0 ? "PASS"
+                     : "FAIL: " + std::to_string(count) + (count == 1 ? " fault" : " faults"))
+      << "\n";
 }
 
-void printJson(std::ostream& out, const std::vector<Section>& sections) {
+void Report::printJson(std::ostream& out) const {
   Json all;
   std::vector<std::string> messages;
   for (const Section& section : sections) {
@@ -86,8 +62,20 @@ void printJson(std::ostream& out, const std::vector<Section>& sections) {
     messages.insert(messages.end(), section.messages.begin(), section.messages.end());
   }
   all["messages"] = messages;
-  all["failures"] = failures(sections);
-  all["verdict"] = passed(sections) ? "pass" : "fail";
+  all["failures"] = failures();
+  all["verdict"] = passed() ? "pass" : "fail";
   // Attribute texts come from files: bytes that are no UTF-8 must not end the program.
   out << all.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+std::vector<std::string> Report::failures() const {
+  std::vector<std::string> result;
+  for (const Section& section : sections) {
+    for (const Line& line : section.lines) {
+      if (line.verdict == Verdict::fail) {
+        result.push_back(section.title + ", " + line.label + ": " + line.text);
+      }
+    }
+  }
+  return result;
 }

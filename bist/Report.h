@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "bist/LibraryOutput.h"
+
 using Json = nlohmann::ordered_json;
 
 enum class Verdict { pass, fail, none };
@@ -28,11 +30,28 @@ struct Section {
   bool showTrace = false;                  ///< its other lines are of interest too
 };
 
-bool passed(const std::vector<Section>& sections);
+/// What a command has found out, for a person and for a program.
+class Report {
+ public:
+  /// @param libraryOutput  where the library's lines arrive meanwhile
+  explicit Report(LibraryOutput& libraryOutput) : output(libraryOutput) {}
 
-/// Sections as indented text, with a last line that says the verdict.
-void printText(std::ostream& out, const std::vector<Section>& sections);
+  /// Adds a section, to which the lines belong that the library has written since the last one.
+  /// Throws std::runtime_error when the trace file cannot be written.
+  void add(Section section);
 
-/// Sections as one JSON object: each section's data under its key, then "messages", "failures" and
-/// "verdict".
-void printJson(std::ostream& out, const std::vector<Section>& sections);
+  bool passed() const { return failures().empty(); }
+
+  /// Sections as indented text, with a last line that says the verdict.
+  void printText(std::ostream& out) const;
+
+  /// Sections as one JSON object: each section's data under its key, then "messages", "failures"
+  /// and "verdict".
+  void printJson(std::ostream& out) const;
+
+ private:
+  std::vector<std::string> failures() const;
+
+  LibraryOutput& output;
+  std::vector<Section> sections;
+};

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "bist/Report.h"
+
+/// A command of the program. Each has a file of its name in commands/, which also keeps what the
+/// command's options have said, and a row in the table of talvero-bist.cpp.
+struct Command {
+  const char* name;
+  const char* help;  ///< a line for --help
+  /// Called once, before the command line is read; noOptions for a command without any.
+  void (*addOptions)(CLI::App& app);
+  /// Does the command's tests through the library's public classes and reports what they found.
+  void (*run)(Report& report);
+};
+
+inline void noOptions(CLI::App&) {}
+
+extern const Command boardCommand;
+extern const Command errorsCommand;
+extern const Command linkCommand;
+extern const Command powerCommand;
+extern const Command prbsCommand;
+extern const Command reportCommand;
+extern const Command shimCommand;
+extern const Command slotsCommand;
+extern const Command topologyCommand;
+extern const Command txCommand;

@@ -1,0 +1,148 @@
+#include "bist/Ports.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr const char* portNames[] = {"DownstreamPort1", "DownstreamPort5", "DownstreamPort7",
+                                     "DownstreamPort9", "ShimPort1",       "ShimPort5"};
+
+std::string hex(unsigned int number) {
+  char text[12];
+  std::snprintf(text, sizeof text, "0x%x", number);
+  return text;
+}
+
+/// A register field of the record with the texts that it decodes to.
+struct StatusWord {
+  const char* label;
+  const char* field;
+  unsigned int DiagnosticsResults::*word;
+  bool correctable;
+};
+
+using Results = DiagnosticsResults;
+constexpr StatusWord statusWords[] = {
+    {"root uncorrectable", "rootUncorrectableStatus", &Results::rootUncorrectableStatus, false},
+    {"root correctable", "rootCorrectableStatus", &Results::rootCorrectableStatus, true},
+    {"switch uncorrectable", "upstreamUncorrectableStatus", &Results::upstreamUncorrectableStatus,
+     false},
+    {"switch correctable", "upstreamCorrectableStatus", &Results::upstreamCorrectableStatus, true},
+    {"port uncorrectable", "portUncorrectableStatus", &Results::portUncorrectableStatus, false},
+    {"port correctable", "portCorrectableStatus", &Results::portCorrectableStatus, true}};
+
+std::string decoded(const PCIeDiagnostics& diagnostics, const DiagnosticsResults& results,
+                    const StatusWord& status) {
+  const unsigned int word = results.*status.word;
+  return status.correctable ? diagnostics.DecodeCorrectableStatus(word)
+                            : diagnostics.DecodeUncorrectableStatus(word);
+}
+
+Json recordJson(const DiagnosticsResults& results) {
+  return {{"pciSystemReady", results.pciSystemReady},
+          {"rootPortFound", results.rootPortFound},
+          {"upstreamFound", results.upstreamFound},
+          {"rootLinkOk", results.rootLinkOk},
+          {"rootLinkFault", results.rootLinkFault},
+          {"rootLinkStatus", results.rootLinkStatus},
+          {"rootDeviceStatus", results.rootDeviceStatus},
+          {"rootUncorrectableStatus", results.rootUncorrectableStatus},
+          {"rootCorrectableStatus", results.rootCorrectableStatus},
+          {"rootPortIds", hex(results.rootPortIds)},
+          {"upstreamIds", hex(results.upstreamIds)},
+          {"downstreamLinkUp", results.downstreamLinkUp},
+          {"upstreamUncorrectableStatus", results.upstreamUncorrectableStatus},
+          {"upstreamCorrectableStatus", results.upstreamCorrectableStatus},
+          {"portRegister1E8", results.portRegister1E8},
+          {"portRegister1EC", results.portRegister1EC},
+          {"portIds", hex(results.portIds)},
+          {"portDataLinkActive", results.portDataLinkActive},
+          {"portUncorrectableStatus", results.portUncorrectableStatus},
+          {"portCorrectableStatus", results.portCorrectableStatus},
+          {"reserved1", results.reserved1},
+          {"reserved2", results.reserved2},
+          {"prbsSync", results.prbsSync},
+          {"prbsErrors", results.prbsErrors}};
+}
+
+}  // namespace
+
+std::string portName(PCIeDownstreamPorts port) { return portNames[port]; }
+
+std::string hex(DeviceIds ids) {
+  char text[12];
+  std::snprintf(text, sizeof text, "%04x:%04x", ids.vendorId, ids.deviceId);
+  return text;
+}
+
+bool found(DeviceIds ids) { return ids.vendorId != 0; }
+
+std::string obstacle(const DiagnosticsResults& results) {
+  const std::pair<bool, const char*> needed[] = {{results.pciSystemReady, "no PCI system"},
+                                                 {results.rootPortFound, "root port not found"},
+                                                 {results.upstreamFound, "switch not found"},
+                                                 {found(results.portIds), "port not found"}};
+  for (const auto& [there, reason] : needed) {
+    if (!there) {
+      return reason;
+    }
+  }
+  return results.rootLinkOk ? "" : "root link down, status " + hex(results.rootLinkStatus);
+}
+
+Line linkLine(const std::string& label, const DiagnosticsResults& results) {
+  const std::string reason = obstacle(results);
+  if (!reason.empty()) {
+    return {label, reason, Verdict::fail};
+  }
+  return {label, results.downstreamLinkUp ? "link up" : "link down",
+          passIf(results.downstreamLinkUp)};
+}
+
+Line prbsLine(const std::string& label, const DiagnosticsResults& results, unsigned int seconds) {
+  const std::string reason = obstacle(results);
+  if (!reason.empty()) {
+    return {label, reason, Verdict::fail};
+  }
+  if (!results.prbsSync) {
+    return {label, results.downstreamLinkUp ? "no sync" : "link lost", Verdict::fail};
+  }
+  const unsigned int errors = results.prbsErrors;
+  const std::string count =
+      errors == 0 ? "no errors" : std::to_string(errors) + (errors == 1 ? " error" : " errors");
+  return {label, count + " in " + std::to_string(seconds) + " s", passIf(errors == 0)};
+}
+
+std::vector<Line> errorLines(const PCIeDiagnostics& diagnostics,
+                             const DiagnosticsResults& results) {
+  std::vector<Line> lines;
+  for (const StatusWord& status : statusWords) {
+    lines.push_back(
+        {status.label, decoded(diagnostics, results, status), passIf((results.*status.word) == 0)});
+  }
+  return lines;
+}
+
+Line errorSummary(const std::string& label, const PCIeDiagnostics& diagnostics,
+                  const DiagnosticsResults& results) {
+  std::string text;
+  for (const Line& line : errorLines(diagnostics, results)) {
+    if (line.verdict == Verdict::fail) {
+      text += (text.empty() ? "" : "; ") + line.label + ": " + line.text;
+    }
+  }
+  return {label, text.empty() ? "no errors latched" : text, passIf(text.empty())};
+}
+
+Json portJson(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
+              const DiagnosticsResults& results, const std::string& result) {
+  Json texts;
+  for (const StatusWord& status : statusWords) {
+    texts[status.field] = decoded(diagnostics, results, status);
+  }
+  return {{"port", static_cast<int>(port)},
+          {"name", portName(port)},
+          {"result", result},
+          {"record", recordJson(results)},
+          {"decoded", texts}};
+}

@@ -1,0 +1,79 @@
+#include "bist/Command.h"
+#include "board/BoardId.h"
+#include "sysfs/SysfsUtil.h"
+
+namespace {
+
+constexpr const char* strapLines[] = {"135", "171", "170", "169", "168", "167"};
+
+// BoardId takes a strap line that cannot be read for a low one; only the line itself tells.
+std::vector<std::string> unreadableStraps() {
+  std::vector<std::string> lines;
+  SysfsUtil sysfs;
+  for (const char* line : strapLines) {
+    bool success = false;
+    sysfs.readGpioValue(line, &success);
+    if (!success) {
+      lines.push_back(line);
+    }
+  }
+  return lines;
+}
+
+std::string kind(const BoardId& board) {
+  return board.isTuvak()      ? "TUVAK MMB"
+         : board.isQuindara() ? "QUINDARA MMB"
+         : board.isMMB()      ? "MMB"
+         : board.isCXB()      ? "CXB"
+                              : "SPB";
+}
+
+Json prototype(const BoardId& board) {
+  return board.isProtoZero()  ? Json(0)
+         : board.isProtoOne() ? Json(1)
+         : board.isProtoTwo() ? Json(2)
+                              : Json(nullptr);
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : ", ") + word;
+  }
+  return text;
+}
+
+const char* connection(bool connected) { return connected ? "connected" : "not connected"; }
+
+void run(Report& report) {
+  const BoardId board;
+  const std::vector<std::string> unreadable = unreadableStraps();
+  const bool pmb = board.isPMBConnected();
+  const bool imb = board.isIMBConnected();
+  const Json proto = prototype(board);
+  report.add({"board",
+              "Board",
+              {{"identity", std::to_string(board.id) + " (" + board.idBitString + ")"},
+               {"description", board.idDescription, passIf(board.isBoardIdKnown())},
+               {"strap lines",
+                unreadable.empty() ? "all readable" : "cannot be read: " + joined(unreadable),
+                passIf(unreadable.empty())},
+               {"kind", kind(board)},
+               {"prototype", proto.is_null() ? "no" : proto.dump()},
+               {"PMB", connection(pmb)},
+               {"IMB", connection(imb)}},
+              {{"id", board.id},
+               {"bits", board.idBitString},
+               {"description", board.idDescription},
+               {"kind", kind(board)},
+               {"known", board.isBoardIdKnown()},
+               {"prototype", proto},
+               {"pmbConnected", pmb},
+               {"imbConnected", imb},
+               {"unreadableStraps", unreadable}}});
+}
+
+}  // namespace
+
+const Command boardCommand = {
+    "board", "say which board this is and which boards are attached to it", noOptions, run};

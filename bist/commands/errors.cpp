@@ -1,0 +1,37 @@
+#include "bist/Command.h"
+#include "bist/Options.h"
+#include "bist/Ports.h"
+#include "bist/Progress.h"
+
+namespace {
+
+PortOption target;
+unsigned int seconds = 0;
+
+void addOptions(CLI::App& app) {
+  target.addTo(app);
+  addSeconds(app, seconds, "collect them for so long, 0 to 86400");
+}
+
+void run(Report& report) {
+  PCIeDiagnostics diagnostics;
+  target.reach(diagnostics);
+  const Progress progress("watching " + portName(target.port), seconds);
+  const DiagnosticsResults results =
+      diagnostics.checkLiveDownstreamPort(target.port, seconds, true);
+  Section section{"errors", "Errors " + portName(target.port)};
+  const std::string reason = obstacle(results);
+  if (found(results.portIds)) {
+    section.lines = errorLines(diagnostics, results);
+  }
+  if (!reason.empty()) {
+    section.lines.insert(section.lines.begin(), {"port", reason, Verdict::fail});
+  }
+  section.data = portJson(diagnostics, target.port, results, reason);
+  report.add(section);
+}
+
+}  // namespace
+
+const Command errorsCommand = {"errors", "name the errors that a PCIe port latches", addOptions,
+                               run};

@@ -1,0 +1,38 @@
+#include "bist/Command.h"
+#include "bist/Options.h"
+#include "bist/Ports.h"
+#include "bist/Progress.h"
+
+namespace {
+
+PortOption target;
+unsigned int seconds = 0;
+bool clear = false;
+
+void addOptions(CLI::App& app) {
+  target.addTo(app);
+  addSeconds(app, seconds, "watch the link for so long, 0 to 86400");
+  app.add_flag("--clear", clear, "clear latched errors first");
+}
+
+void run(Report& report) {
+  PCIeDiagnostics diagnostics;
+  target.reach(diagnostics);
+  const Progress progress("watching " + portName(target.port), seconds);
+  const DiagnosticsResults results =
+      diagnostics.checkLiveDownstreamPort(target.port, seconds, clear);
+  Section section{"link", "Link", {linkLine(portName(target.port), results)}};
+  section.data = portJson(diagnostics, target.port, results, section.lines[0].text);
+  if (found(results.portIds)) {
+    section.lines.push_back(
+        {"data link layer", results.portDataLinkActive ? "active" : "inactive"});
+    Line errors = errorSummary("errors", diagnostics, results);
+    errors.verdict = Verdict::none;
+    section.lines.push_back(errors);
+  }
+  report.add(section);
+}
+
+}  // namespace
+
+const Command linkCommand = {"link", "say whether a PCIe port's link is up", addOptions, run};

@@ -1,0 +1,27 @@
+#include "bist/Command.h"
+#include "bist/Options.h"
+#include "bist/Ports.h"
+#include "bist/Progress.h"
+
+namespace {
+
+PortOption target;
+unsigned int seconds = 0;
+
+void addOptions(CLI::App& app) {
+  target.addTo(app);
+  addSeconds(app, seconds, "how long, 0 to 86400")->required();
+}
+
+void run(Report& report) {
+  PCIeDiagnostics diagnostics;
+  target.reach(diagnostics);
+  const Progress progress("PRBS on " + portName(target.port), seconds);
+  const DiagnosticsResults results = diagnostics.testDownstreamPort(target.port, seconds);
+  const Line line = prbsLine(portName(target.port), results, seconds);
+  report.add({"prbs", "PRBS", {line}, portJson(diagnostics, target.port, results, line.text)});
+}
+
+}  // namespace
+
+const Command prbsCommand = {"prbs", "run the PRBS loopback test on a PCIe port", addOptions, run};

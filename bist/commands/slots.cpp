@@ -1,0 +1,56 @@
+#include "bist/Slots.h"
+
+#include <cstdio>
+
+#include "bist/Command.h"
+#include "modules/ModuleI2CInfo.h"
+#include "modules/Udev_PCA9536.h"
+
+namespace {
+
+constexpr int slotsWithPort = 4;
+
+std::string row(const char* module, const char* controller, const char* power, const char* link) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%-10s%-14s%-7s%s", module, controller, power, link);
+  return text;
+}
+
+void addSlot(Section& section, BackplaneInterface& backplane, int slot) {
+  const auto module = static_cast<unsigned int>(slot);
+  const bool present = backplane.isModulePresent(slot);
+  const std::string expander = Udev_PCA9536(module).GetPath();
+  const bool on = backplane.isModuleOn(slot);
+  const bool linkUp = backplane.isModuleLinkUp(slot);
+  // The device tree says where the slot's expander is, but none answers there.
+  const bool missing = present && expander.empty() && !ModuleI2CInfo(module).systemBus.empty();
+  const char* const controller = missing ? "no expander" : expander.empty() ? "-" : "expander";
+  const char* const power = expander.empty() ? "-" : on ? "on" : "off";
+  const char* const link = slot >= slotsWithPort ? "-" : linkUp ? "up" : "down";
+  section.lines.push_back({slotName(slot),
+                           row(present ? "present" : "empty", controller, power, link),
+                           passIf(!missing)});
+  section.data.push_back({{"slot", slot},
+                          {"present", present},
+                          {"controller", expander.empty() ? Json(nullptr) : Json(expander)},
+                          {"on", on},
+                          {"linkUp", linkUp}});
+}
+
+void run(Report& report) {
+  Section section{"slots", "Slots"};
+  guarded(section, [&] {
+    BackplaneInterface backplane;
+    section.data = Json::array();
+    section.lines.push_back({"", row("module", "controller", "power", "link")});
+    for (int slot = 0; slot < slotCount; ++slot) {
+      addSlot(section, backplane, slot);
+    }
+  });
+  report.add(section);
+}
+
+}  // namespace
+
+const Command slotsCommand = {"slots", "show presence, power and link of the six slots", noOptions,
+                              run};
