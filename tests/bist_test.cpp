@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "tests/Support.h"
 
@@ -13,6 +14,74 @@ namespace {
 Outcome bist(const std::string& instrument, const std::string& arguments) {
   return runCommand(TALVERO_SIM " --fast --instrument " + instrument + " -- " TALVERO_BIST " " +
                     arguments);
+}
+
+/// The options of each command, and under "" those of the program.
+using Interface = std::map<std::string, std::set<std::string>>;
+
+/// What the group of the pattern matches, wherever it does.
+std::set<std::string> matches(const std::string& text, const char* pattern) {
+  const std::regex regex(pattern);
+  std::set<std::string> all;
+  for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
+    all.insert(match->str(1));
+  }
+  return all;
+}
+
+std::string between(const std::string& text, const std::string& begin, const std::string& end) {
+  const std::size_t start = text.find(begin) + begin.size();
+  return text.substr(start, text.find(end, start) - start);
+}
+
+Interface inHelp() {
+  constexpr char option[] = "\n +(?:-h,)?(--[a-z-]+)";
+  const std::string help = bist("full", "--help").output;
+  Interface result{{"", matches(help, option)}};
+  for (const std::string& command : matches(between(help, "Subcommands:", "Exit"), "\n  (\\S+)")) {
+    result[command] = matches(bist("full", command + " --help").output, option);
+    EXPECT_EQ(result[command].erase("--help"), 1) << command;
+  }
+  return result;
+}
+
+/// @param entries  a part of a page that has an entry for each command after each separator
+/// @param common   the part about the program's own options
+Interface onPage(std::string entries, const std::string& separator, const std::string& common) {
+  constexpr char option[] = "(--[a-z-]+)";
+  Interface result{{"", matches(common, option)}};
+  std::size_t start = entries.find(separator);
+  while (start != std::string::npos) {
+    const std::size_t end = entries.find(separator, start + 1);
+    const std::string entry = entries.substr(start, end - start).substr(separator.size());
+    result[*matches(entry, "^(?:\\.[BIR]+ )?([a-z-]+)").begin()] = matches(entry, option);
+    start = end;
+  }
+  return result;
+}
+
+TEST(TalveroBist, IsDescribedAsItIs) {
+  const Interface help = inHelp();
+  const std::string page = contentOf(SOURCE_DIR "/docs/talvero-bist.md");
+  EXPECT_EQ(onPage(between(page, "| Command |", "\n\n"), "\n| `", between(page, "```text", "```")),
+            help);
+  const std::string manual =
+      std::regex_replace(contentOf(SOURCE_DIR "/bist/talvero-bist.1"), std::regex("\\\\-"), "-");
+  EXPECT_EQ(onPage(between(manual, ".SH COMMANDS", ".SH"), "\n.TP\n",
+                   between(manual, ".SH OPTIONS", ".SH")),
+            help);
+
+  std::set<std::string> words;
+  for (const auto& [command, options] : help) {
+    words.insert(options.begin(), options.end());
+    words.insert(command);
+  }
+  words.erase("");
+  const Outcome completion =
+      runCommand("bash -c '. " SOURCE_DIR
+                 "/bist/completions.bash; COMP_WORDS=(talvero-bist \"\") COMP_CWORD=1; "
+                 "_talvero_bist; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
+  EXPECT_EQ(matches(completion.output, "(\\S+)"), words) << completion.errors;
 }
 
 TEST(TalveroBist, ReportsEveryShippedInstrument) {
