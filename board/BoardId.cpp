@@ -1,6 +1,6 @@
 #include "board/BoardId.h"
 
-#include "sysfs/I2cDevices.h"
+#include "internal/UdevI2cDevices.h"
 #include "sysfs/SysfsUtil.h"
 
 namespace {
@@ -132,7 +132,7 @@ bool BoardId::isPMBConnected() const {
   if (!isSPB() || !isProtoZero()) {
     return false;
   }
-  const I2cDevices devices;
+  const UdevI2cDevices devices;
   for (udev_list_entry* entry = devices.first(); entry != nullptr;
        entry = udev_list_entry_get_next(entry)) {
     if (contains(udev_list_entry_get_name(entry), pmbDevice)) {

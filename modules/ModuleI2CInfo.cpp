@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "internal/UdevI2cDevices.h"
 #include "platform/I2CDev.h"
-#include "sysfs/I2cDevices.h"
 
 std::map<unsigned int, ModuleI2CInfo> ModuleI2CInfo::cache;
 std::mutex ModuleI2CInfo::cacheLock;
@@ -50,7 +50,7 @@ void addDevice(Description& description, udev_device* device) {
 }
 
 Description describe(unsigned int moduleNumber) {
-  const I2cDevices devices("of_node/id", std::to_string(moduleNumber).c_str());
+  const UdevI2cDevices devices("of_node/id", std::to_string(moduleNumber).c_str());
   if (!devices.available()) {
     throw std::runtime_error("Can't create udev");
   }

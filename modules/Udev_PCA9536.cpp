@@ -4,11 +4,11 @@
 #include <stdexcept>
 #include <thread>
 
+#include "internal/Directory.h"
+#include "internal/FileStreams.h"
+#include "internal/UdevI2cDevices.h"
 #include "modules/ModuleI2CInfo.h"
 #include "platform/SpbFPGA.h"
-#include "sysfs/Directory.h"
-#include "sysfs/FileStreams.h"
-#include "sysfs/I2cDevices.h"
 
 namespace {
 
@@ -112,7 +112,7 @@ void Udev_PCA9536::PowerOff() {
 }
 
 std::vector<std::string> Udev_PCA9536::GetDevices() const {
-  const I2cDevices expanders("name", "pca9536");
+  const UdevI2cDevices expanders("name", "pca9536");
   if (!expanders.available()) {
     throw std::runtime_error("Can't create udev");
   }

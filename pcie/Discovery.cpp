@@ -1,8 +1,8 @@
 #include <pciaccess.h>
 
-#include "pcie/Console.h"
-#include "pcie/ErrorReporting.h"
-#include "pcie/Ports.h"
+#include "pcie/internal/Console.h"
+#include "pcie/internal/ErrorReporting.h"
+#include "pcie/internal/Ports.h"
 
 namespace {
 

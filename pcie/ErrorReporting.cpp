@@ -1,12 +1,12 @@
-#include "pcie/ErrorReporting.h"
+#include "pcie/internal/ErrorReporting.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
 
-#include "pcie/ConfigSpace.h"
 #include "pcie/PCIeDiagnostics.h"
-#include "pcie/Registers.h"
+#include "pcie/internal/ConfigSpace.h"
+#include "pcie/internal/Registers.h"
 
 namespace {
 

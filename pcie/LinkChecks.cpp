@@ -1,11 +1,11 @@
 #include <cerrno>
 #include <ctime>
 
-#include "pcie/ConfigSpace.h"
-#include "pcie/Console.h"
-#include "pcie/ErrorReporting.h"
-#include "pcie/Ports.h"
-#include "pcie/Registers.h"
+#include "pcie/internal/ConfigSpace.h"
+#include "pcie/internal/Console.h"
+#include "pcie/internal/ErrorReporting.h"
+#include "pcie/internal/Ports.h"
+#include "pcie/internal/Registers.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
-#include "pcie/ConfigSpace.h"
-#include "pcie/Console.h"
-#include "pcie/Ports.h"
-#include "pcie/Registers.h"
+#include "pcie/internal/ConfigSpace.h"
+#include "pcie/internal/Console.h"
+#include "pcie/internal/Ports.h"
+#include "pcie/internal/Registers.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 #include <unistd.h>
 
-#include "pcie/Console.h"
-#include "pcie/Ports.h"
-#include "pcie/Registers.h"
+#include "pcie/internal/Console.h"
+#include "pcie/internal/Ports.h"
+#include "pcie/internal/Registers.h"
 
 namespace {
 

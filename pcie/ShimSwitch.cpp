@@ -3,9 +3,9 @@
 #include <iterator>
 #include <optional>
 
-#include "pcie/Console.h"
-#include "pcie/ErrorReporting.h"
-#include "pcie/Ports.h"
+#include "pcie/internal/Console.h"
+#include "pcie/internal/ErrorReporting.h"
+#include "pcie/internal/Ports.h"
 
 namespace {
 

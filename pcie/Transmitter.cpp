@@ -1,7 +1,7 @@
 #include <unistd.h>
 
-#include "pcie/Ports.h"
-#include "pcie/Registers.h"
+#include "pcie/internal/Ports.h"
+#include "pcie/internal/Registers.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <sstream>
 
-#include "sysfs/Directory.h"
-#include "sysfs/FileStreams.h"
+#include "internal/Directory.h"
+#include "internal/FileStreams.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "pcie/Ports.h"
+#include "pcie/internal/Ports.h"
 
 #include <pciaccess.h>
 

@@ -1,6 +1,6 @@
-#include "sysfs/I2cDevices.h"
+#include "internal/UdevI2cDevices.h"
 
-I2cDevices::I2cDevices(const char* attribute, const char* value) : library(udev_new()) {
+UdevI2cDevices::UdevI2cDevices(const char* attribute, const char* value) : library(udev_new()) {
   if (library == nullptr) {
     return;
   }
@@ -15,6 +15,6 @@ I2cDevices::I2cDevices(const char* attribute, const char* value) : library(udev_
   udev_enumerate_scan_devices(enumeration.get());
 }
 
-udev_list_entry* I2cDevices::first() const {
+udev_list_entry* UdevI2cDevices::first() const {
   return available() ? udev_enumerate_get_list_entry(enumeration.get()) : nullptr;
 }

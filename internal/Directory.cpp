@@ -1,4 +1,4 @@
-#include "sysfs/Directory.h"
+#include "internal/Directory.h"
 
 #include <dirent.h>
 

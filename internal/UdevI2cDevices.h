@@ -6,10 +6,10 @@
 
 /// The devices of udev's subsystem "i2c", listed once at construction. Releases the enumeration,
 /// then the context.
-class I2cDevices {
+class UdevI2cDevices {
  public:
   /// Lists all devices, or those whose sysfs attribute has the given value.
-  explicit I2cDevices(const char* attribute = nullptr, const char* value = nullptr);
+  explicit UdevI2cDevices(const char* attribute = nullptr, const char* value = nullptr);
 
   /// False when the udev context or the enumeration could not be created; the list is then empty.
   bool available() const { return enumeration != nullptr; }
