@@ -1,5 +1,7 @@
 #include "board/BoardId.h"
 
+#include <iterator>
+
 #include "internal/UdevI2cDevices.h"
 #include "sysfs/SysfsUtil.h"
 
@@ -15,7 +17,7 @@ constexpr StrapLine strapLines[] = {{167, 1}, {168, 2}, {169, 4}, {170, 8}, {171
 constexpr unsigned int idCount = 64;
 
 // Fixed-size rows rather than pointers: the table needs no relocation when the library is loaded.
-constexpr char descriptions[idCount][48] = {
+constexpr char descriptions[][48] = {
     "DORVELLE MMB SINGLE GIG-E",
     "DORVELLE MMB DUAL GIG-E",
     "DORVELLE MMB SINGLE GIG-E PDH FULL",
@@ -81,6 +83,7 @@ constexpr char descriptions[idCount][48] = {
     "UNKNOWN TUVAK MMB",
     "UNKNOWN TUVAK MMB",
 };
+static_assert(std::size(descriptions) == idCount);
 
 constexpr int imbLine = 80;
 

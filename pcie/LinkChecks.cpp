@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr std::uint32_t linkBits[] = {0x100, 0x200, 0x400, 0x800, 0x100, 0x200};
-
 constexpr unsigned long livePeriod = 100;  // milliseconds
 constexpr std::uint32_t liveChecksPerSecond = 10;
 constexpr unsigned long pollPeriod = 500;  // milliseconds
@@ -85,7 +83,7 @@ DiagnosticsResults PCIeDiagnostics::getDiagnosticsResults(PCIeDownstreamPorts po
   }
   pci_device* const upstream = upstreamPortOf(*this, port);
   if (upstream != nullptr) {
-    readUpstreamPort(upstream, portEntry(linkBits, port), results);
+    readUpstreamPort(upstream, rowOf(port).linkBit, results);
   }
   readDownstreamPort(device, results);
   if (prbs) {
@@ -118,7 +116,7 @@ int PCIeDiagnostics::wait_ms(unsigned long ms) {
 
 DiagnosticsResults PCIeDiagnostics::checkLiveDownstreamPort(PCIeDownstreamPorts port,
                                                             unsigned int seconds, bool clearFirst) {
-  const bool shim = port == ShimPort1 || port == ShimPort5;
+  const bool shim = rowOf(port).owner == Switch::shim;
   const bool upstreamFound = shim ? shimUpstreamFound : switchUpstreamFound;
   DiagnosticsResults results;
   if (pciSystemReady) {

@@ -6,22 +6,20 @@
 
 namespace {
 
-constexpr std::uint32_t loopbackMasterBits[] = {0x00000001, 0x00010000, 0x00001000,
-                                                0x00000100, 0x00000001, 0x00000100};
-
-constexpr useconds_t settleTime = 1000;  // microseconds
+// Microseconds that the switch gets to act on a control bit.
+constexpr useconds_t controlTime = 1000;
 
 }  // namespace
 
 bool PCIeDiagnostics::setLoopbackMasterControl(PCIeDownstreamPorts port, bool enable) {
-  const std::uint32_t enableBit = portEntry(loopbackMasterBits, port);
+  const std::uint32_t enableBit = rowOf(port).loopbackMasterBit;
   const std::uint32_t statusBit = enableBit << loopbackStatusShift;
   if (enable) {
     setDevicePortBits(port, switchRegister::loopbackMaster, enableBit, keepAll);
   } else {
     clearDevicePortBits(port, switchRegister::loopbackMaster, enableBit);
   }
-  usleep(settleTime);
+  usleep(controlTime);
   // The status bit is active low.
   return testDevicePortBits(port, switchRegister::loopbackMaster, statusBit) != enable;
 }
@@ -38,13 +36,13 @@ void PCIeDiagnostics::configurePRBSDiagnosicRegister(PCIeDownstreamPorts port) {
 
 void PCIeDiagnostics::setupPRBSLoopbackTest(PCIeDownstreamPorts port) {
   configurePRBSDiagnosicRegister(port);
-  usleep(settleTime);
+  usleep(controlTime);
   if (!setLoopbackMasterControl(port, true)) {
     printLine(std::cerr, "couldn't set up looback master control");
   }
-  usleep(settleTime);
+  usleep(controlTime);
   setPRBSMode(port, false);
-  usleep(settleTime);
+  usleep(controlTime);
   setPRBSMode(port, true);
 }
 

@@ -1,6 +1,5 @@
 #include <pciaccess.h>
 
-#include <iterator>
 #include <optional>
 
 #include "pcie/internal/Console.h"
@@ -9,10 +8,15 @@
 
 namespace {
 
-constexpr PCIeDownstreamPorts modulePorts[] = {DownstreamPort1, DownstreamPort9, DownstreamPort7,
-                                               DownstreamPort5};
-
-constexpr PCIeDownstreamPorts shimPorts[] = {ShimPort1, ShimPort5};
+/// The port of the main switch that leads to a module; null when there is none.
+const Port* portOfModule(unsigned int module) {
+  for (const Port& port : mainPorts) {
+    if (port.module == module) {
+      return &port;
+    }
+  }
+  return nullptr;
+}
 
 void reportMissing(const std::string& device) {
   printLine(std::cerr, "Could not find device: " + device);
@@ -39,9 +43,9 @@ void forgetShimSwitch(PCIeDiagnostics& diagnostics) {
   diagnostics.shimUpstreamPort = nullptr;
   diagnostics.shimUpstreamFound = false;
   diagnostics.shimUpstreamIds = {};
-  for (const PCIeDownstreamPorts port : shimPorts) {
-    diagnostics.downstreamPorts[port] = nullptr;
-    diagnostics.downstreamIds[port] = {};
+  for (const Port& port : shimPorts) {
+    diagnostics.downstreamPorts[port.value] = nullptr;
+    diagnostics.downstreamIds[port.value] = {};
   }
 }
 
@@ -66,17 +70,17 @@ bool findShimSwitch(PCIeDiagnostics& diagnostics, std::uint32_t moduleDevice) {
   if (!shimBus) {
     return false;
   }
-  for (const PCIeDownstreamPorts port : shimPorts) {
-    diagnostics.downstreamPorts[port] = findDevice(*shimBus, deviceNumbers[port]);
+  for (const Port& port : shimPorts) {
+    diagnostics.downstreamPorts[port.value] = findDevice(*shimBus, port.device);
   }
-  for (const PCIeDownstreamPorts port : shimPorts) {
-    if (diagnostics.downstreamPorts[port] == nullptr) {
-      reportMissing(std::to_string(*shimBus) + "." + std::to_string(deviceNumbers[port]));
+  for (const Port& port : shimPorts) {
+    if (diagnostics.downstreamPorts[port.value] == nullptr) {
+      reportMissing(std::to_string(*shimBus) + "." + std::to_string(port.device));
       return false;
     }
   }
-  for (const PCIeDownstreamPorts port : shimPorts) {
-    if (!reportBuses(diagnostics.downstreamPorts[port], "shim_")) {
+  for (const Port& port : shimPorts) {
+    if (!reportBuses(diagnostics.downstreamPorts[port.value], "shim_")) {
       return false;
     }
   }
@@ -86,22 +90,22 @@ bool findShimSwitch(PCIeDiagnostics& diagnostics, std::uint32_t moduleDevice) {
 }  // namespace
 
 void PCIeDiagnostics::setupShimSwitch(unsigned int module) {
-  if (module >= std::size(modulePorts) || !pciSystemReady) {
+  const Port* const modulePort = portOfModule(module);
+  if (modulePort == nullptr || !pciSystemReady) {
     return;
   }
   forgetShimSwitch(*this);
-  const std::uint32_t moduleDevice = deviceNumbers[modulePorts[module]];
-  printLine(std::cout, "Module Downstream: " + std::to_string(moduleDevice));
-  if (!findShimSwitch(*this, moduleDevice)) {
+  printLine(std::cout, "Module Downstream: " + std::to_string(modulePort->device));
+  if (!findShimSwitch(*this, modulePort->device)) {
     return;
   }
   shimUpstreamIds = idsOf(shimUpstreamPort);
-  for (const PCIeDownstreamPorts port : shimPorts) {
-    downstreamIds[port] = idsOf(downstreamPorts[port]);
+  for (const Port& port : shimPorts) {
+    downstreamIds[port.value] = idsOf(downstreamPorts[port.value]);
   }
   shimUpstreamFound = true;
   enableBridgeErrorReporting(shimUpstreamPort);
-  for (const PCIeDownstreamPorts port : shimPorts) {
-    enableBridgeErrorReporting(downstreamPorts[port]);
+  for (const Port& port : shimPorts) {
+    enableBridgeErrorReporting(downstreamPorts[port.value]);
   }
 }

@@ -5,12 +5,9 @@
 
 namespace {
 
-constexpr std::uint32_t quietTransmitBits[] = {0x00010101, 0x00040404, 0x00080808,
-                                               0x00101010, 0x00010101, 0x00040404};
-
-// Microseconds.
-constexpr useconds_t quietSettleTime = 10000;
-constexpr useconds_t loopbackSettleTime = 100000;
+// Microseconds until a setting reads back, or the link has had time to retrain.
+constexpr useconds_t quietTransmitTime = 10000;
+constexpr useconds_t analogLoopbackTime = 100000;
 constexpr useconds_t retrainTime = 10000;
 
 bool setTransmitterField(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, std::uint32_t reg,
@@ -34,13 +31,13 @@ bool PCIeDiagnostics::setDriveLevel(PCIeDownstreamPorts port, int index, unsigne
 }
 
 bool PCIeDiagnostics::setTo5GQuietTransmitWithoutLoopback(PCIeDownstreamPorts port, bool enable) {
-  const std::uint32_t bits = portEntry(quietTransmitBits, port);
+  const std::uint32_t bits = rowOf(port).quietTransmitBits;
   if (!enable) {
     clearDevicePortBits(port, switchRegister::quietTransmit, bits);
     return true;
   }
   setDevicePortBits(port, switchRegister::quietTransmit, bits, keepAll);
-  usleep(quietSettleTime);
+  usleep(quietTransmitTime);
   if (testDevicePortBits(port, switchRegister::quietTransmit, bits & quietReadBack)) {
     clearDevicePortBits(port, switchRegister::quietTransmit, bits & quietReadBack);
   }
@@ -54,7 +51,7 @@ bool PCIeDiagnostics::setPCIeExternalAnalogLoopback(PCIeDownstreamPorts port, bo
   } else {
     clearDevicePortBits(port, switchRegister::analogLoopbackAndPrbsSync, bit);
   }
-  usleep(loopbackSettleTime);
+  usleep(analogLoopbackTime);
   const bool ok =
       testDevicePortBits(port, switchRegister::analogLoopbackAndPrbsSync, bit) == enable;
   retrainLink(port);

@@ -3,6 +3,54 @@
 #include <pciaccess.h>
 
 #include <iterator>
+#include <type_traits>
+
+namespace {
+
+// Of an enumerator that is missing here the compiler warns.
+constexpr bool isPort(PCIeDownstreamPorts port) {
+  switch (port) {
+    case DownstreamPort1:
+    case DownstreamPort5:
+    case DownstreamPort7:
+    case DownstreamPort9:
+    case ShimPort1:
+    case ShimPort5:
+      return true;
+  }
+  return false;
+}
+
+constexpr bool isRowOf(const Port& row, std::size_t port) {
+  return row.value == port && isPort(row.value) && isOneBit(row.linkBit) &&
+         isOneBit(row.loopbackMasterBit) && row.quietTransmitBits != 0;
+}
+
+constexpr bool everyRowIsAPort() {
+  for (std::size_t port = 0; port < std::size(ports); ++port) {
+    if (!isRowOf(ports[port], port)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+constexpr bool clash(const Port& one, const Port& other) {
+  return one.device == other.device || (one.linkBit & other.linkBit) != 0 ||
+         (one.loopbackMasterBit & other.loopbackMasterBit) != 0 ||
+         (one.quietTransmitBits & other.quietTransmitBits) != 0;
+}
+
+static_assert(everyRowIsAPort());
+static_assert(!isPort(static_cast<PCIeDownstreamPorts>(std::size(ports))), "a port has no row");
+static_assert(!anyClash(ports, clash));
+static_assert(std::size(ports) == std::extent_v<decltype(DiagnosticMaskRegs)>);
+static_assert(std::size(ports) == std::extent_v<decltype(PCIeDiagnostics::downstreamPorts)>);
+static_assert(std::size(ports) == std::extent_v<decltype(PCIeDiagnostics::downstreamIds)>);
+
+}  // namespace
+
+Port rowOf(PCIeDownstreamPorts port) { return portEntry(ports, port); }
 
 std::uint32_t portMask(PortMask column, PCIeDownstreamPorts port) {
   return port < std::size(DiagnosticMaskRegs) ? DiagnosticMaskRegs[port][static_cast<int>(column)]

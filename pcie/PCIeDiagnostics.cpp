@@ -1,8 +1,12 @@
+#include "pcie/PCIeDiagnostics.h"
+
 #include <pciaccess.h>
 
 #include "pcie/internal/Console.h"
 #include "pcie/internal/ErrorReporting.h"
 #include "pcie/internal/Ports.h"
+
+// Construction, and what it looks for. Each other group of operations has a source of its own.
 
 namespace {
 
@@ -33,13 +37,13 @@ bool discoverMainSwitch(PCIeDiagnostics& diagnostics) {
   }
   diagnostics.switchUpstreamIds = idsOf(diagnostics.switchUpstreamPort);
 
-  for (const PCIeDownstreamPorts port : mainPorts) {
-    pci_device* const device = findDevice(mainPortBus, deviceNumbers[port]);
-    diagnostics.downstreamPorts[port] = device;
+  for (const Port& port : mainPorts) {
+    pci_device* const device = findDevice(mainPortBus, port.device);
+    diagnostics.downstreamPorts[port.value] = device;
     if (device == nullptr) {
-      printLine(std::cerr, "could not enumerate module: " + std::to_string(port));
+      printLine(std::cerr, "could not enumerate module: " + std::to_string(port.value));
     } else {
-      diagnostics.downstreamIds[port] = idsOf(device);
+      diagnostics.downstreamIds[port.value] = idsOf(device);
     }
   }
   return true;
@@ -57,9 +61,9 @@ int PCIeDiagnostics::setupAdvancedErrorReportingOnRootSwitch() {
   }
   enableRootErrorReporting(rootPort);
   enableBridgeErrorReporting(switchUpstreamPort);
-  for (const PCIeDownstreamPorts port : mainPorts) {
-    if (downstreamPorts[port] != nullptr) {
-      enableBridgeErrorReporting(downstreamPorts[port]);
+  for (const Port& port : mainPorts) {
+    if (downstreamPorts[port.value] != nullptr) {
+      enableBridgeErrorReporting(downstreamPorts[port.value]);
     }
   }
   return 0;
