@@ -64,16 +64,20 @@ ModuleControllerInterface* controllerOf(const Controllers& controllers, int slot
 
 }  // namespace
 
-BackplaneInterface::BackplaneInterface(SpbFPGA* ownedFpga) : fpga(ownedFpga) {}
+struct BackplaneInterface::OwnedFpga {
+  SpbFPGA* fpga;
+};
+
+BackplaneInterface::BackplaneInterface(OwnedFpga owned) : fpga(owned.fpga) {}
 
 // The public constructors delegate, so that the destructor releases what they made when they throw.
-BackplaneInterface::BackplaneInterface() : BackplaneInterface(new SpbFPGA) {
+BackplaneInterface::BackplaneInterface() : BackplaneInterface(OwnedFpga{new SpbFPGA}) {
   for (int slot = 0; slot < slotCount; ++slot) {
     appendController(moduleControllers, slot);
   }
 }
 
-BackplaneInterface::BackplaneInterface(int slot) : BackplaneInterface(new SpbFPGA) {
+BackplaneInterface::BackplaneInterface(int slot) : BackplaneInterface(OwnedFpga{new SpbFPGA}) {
   if (slot > 0) {
     moduleControllers.resize(static_cast<std::size_t>(slot));
   }

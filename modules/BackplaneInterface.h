@@ -78,7 +78,9 @@ class BackplaneInterface {
   bool isModuleLinkUp(int slot) const;
 
  private:
-  explicit BackplaneInterface(SpbFPGA* ownedFpga);
+  // A type of its own: a literal 0 that is no int converts to a pointer as well as to a slot.
+  struct OwnedFpga;
+  explicit BackplaneInterface(OwnedFpga owned);
 
   SpbFPGA* fpga;
   std::vector<ModuleControllerInterface*> moduleControllers;

@@ -580,6 +580,18 @@ TEST(Backplane, OfOneSlotProbesThatSlotOnly) {
   EXPECT_FALSE(BackplaneInterface(7).isModuleOn(7));
 }
 
+TEST(Backplane, OfSlot0IsNamedByAZeroOfAnyType) {
+  const Modules instrument("[module 2-0050]\nid=0\ntop=x\nsystem=i2c-9\n[expander 9-0041]\n");
+  EXPECT_TRUE(BackplaneInterface(0).isModulePresent(0)) << "its expander was found";
+  EXPECT_TRUE(BackplaneInterface(0U).isModulePresent(0));
+  EXPECT_TRUE(BackplaneInterface(0L).isModulePresent(0));
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion-null"
+  EXPECT_TRUE(BackplaneInterface(NULL).isModulePresent(0));  // NOLINT(modernize-use-nullptr)
+#pragma GCC diagnostic pop
+  EXPECT_FALSE(BackplaneInterface(1U).isModulePresent(0));
+}
+
 TEST(Backplane, ReleasesWhatItHasWhenItCannotBeSetUp) {
   {
     Modules instrument(spb + "[faults]\nfpga=on");
