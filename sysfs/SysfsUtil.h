@@ -43,7 +43,8 @@ class SysfsUtil : public Sysfs {
   std::string FindFile(std::string path, std::string name, bool exactMatch);
 
   /// Finds the number of the first GPIO line of a device that provides lines, such as an expander:
-  /// the attribute "base" of the first "gpiochip" entry in the device's "gpio" directory.
+  /// the attribute "base" in the first entry of the device's "gpio" directory whose name contains
+  /// "gpiochip". The first attribute whose name contains "base" counts.
   ///
   /// @param path  sysfs directory of the device
   /// @return kernel GPIO number; -1 when an entry is missing, unreadable or holds no number
