@@ -6,8 +6,42 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <new>
+#include <utility>
 
 namespace fs = std::filesystem;
+
+static thread_local long held = 0;
+static thread_local long arrays = 0;
+
+void* operator new(std::size_t size) {
+  void* const memory = std::malloc(size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  ++held;
+  return memory;
+}
+
+void* operator new[](std::size_t size) {
+  ++arrays;
+  return operator new(size);
+}
+
+void operator delete(void* memory) noexcept {
+  held -= memory != nullptr ? 1 : 0;
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept { operator delete(memory); }
+
+void operator delete[](void* memory) noexcept { operator delete(memory); }
+
+void operator delete[](void* memory, std::size_t /*size*/) noexcept { operator delete(memory); }
+
+long heldBlocks() { return held; }
+
+long allocatedArrays() { return arrays; }
 
 TemporaryDirectory::TemporaryDirectory() {
   std::string name = (fs::temp_directory_path() / "talvero-test.XXXXXX").string();
@@ -28,6 +62,35 @@ Console::Console() : before{std::cout.rdbuf(out.rdbuf()), std::cerr.rdbuf(err.rd
 Console::~Console() {
   std::cout.rdbuf(before[0]);
   std::cerr.rdbuf(before[1]);
+}
+
+Timeline::Timeline(Instrument& traced)
+    : instrument(traced), before{std::cout.rdbuf(this), std::cerr.rdbuf(this)} {
+  std::cerr << std::nounitbuf;
+  std::cerr.tie(nullptr);
+}
+
+Timeline::~Timeline() {
+  std::cerr << std::unitbuf;
+  std::cerr.tie(&std::cout);
+  std::cout.rdbuf(before[0]);
+  std::cerr.rdbuf(before[1]);
+}
+
+int Timeline::sync() {
+  for (const std::string& access : instrument.takeTrace()) {
+    events.push_back(access);
+  }
+  events.push_back(str());
+  str("");
+  return 0;
+}
+
+std::vector<std::string> Timeline::take() {
+  for (const std::string& access : instrument.takeTrace()) {
+    events.push_back(access);
+  }
+  return std::exchange(events, {});
 }
 
 std::string contentOf(const std::string& file) {

@@ -46,6 +46,26 @@ class Console {
   std::streambuf* before[2];
 };
 
+/// Accesses and console lines in the order in which they happen, while it exists. What is flushed
+/// at once is one line; what is not flushed is none.
+class Timeline : private std::stringbuf {
+ public:
+  explicit Timeline(Instrument& traced);
+  ~Timeline() override;
+  Timeline(const Timeline&) = delete;
+  Timeline& operator=(const Timeline&) = delete;
+
+  /// What has happened since the last call.
+  std::vector<std::string> take();
+
+ private:
+  int sync() override;
+
+  Instrument& instrument;
+  std::vector<std::string> events;
+  std::streambuf* before[2];
+};
+
 /// What a shell command has printed and how it has ended.
 struct Outcome {
   int status;  ///< exit status; 128 plus the number of the signal that ended it
@@ -54,6 +74,12 @@ struct Outcome {
 };
 
 Outcome runCommand(const std::string& command);
+
+/// Blocks of memory that this thread has taken by `new` and not given back.
+long heldBlocks();
+
+/// How often this thread has taken memory by `new[]`.
+long allocatedArrays();
 
 /// How many files and directories this process has open. Sockets and events do not count: umockdev
 /// has a thread that opens some whenever it gets to it.

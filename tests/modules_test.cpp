@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "modules/BackplaneInterface.h"
@@ -29,6 +30,9 @@ class Modules : public Instrument {
     ModuleI2CInfo::cache.clear();
   }
 };
+
+/// Where the simulated file system lies in the real one.
+std::string simulatedTree() { return std::getenv("UMOCKDEV_DIR"); }
 
 // Module 1 behind two multiplexers, module 2 behind one.
 const std::string buses = R"(
@@ -221,6 +225,20 @@ TEST(Topology, ABusIsLookedUpOnItsOwnMultiplexers) {
   EXPECT_EQ(ModuleI2CInfo(3).topBus, "i2c-8") << "the multiplexer with the lowest address";
 }
 
+TEST(Topology, NamesOfBusesAndDevicesAreComparedFromTheirBeginning) {
+  const Modules instrument(
+      "[mux 2-0070]\n1=i2c-8\n[mux 3-0070]\n1=i2c-9\n"
+      "[module 2-0050]\nid=1\ntop=i2c-2/1\n2k4k=1\n"
+      "[module 2-0051]\nid=2\ntop=i3c-2/1\n2k4k=1\n"
+      "[module 2-0053]\nid=4\ntop=i2/1\n2k4k=1\n");
+  const std::string devices = simulatedTree() + "/sys/bus/i2c/devices";
+  std::filesystem::create_directory_symlink("../i2c-3/3-0070", devices + "/i2c-2/12-0070");
+  std::filesystem::create_directory_symlink("i2c-2", devices + "/i3c-2");
+  EXPECT_EQ(ModuleI2CInfo(1).topBus, "i2c-8") << "not by the device of another bus";
+  EXPECT_EQ(ModuleI2CInfo(2).topBus, "") << "no I2C bus";
+  EXPECT_EQ(ModuleI2CInfo(4).topBus, "") << "no I2C bus";
+}
+
 TEST(Expander, IsFoundOnTheSystemBus) {
   const std::string found = "/sys/devices/i2c-2/i2c-11/i2c-13/i2c-30/30-0041/gpio/gpiochip512";
   const struct {
@@ -234,6 +252,7 @@ TEST(Expander, IsFoundOnTheSystemBus) {
       {"[expander 30-0041]\ngpio=empty", ""},
       // A later one on the bus is not examined.
       {"[expander 30-0041]\ngpio=none\n[expander 30-0042]", ""},
+      {"[expander 30-0041]\ngpio=empty\n[expander 30-0042]", ""},
       {"[i2c]\n30-0041=pca9535\n30-0042=pca95361", ""},
   };
   for (const auto& test : cases) {
@@ -245,6 +264,14 @@ TEST(Expander, IsFoundOnTheSystemBus) {
   // A bus name that occurs inside a longer one matches as well.
   const Modules instrument("[module 2-0050]\nid=7\ntop=x\nsystem=i2c-3\n[expander 30-0041]");
   EXPECT_EQ(Udev_PCA9536(7).GetPath(), "/sys/devices/i2c-30/30-0041/gpio/gpiochip512");
+}
+
+TEST(Expander, HasItsChipInADirectoryOfTheExactName) {
+  const Modules instrument(modules + "[expander 30-0041]\ngpio=none");
+  const std::string device = "/sys/devices/i2c-2/i2c-11/i2c-13/i2c-30/30-0041";
+  std::filesystem::create_directories(simulatedTree() + device + "/gpiochip9/gpiochip9");
+  EXPECT_EQ(Udev_PCA9536(1).FindSubdir(device, "gpio", false), device + "/gpiochip9");
+  EXPECT_EQ(Udev_PCA9536(1).GetPath(), "") << "only \"gpio\" itself counts";
 }
 
 TEST(Expander, IsLookedForOnlyWhereThereAreAny) {
@@ -391,6 +418,41 @@ TEST(Power, SaysWhichLineCannotBeOpened) {
   controller.PowerOff();
   EXPECT_EQ(console.errors(), std::string("Can't open: ") + enable2 + "\nCan't open: " + done2 +
                                   "\nCan't open: " + enable2 + "\nCan't open: " + done2 + "\n");
+}
+
+TEST(Power, GpioExportedIsAboutThePowerEnableLine) {
+  for (const bool exported : {true, false}) {
+    const std::string missing = exported ? "sequence-done" : "power-enable";
+    const PoweredModule instrument(powered + "[power 2]\n" + missing + "=missing\n");
+    EXPECT_EQ(instrument.controller.GpioExported(), exported) << missing;
+  }
+}
+
+TEST(Power, OfAnExpanderWithoutAChipHasNoLinks) {
+  for (const char* gpio : {"none", "empty"}) {
+    PoweredModule instrument(modules + "[power 1]\ninitially=on\n[expander 30-0041]\ngpio=" + gpio,
+                             1);
+    EXPECT_FALSE(instrument.controller.isPowerOn());
+    EXPECT_EQ(instrument.console.errors(), "Can't open: /value\n") << gpio;
+  }
+}
+
+TEST(Power, LinesAreFlushedWhenTheyAreDue) {
+  PoweredModule instrument(powered + "[power 2]\non-delay=0\nflicker=yes\n[power 1]\n");
+  Timeline timeline(instrument);
+  instrument.controller.PowerOn();
+  const std::vector<std::string> events = timeline.take();
+  const auto failed =
+      std::find(events.begin(), events.end(), "Power on done debounce check failed \n");
+  ASSERT_NE(failed, events.end());
+  EXPECT_EQ(*(failed - 1), read(done2, "1"));
+  EXPECT_EQ(*(failed + 1), "sleep 20000 us");
+  instrument.controller.WaitForPowerSequence(false, 0ms);
+  instrument.controller.WaitForPowerSequence(true, 0ms);
+  EXPECT_THAT(timeline.take(), ElementsAre("Power on sequence done timed out\n",
+                                           "Power off sequence done timed out\n"));
+  Udev_PCA9536(3).isPowerOn();
+  EXPECT_EQ(timeline.take().back(), "Can't open: /value\n");
 }
 
 TEST(Power, GpioExportedWritesNothing) {
@@ -590,6 +652,18 @@ TEST(Backplane, OfSlot0IsNamedByAZeroOfAnyType) {
   EXPECT_TRUE(BackplaneInterface(NULL).isModulePresent(0));  // NOLINT(modernize-use-nullptr)
 #pragma GCC diagnostic pop
   EXPECT_FALSE(BackplaneInterface(1U).isModulePresent(0));
+}
+
+TEST(Backplane, ReleasesItsControllers) {
+  const Modules instrument(powered);
+  const auto useTwo = [] {
+    const BackplaneInterface all;
+    const BackplaneInterface one(2);
+  };
+  useTwo();  // what is taken once
+  const long before = heldBlocks();
+  useTwo();
+  EXPECT_EQ(heldBlocks(), before);
 }
 
 TEST(Backplane, ReleasesWhatItHasWhenItCannotBeSetUp) {

@@ -17,6 +17,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+constexpr unsigned int keepAll = 0xFFFFFFFF;
+
 constexpr PCIeDownstreamPorts allPorts[] = {DownstreamPort1, DownstreamPort5, DownstreamPort7,
                                             DownstreamPort9, ShimPort1,       ShimPort5};
 
@@ -187,6 +189,39 @@ TEST(Discovery, StopsSilentlyWhereThePathEnds) {
   }
 }
 
+TEST(Discovery, RepeatedForgetsWhatIsGone) {
+  const Console console;
+  auto instrument = std::make_unique<Instrument>("[pci]\nshim=1\n");
+  PCIeDiagnostics diagnostics;
+  diagnostics.setupShimSwitch(1);
+  const auto repeatWithout = [&](const std::string& device) {
+    instrument.reset();
+    instrument = std::make_unique<Instrument>("[pci]\n[pci " + device + "]\npresent=no");
+    diagnostics.setupAdvancedErrorReportingOnRootSwitch();
+  };
+  const auto deviceIds = [&] {
+    std::vector<unsigned int> ids;
+    for (const DeviceIds& device : diagnostics.downstreamIds) {
+      ids.push_back(device.deviceId);
+    }
+    return ids;
+  };
+  repeatWithout("port7");
+  EXPECT_THAT(deviceIds(), ElementsAre(0x1002, 0x1003, 0, 0x1005, 0, 0));
+  EXPECT_EQ(diagnostics.downstreamPorts[DownstreamPort7], nullptr);
+  EXPECT_NE(diagnostics.downstreamPorts[DownstreamPort9], nullptr);
+  EXPECT_TRUE(diagnostics.shimUpstreamFound) << "the next walk to a shim switch decides";
+  repeatWithout("switch");
+  EXPECT_THAT(deviceIds(), ElementsAre(0, 0, 0, 0, 0, 0));
+  EXPECT_EQ(diagnostics.switchUpstreamPort, nullptr);
+  EXPECT_FALSE(diagnostics.switchUpstreamFound);
+  EXPECT_EQ(diagnostics.switchUpstreamIds.deviceId, 0x1001) << "kept";
+  repeatWithout("root");
+  EXPECT_EQ(diagnostics.rootPort, nullptr);
+  EXPECT_FALSE(diagnostics.rootPortFound);
+  EXPECT_EQ(diagnostics.rootPortIds.deviceId, 0x1000) << "kept";
+}
+
 TEST(PortBits, ActOnTheSwitchOfThePort) {
   for (const PCIeDownstreamPorts port : allPorts) {
     Fabric fabric(switchGroup(port) + "register-b98=0x12345678");
@@ -226,6 +261,27 @@ TEST(PortBits, ActOnTheSwitchOfThePort) {
                 ElementsAreArray(update(portAddresses[port], 32, 0x78, 0x20120000, 0x20120020)));
     EXPECT_EQ(fabric.output(), printed);
   }
+}
+
+TEST(PortBits, PrintEachLineAroundItsAccessAndFlushIt) {
+  Fabric fabric("[pci shim]\npresent=no");
+  PCIeDiagnostics& diagnostics = fabric.diagnostics;
+  Timeline timeline(fabric);
+  const std::string read = "pci read32 0000:01:00.0 b98 ";
+  const std::string write = "pci write32 0000:01:00.0 b98 ";
+  diagnostics.setDevicePortBits(DownstreamPort7, 0xB98, 0x1F, keepAll);
+  EXPECT_THAT(timeline.take(),
+              ElementsAre("port: 2\n", read + "0", write + "1f", "address: b98\n", "write: 1f\n"));
+  diagnostics.clearDevicePortBits(DownstreamPort7, 0xB98, 0xF);
+  EXPECT_THAT(timeline.take(), ElementsAre("port: 2\n", read + "1f", write + "10"));
+  diagnostics.testDevicePortBits(DownstreamPort7, 0xB98, 0x11);
+  EXPECT_THAT(timeline.take(), ElementsAre("port: 2\n", read + "10", "portAddress: b98\n",
+                                           "bits: 11\n", "reg: 10\n"));
+  diagnostics.setupShimSwitch(1);
+  EXPECT_THAT(timeline.take(),
+              ElementsAre("Module Downstream: 9\n", "pci find 0000:02:09.0",
+                          "pci buses 0000:02:09.0", "primary: 2 secondary: 15 subordinate: 18\n",
+                          "pci find 0000:0f:00.0: ENODEV", "Could not find device: 15\n"));
 }
 
 /// Calls every operation that takes a port.
@@ -622,6 +678,41 @@ TEST(PrbsTest, PollsUntilSomethingFails) {
   }
 }
 
+TEST(PrbsTest, DoesNotPollWithoutAWholePath) {
+  const struct {
+    const char* missing;
+    void (*lose)(PCIeDiagnostics&);
+    bool flags[3];
+  } cases[] = {{"root port",
+                [](PCIeDiagnostics& diagnostics) {
+                  diagnostics.rootPort = nullptr;
+                  diagnostics.rootPortFound = false;
+                },
+                {false, false, true}},
+               {"root port's flag",
+                [](PCIeDiagnostics& diagnostics) { diagnostics.rootPortFound = false; },
+                {true, false, true}},
+               {"upstream port's flag",
+                [](PCIeDiagnostics& diagnostics) { diagnostics.switchUpstreamFound = false; },
+                {true, true, false}}};
+  for (const auto& test : cases) {
+    Fabric fabric("");
+    test.lose(fabric.diagnostics);
+    const DiagnosticsResults results = fabric.diagnostics.testDownstreamPort(DownstreamPort7, 1);
+    const Lines trace = fabric.takeTrace();
+    EXPECT_EQ(results.rootLinkOk, test.flags[0]) << test.missing;
+    EXPECT_EQ(results.rootPortFound, test.flags[1]) << test.missing;
+    EXPECT_EQ(results.upstreamFound, test.flags[2]) << test.missing;
+    EXPECT_TRUE(results.prbsSync) << "the port itself was set up";
+    EXPECT_EQ(with(trace, rootAddress).empty(), !test.flags[0]) << test.missing;
+    EXPECT_THAT(with(trace, "sleep 500000 us"), IsEmpty()) << test.missing;
+    EXPECT_EQ(trace.back(), "pci write32 0000:01:00.0 25c 0") << "torn down";
+    fabric.diagnostics.checkLiveDownstreamPort(DownstreamPort7, 1, false);
+    EXPECT_THAT(with(fabric.takeTrace(), "sleep"), IsEmpty()) << test.missing;
+    EXPECT_FALSE(fabric.diagnostics.isLinkUp(DownstreamPort7)) << test.missing;
+  }
+}
+
 TEST(ShimSwitch, IsFoundBehindTheModulesPort) {
   Instrument instrument("[pci]\nshim=1\n" + bridgeBefore("shim", "7") +
                         bridgeBefore("shim-port1", "7") + bridgeBefore("shim-port5", "7"));
@@ -650,13 +741,26 @@ TEST(ShimSwitch, IsFoundBehindTheModulesPort) {
   EXPECT_EQ(diagnostics.downstreamIds[ShimPort1].deviceId, 0x1007);
   EXPECT_EQ(diagnostics.downstreamIds[ShimPort5].deviceId, 0x1008);
 
-  diagnostics.setupShimSwitch(4);
-  EXPECT_TRUE(diagnostics.shimUpstreamFound) << "no such module: nothing is done";
-  EXPECT_THAT(instrument.takeTrace(), IsEmpty());
-  diagnostics.setupShimSwitch(0);
+  for (const unsigned int module : {4U, 4294967295U}) {
+    diagnostics.setupShimSwitch(module);
+    EXPECT_TRUE(diagnostics.shimUpstreamFound) << "no such module: nothing is done";
+    EXPECT_THAT(instrument.takeTrace(), IsEmpty());
+  }
+}
+
+TEST(ShimSwitch, IsForgottenByAWalkThatFails) {
+  Fabric fabric("[pci port5]\npresent=no");
+  PCIeDiagnostics& diagnostics = fabric.diagnostics;
+  ASSERT_TRUE(diagnostics.shimUpstreamFound);
+  diagnostics.setupShimSwitch(3);
   EXPECT_FALSE(diagnostics.shimUpstreamFound);
-  EXPECT_EQ(diagnostics.downstreamPorts[ShimPort1], nullptr);
-  EXPECT_EQ(diagnostics.downstreamPorts[ShimPort5], nullptr);
+  EXPECT_EQ(diagnostics.shimUpstreamPort, nullptr);
+  EXPECT_EQ(diagnostics.shimUpstreamIds.vendorId + diagnostics.shimUpstreamIds.deviceId, 0);
+  for (const PCIeDownstreamPorts port : {ShimPort1, ShimPort5}) {
+    EXPECT_EQ(diagnostics.downstreamPorts[port], nullptr);
+    EXPECT_EQ(diagnostics.downstreamIds[port].vendorId, 0);
+    EXPECT_EQ(diagnostics.downstreamIds[port].deviceId, 0);
+  }
 }
 
 TEST(ShimSwitch, SaysWhereTheWalkEnds) {
@@ -721,6 +825,12 @@ TEST(Transmitter, FieldsAreReplaced) {
   EXPECT_TRUE(diagnostics.setDriveLevel(DownstreamPort5, 0, 3));
   EXPECT_THAT(fabric.takeTrace(),
               ElementsAreArray(update("0000:01:00.0", 32, 0xB98, 0xABCDFF, 0xABCDF3)));
+  diagnostics.setPostCursorEmphasis(DownstreamPort5, 0, 0xFF000005);
+  diagnostics.setDriveLevel(DownstreamPort5, 0, 0xFF000005);
+  EXPECT_THAT(
+      with(fabric.takeTrace(), "write"),
+      ElementsAre("pci write32 0000:01:00.0 ba8 ffabcdf5", "pci write32 0000:01:00.0 b98 ffabcdf5"))
+      << "bits above the field are set, none is cleared";
   const std::string printed = fabric.output();
   for (const int index : {1, -1}) {
     EXPECT_FALSE(diagnostics.setPostCursorEmphasis(DownstreamPort5, index, 1));

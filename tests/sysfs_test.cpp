@@ -1,9 +1,12 @@
 #include <dirent.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 
 #include "sysfs/SysfsUtil.h"
 #include "tests/Support.h"
@@ -11,6 +14,14 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
+
+static int buffersGiven = 0;
+
+extern "C" int setvbuf(std::FILE* stream, char* buffer, int mode, std::size_t size) noexcept {
+  static const auto real = reinterpret_cast<decltype(&setvbuf)>(dlsym(RTLD_NEXT, "setvbuf"));
+  buffersGiven += buffer != nullptr && mode == _IOFBF && size != 0 ? 1 : 0;
+  return real(stream, buffer, mode, size);
+}
 
 namespace {
 
@@ -124,6 +135,27 @@ TEST(SysfsFiles, WriterWritesExactlyTheData) {
   setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, SIG_DFL);
   EXPECT_EQ(contentOf(file).size(), 10000U) << "a part does not count as success";
+}
+
+TEST(SysfsFiles, StreamsHaveBuffersOfTheirOwn) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("a", "word\n");
+  SysfsUtil sysfs;
+  char buffer[4096];
+  const long before = allocatedArrays();
+  std::ifstream(file).get();
+  EXPECT_GT(allocatedArrays(), before) << "a stream without one takes memory";
+
+  const long arrays = allocatedArrays();
+  sysfs.readSysfs(file, nullptr, true);
+  EXPECT_EQ(allocatedArrays(), arrays);
+
+  // With one, stdio neither takes memory nor asks for the file's size.
+  buffersGiven = 0;
+  sysfs.readSysfs(file, buffer, 0);
+  sysfs.readSysfs(file, buffer, 2);
+  sysfs.writeSysfs(file, "out", 0);
+  EXPECT_EQ(buffersGiven, 3);
 }
 
 TEST(SysfsDirectories, ListsAndFindsEntries) {
