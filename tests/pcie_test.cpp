@@ -115,7 +115,7 @@ std::string bridgeBefore(const std::string& name, const std::string& status = "0
 
 TEST(Discovery, EnablesErrorReportingAlongThePathAndClearsWhatIsLatched) {
   Instrument instrument(
-      "[pci]\n[pci root]\nregister-78=0x000f2810\nregister-12c=0x80\nregister-8c=0x18\n"
+      "[pci]\n[pci root]\nregister-78=0x000f2811\nregister-12c=0x80\nregister-8c=0x18\n"
       "register-130=0x7f\nregister-110=0x31c1\nregister-104=0x100010\n" +
       bridgeBefore("switch", "0xf9000007") + bridgeBefore("port1", "7") +
       bridgeBefore("port5", "7") + bridgeBefore("port9", "7") + bridgeBefore("port7") +
@@ -127,7 +127,7 @@ TEST(Discovery, EnablesErrorReportingAlongThePathAndClearsWhatIsLatched) {
       ElementsAreArray(join({{"pci_system_init", "pci find 0000:00:00.0", "pci find 0000:01:00.0",
                               "pci find 0000:02:01.0", "pci find 0000:02:05.0",
                               "pci find 0000:02:07.0: ENODEV", "pci find 0000:02:09.0"},
-                             update(rootAddress, 16, 0x78, 0x2810, 0x281F),
+                             update(rootAddress, 16, 0x78, 0x2811, 0x281F),
                              update(rootAddress, 16, 0x12C, 0x80, 0x87),
                              update(rootAddress, 16, 0x7A, 0xF, 0xF),
                              update(rootAddress, 32, 0x8C, 0x18, 0x1F),
@@ -587,7 +587,7 @@ TEST(Prbs, IsSetUpAndTornDownInOrder) {
   for (const PCIeDownstreamPorts port : allPorts) {
     const auto& bits = bitsOf[port];
     const std::string upstream = upstreamAddress(port);
-    Fabric fabric(switchGroup(port) + "register-244=0x8300ffff\nregister-25c=0xffffffff\n");
+    Fabric fabric(switchGroup(port) + "register-244=0xbf00ffff\nregister-25c=0xffffffff\n");
     fabric.diagnostics.setupPRBSLoopbackTest(port);
     const Lines trace = fabric.takeTrace();
     ASSERT_EQ(trace.size(), 13U);
@@ -641,6 +641,22 @@ TEST(Prbs, CounterCountsOnlyWhileItIsValid) {
   EXPECT_EQ(diagnostics.readPRBSErrorCounter(DownstreamPort9), 200U);
   EXPECT_EQ(with(fabric.takeTrace(), "pci read32 0000:01:00.0 244 41c80000").size(), 2U);
   EXPECT_THAT(fabric.output(), HasSubstr("portAddress: 244\nbits: 40000000\nreg: 41c80000\n"));
+}
+
+TEST(Prbs, SnapshotReadsSyncBeforeTheCounterAndSaysBoth) {
+  Fabric fabric("[pci port9]\nprbs=no-sync\nprbs-errors-after=0\nprbs-errors-per-second=200\n");
+  fabric.diagnostics.setupPRBSLoopbackTest(DownstreamPort9);
+  fabric.diagnostics.wait_ms(1000);
+  Timeline timeline(fabric);
+  fabric.diagnostics.getDiagnosticsResults(DownstreamPort9, true);
+  const Lines events = timeline.take();
+  ASSERT_GT(events.size(), 13U);
+  const std::string counter = "pci read32 0000:01:00.0 244 41c80000";
+  EXPECT_THAT(Lines(events.end() - 13, events.end()),
+              ElementsAre("port: 3\n", "pci read32 0000:01:00.0 b84 0", "portAddress: b84\n",
+                          "bits: 20000\n", "reg: 0\n", "port: 3\n", counter, "portAddress: 244\n",
+                          "bits: 40000000\n", "reg: 41c80000\n", counter, "prbsSync failed\n",
+                          "prbsErrors: 200\n"));
 }
 
 TEST(PrbsTest, PollsUntilSomethingFails) {
