@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/Growth.h"
 
 #include <malloc.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/I2cDevices.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 
 /// Changes the tree so that udev lists so many I2C devices, those of bench/run.sh included.

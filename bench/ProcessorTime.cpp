@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/ProcessorTime.h"
 
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/Operation.h"
 #include "bench/RawCalls.h"
 #include "sysfs/SysfsUtil.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bench/SystemCalls.h"
 
 #include <sys/ptrace.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Prints what the library weighs and what there is to do when it is loaded; fails over a limit.
 set -euo pipefail
 loadTime=$1

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Measures what loading a library takes in a process that has its dependencies already: this
 // program is linked with them. Each time is that of the first dlopen in a process of its own.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs the benchmarks of a build, then prints the figures of the two libraries given. The benchmarks
 # reach neither this machine's hardware nor a simulator, whose interposed calls would cost the library
 # and its floor differently: a private mount namespace gets a /sys of plain files, copied from the

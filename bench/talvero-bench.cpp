@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // talvero-bench: what the library's operations cost beside the calls that they cannot do without.
 
 #include <linux/magic.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bist/LibraryOutput.h"
 
 #include <stdexcept>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bist/Options.h"
 
 #include "bist/Ports.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bist/Ports.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bist/Slots.h"
 
 #include <exception>

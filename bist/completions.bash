@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # bash completion for talvero-bist
 _talvero_bist() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}

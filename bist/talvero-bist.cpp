@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // talvero-bist: tests an instrument through the library and reports what it found.
 
 #include <cerrno>

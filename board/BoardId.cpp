@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "board/BoardId.h"
 
 #include <iterator>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Preloaded into the instrument's programs on a machine whose kernel cannot start them: when such a
 // program starts another one, it starts QEMU with it.
 

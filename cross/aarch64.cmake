@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The instrument: Debian's cross compiler, and the root directory that cross/sysroot.sh makes.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)

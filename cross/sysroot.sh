@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Makes a root directory of Debian arm64 with the given packages and all that they depend on:
 # unpacked, not installed, so that nothing on this machine changes and no rights are needed. Does
 # nothing when that is there already.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "internal/Directory.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "internal/UdevI2cDevices.h"
 
 UdevI2cDevices::UdevI2cDevices(const char* attribute, const char* value) : library(udev_new()) {

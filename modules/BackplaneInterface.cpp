@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/BackplaneInterface.h"
 
 #include <iterator>

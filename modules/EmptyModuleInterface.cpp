@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/EmptyModuleInterface.h"
 
 EmptyModuleInterface::EmptyModuleInterface() = default;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/I2CModuleInterface.h"
 
 #include "modules/PowerControlInterface.h"

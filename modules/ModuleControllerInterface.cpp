@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/ModuleControllerInterface.h"
 
 ModuleControllerInterface::~ModuleControllerInterface() = default;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/ModuleControllerInterfaceFactory.h"
 
 #include <memory>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/ModuleI2CInfo.h"
 
 #include <libudev.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/PowerControlInterface.h"
 
 PowerControlInterface::~PowerControlInterface() = default;

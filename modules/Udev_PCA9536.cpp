@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "modules/Udev_PCA9536.h"
 
 #include <iostream>
@@ -38,7 +39,7 @@ std::string valueFile(const std::string& gpioLink) { return gpioLink + "/value";
 
 void reportUnopened(const std::string& path) { std::cerr << "Can't open: " << path << std::endl; }
 
-void WriteStringToFile(const std::string& path, const std::string& text) {
+void writeText(const std::string& path, const std::string& text) {
   FileStream<std::ofstream> file(path);
   if (!file.get().is_open()) {
     reportUnopened(path);
@@ -47,7 +48,7 @@ void WriteStringToFile(const std::string& path, const std::string& text) {
   file.get() << text;
 }
 
-std::string ReadLineFromFile(const std::string& path) {
+std::string readLine(const std::string& path) {
   FileStream<std::ifstream> file(path);
   std::string line;
   if (!file.get().is_open()) {
@@ -86,7 +87,7 @@ Udev_PCA9536::~Udev_PCA9536() = default;
 std::string Udev_PCA9536::GetPath() { return gpioChipPath; }
 
 bool Udev_PCA9536::isPowerOn() {
-  return is2k4k ? softPowerOn : ReadLineFromFile(valueFile(powerEnablePath)) == "1";
+  return is2k4k ? softPowerOn : readLine(valueFile(powerEnablePath)) == "1";
 }
 
 void Udev_PCA9536::PowerOn() {
@@ -95,7 +96,7 @@ void Udev_PCA9536::PowerOn() {
     return;
   }
   SpbFPGA fpga;
-  WriteStringToFile(valueFile(powerEnablePath), "1");
+  writeText(valueFile(powerEnablePath), "1");
   fpga.TurnOnModuleClockSource(moduleNumber);
   WaitForPowerSequence(false, powerOnTimeout);
 }
@@ -107,7 +108,7 @@ void Udev_PCA9536::PowerOff() {
   }
   SpbFPGA fpga;
   fpga.TurnOffModuleClockSource(moduleNumber);
-  WriteStringToFile(valueFile(powerEnablePath), "0");
+  writeText(valueFile(powerEnablePath), "0");
   WaitForPowerSequence(true, powerOffTimeout);
 }
 
@@ -146,7 +147,7 @@ bool Udev_PCA9536::GpioExported() const {
 }
 
 bool Udev_PCA9536::PowerSequenceDone() const {
-  return ReadLineFromFile(valueFile(sequenceDonePath)) == "0";
+  return readLine(valueFile(sequenceDonePath)) == "0";
 }
 
 void Udev_PCA9536::WaitForPowerSequence(bool poweringOff, std::chrono::milliseconds timeout) {

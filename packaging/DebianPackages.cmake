@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The Debian packages: runtime, development, tools with the simulator.
 #
 # DEBIAN_PACKAGES adds what Debian wants in a package and others do not want installed.

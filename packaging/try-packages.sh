@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Unpacks the packages into an empty root and uses them there: the tools on the simulated
 # instrument, and the development files to build programs.
 set -euo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "pcie/DiagnosticMaskRegs.h"
 
 #include "pcie/internal/Ports.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "pcie/DiagnosticsResults.h"
 
 #include <cstddef>

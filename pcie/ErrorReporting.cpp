@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "pcie/internal/ErrorReporting.h"
 
 #include <algorithm>

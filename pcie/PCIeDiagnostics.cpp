@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "pcie/PCIeDiagnostics.h"
 
 #include <pciaccess.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 
 /// The downstream ports that PCIeDiagnostics addresses. All devices are in PCI domain 0 and are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "pcie/internal/ConfigSpace.h"
 #include "pcie/internal/Console.h"
 #include "pcie/internal/Ports.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <pciaccess.h>
 
 #include <optional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 
 /// The board FPGA, as far as this library uses it: the clock sources of the module slots.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // talvero-sim: runs a program on a simulated instrument.
 
 #include <sys/prctl.h>

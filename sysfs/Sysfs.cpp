@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sysfs/Sysfs.h"
 
 Sysfs::~Sysfs() = default;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sysfs/SysfsUtil.h"
 
 #include <cstdio>

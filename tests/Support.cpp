@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/Support.h"
 
 #include <sys/wait.h>

@@ -1,5 +1,9 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -14,6 +18,14 @@ namespace {
 Outcome bist(const std::string& instrument, const std::string& arguments) {
   return runCommand(TALVERO_SIM " --fast --instrument " + instrument + " -- " TALVERO_BIST " " +
                     arguments);
+}
+
+std::size_t occurrences(const std::string& text, const std::string& word) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
+    ++count;
+  }
+  return count;
 }
 
 /// The options of each command, and under "" those of the program.
@@ -117,10 +129,21 @@ TEST(TalveroBist, SaysWhichBoardThisIs) {
   EXPECT_THAT(text, HasSubstr("TALVERO PROTO-0 SPB  "));
   EXPECT_THAT(text, HasSubstr("FAIL: 1 fault\n"));
 
+  const std::string low = directory.file("low.conf",
+                                         "[gpio]\n135=no-value\n167=no-value\n168=no-value\n"
+                                         "169=no-value\n170=no-value\n171=no-value\n");
+  EXPECT_THAT(bist(low, "board").output,
+              HasSubstr("cannot be read: 135, 171, 170, 169, 168, 167  FAIL\n"
+                        "  kind         MMB\n"
+                        "  prototype    no\n"));
+  EXPECT_THAT(bist("proto-1", "board").output, HasSubstr("prototype    1\n"));
+
   const std::map<std::string, std::string> kinds = {
       {"mmb", "MMB"}, {"quindara", "QUINDARA MMB"}, {"cxb", "CXB"}, {"tuvak", "TUVAK MMB"}};
   for (const auto& [instrument, kind] : kinds) {
-    const json board = json::parse(bist(instrument, "report --json").output)["board"];
+    const json report = json::parse(bist(instrument, "report --json").output);
+    const json board = report["board"];
+    EXPECT_FALSE(report.contains("slots") || report.contains("pcie")) << "only an SPB has them";
     EXPECT_EQ(board["kind"], kind);
     EXPECT_EQ(board["prototype"], nullptr);
   }
@@ -134,6 +157,10 @@ TEST(TalveroBist, ExitsWith2WithoutHardwareOrForAWrongCall) {
   EXPECT_THAT(outcome.errors, HasSubstr("cannot be opened (Permission denied)"));
   EXPECT_EQ(bist("mmb", "").status, 2);
   EXPECT_EQ(bist("mmb", "bord").status, 2);
+  for (const char* const call : {"link 5", "link 0 --module 4", "prbs 0 --seconds 86401"}) {
+    EXPECT_EQ(bist("full", call).status, 2) << call;
+  }
+  EXPECT_EQ(bist("broken", "prbs 0 --seconds 86400").status, 1);
   EXPECT_EQ(bist("mmb", "board --trace /nowhere/x").status, 2);
   EXPECT_EQ(bist("full", "tx 0 --drive-level 3 --trace /dev/full").status, 2);
   EXPECT_EQ(bist("mmb", "board >/dev/full").status, 2);
@@ -173,11 +200,20 @@ TEST(TalveroBist, ShowsAndSwitchesSlots) {
   EXPECT_THAT(script.output, HasSubstr("slot 2  present   expander      off    down  PASS"));
   EXPECT_EQ(script.status, 0) << "a module that is off has no link to test";
 
+  const Outcome cycled =
+      runCommand(TALVERO_SIM " --fast -- sh -c '" TALVERO_BIST
+                             " report --power-cycle >/dev/null; " TALVERO_BIST " slots --json'");
+  const json after = json::parse(cycled.output)["slots"];
+  EXPECT_EQ(after, slots) << "modules that were off stay off, the others on";
+
   EXPECT_EQ(bist("broken", "power 1 off").status, 0);
   const Outcome stuck = bist("broken", "power 1 on");
   EXPECT_EQ(stuck.status, 1);
   EXPECT_THAT(stuck.output, HasSubstr("| Power on sequence done timed out"));
-  EXPECT_EQ(bist("full", "power 0 on").status, 1) << "no power controller";
+  EXPECT_EQ(json::parse(bist("full", "power 0 off --json").output), json::parse(R"({
+    "power": {"slot": 0, "requested": "off", "result": "has no power controller"}, "messages": [],
+    "failures": ["Power, slot 0: has no power controller"], "verdict": "fail"})"));
+  EXPECT_EQ(bist("full", "power 5 on").status, 0);
   EXPECT_EQ(bist("full", "power 6 on").status, 2);
   EXPECT_EQ(bist("full", "power 1 up").status, 2);
 }
@@ -186,13 +222,22 @@ TEST(TalveroBist, ShowsTheTopologyOfAModule) {
   EXPECT_EQ(json::parse(bist("full", "topology 2 --json").output)["topology"], json::parse(R"({
     "module": 2, "topBus": "i2c-12", "systemBus": "i2c-32", "solutionBus": "i2c-33",
     "is2k4k": false, "expander": "/sys/devices/i2c-2/i2c-12/i2c-32/32-0041/gpio/gpiochip524"})"));
-  EXPECT_EQ(bist("full", "topology 3").status, 1);
+  EXPECT_THAT(bist("full", "topology 3").output,
+              HasSubstr("  device tree   does not describe it  FAIL\n"
+                        "  top bus       -\n"
+                        "  system bus    -\n"
+                        "  solution bus  -\n"
+                        "  2k4k          no\n"
+                        "  expander      -\n"));
   const TemporaryDirectory directory;
   const std::string wrong =
       directory.file("x.conf",
                      "[board]\nstraps=100010\n[module 2-0050]\nid=1\ntop=i2c-2/x\n"
                      "[expander 2-0041]\n[pci]\n");
-  EXPECT_THAT(bist(wrong, "topology 1").output, HasSubstr("cannot be resolved: stoi"));
+  EXPECT_EQ(json::parse(bist(wrong, "topology 1 --json").output), json::parse(R"({
+    "topology": {"module": 1, "error": "stoi"}, "messages": [], "verdict": "fail",
+    "failures": ["Module 1, device tree: cannot be resolved: stoi"]})"));
+  EXPECT_EQ(json::parse(bist(wrong, "slots --json").output)["slots"], nullptr);
   const Outcome report = bist(wrong, "report");
   EXPECT_EQ(report.status, 1);
   EXPECT_THAT(report.output, HasSubstr("backplane  cannot be set up: stoi"));
@@ -252,12 +297,160 @@ link=down
     const Outcome outcome = bist(slow, test + std::string(" 0 --seconds 1 --json"));
     EXPECT_EQ(outcome.status, 1) << test;
     EXPECT_EQ(json::parse(outcome.output)[test]["result"], "root link down, status 0x2011");
+    EXPECT_EQ(json::parse(outcome.output)[test]["record"]["rootLinkFault"], 1);
   }
+  EXPECT_THAT(bist(slow, "errors 0").output,
+              HasSubstr("\n  port                  root link down, status 0x2011  FAIL\n"
+                        "  root uncorrectable    None "));
+  const std::string gone = directory.file("gone.conf", "[pci]\n[pci root]\npresent=no\n");
+  EXPECT_THAT(bist(gone, "link 0").output, HasSubstr("root port not found  FAIL"));
+  EXPECT_THAT(bist("full", "link 4 --module 0").output, HasSubstr("switch not found  FAIL"));
 
   const json report = json::parse(bist(file, "report --json").output);
   EXPECT_EQ(report["pcie"].size(), 4);
   EXPECT_EQ(report["failures"].size(), 3) << report["failures"];
   EXPECT_EQ(json::parse(bist("mmb", "link 0 --json").output)["link"]["result"], "no PCI system");
+}
+
+constexpr char worn[] = R"([board]
+straps=100010
+[gpio]
+133=high
+134=high
+[mux 2-0070]
+1=i2c-11
+[mux 11-0071]
+2=i2c-30
+5=i2c-31
+[module 11-0050]
+id=1
+top=i2c-2/1
+system=2
+solution=5
+[expander 30-0041]
+[power 1]
+[pci]
+shim=2
+[pci root]
+uncorrectable=0x10
+correctable=0x80
+[pci switch]
+uncorrectable=0x1000
+correctable=0x40
+[pci port1]
+link=down
+[pci port5]
+present=no
+[pci port7]
+link=down
+uncorrectable=0x2000
+correctable=0x1
+register-1e8=0x33
+register-1ec=0x44
+[pci shim-port5]
+link=down
+)";
+
+TEST(TalveroBist, ReportsWornHardware) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("worn.conf", worn);
+  const std::string report = bist(file, "report --power-cycle").output;
+  EXPECT_EQ(report.substr(report.find("Slots")), R"(Slots
+          module    controller    power  link
+  slot 0  present   -             -      down  PASS
+  slot 1  present   expander      off    down  PASS
+  slot 2  empty     -             -      down  PASS
+  slot 3  empty     -             -      down  PASS
+  slot 4  present   -             -      -     PASS
+  slot 5  present   -             -      -     PASS
+  | could not enumerate module: 1 (6 times)
+
+PCIe
+  DownstreamPort1  link down                   FAIL
+  DownstreamPort5  port not found              FAIL
+  DownstreamPort7  link down: slot 2 is empty
+  DownstreamPort9  link down: slot 1 is off
+  | could not enumerate module: 1
+
+Power cycle
+  slot 1 off  off  PASS
+  slot 1 on   on   PASS
+
+FAIL: 2 faults
+)");
+  const json cycle = json::parse(bist(file, "report --power-cycle --json").output)["powerCycle"];
+  EXPECT_EQ(cycle[1], json::parse(R"({"step": "slot 1 on", "result": "on"})"));
+  EXPECT_THAT(
+      bist(file, "link 2").output,
+      HasSubstr("data link layer  inactive\n"
+                "  errors           root uncorrectable: Data Link; root correctable: Bad DLLP; "
+                "switch uncorrectable: Poisoned DLP; switch correctable: Bad TLP; "
+                "port uncorrectable: Flow Control; port correctable: Rx Errors\n"));
+  const json record = json::parse(bist(file, "errors 2 --json").output)["errors"]["record"];
+  json expected = record;
+  expected.update(json::parse(R"({"rootUncorrectableStatus": 16, "rootCorrectableStatus": 128,
+      "upstreamUncorrectableStatus": 4096, "upstreamCorrectableStatus": 64,
+      "portUncorrectableStatus": 8192, "portCorrectableStatus": 1, "portRegister1E8": 51,
+      "portRegister1EC": 68, "downstreamLinkUp": false, "portDataLinkActive": false})"));
+  EXPECT_EQ(record, expected);
+  for (const char* const test : {"link", "errors"}) {
+    EXPECT_THAT(bist(file, test + std::string(" 1")).output,
+                AllOf(HasSubstr("port not found  FAIL\n  | could"), HasSubstr("FAIL: 1 fault\n")));
+  }
+  EXPECT_THAT(bist(file, "link 4 --module 2").output, HasSubstr("link up"));
+  EXPECT_THAT(bist(file, "link 5 --module 2").output, HasSubstr("link down"));
+  EXPECT_EQ(bist(file, "tx 5 --module 2 --drive-level 0").status, 0);
+  EXPECT_EQ(json::parse(bist(file, "tx 4 --module 1 --quiet off --json").output)["tx"],
+            json::parse(R"({"port": 4, "name": "ShimPort1", "setting": "quiet transmit",
+                            "value": "off", "ok": false})"));
+  EXPECT_EQ(json::parse(bist(file, "shim 0 --json").output)["shim"],
+            json::parse(R"({"module": 0, "shimUpstreamFound": false, "ShimPort1": "0000:0000",
+                            "shimUpstreamIds": "0000:0000", "ShimPort5": "0000:0000"})"));
+  EXPECT_EQ(json::parse(bist(file, "shim 2 --json").output)["shim"],
+            json::parse(R"({"module": 2, "shimUpstreamFound": true, "ShimPort1": "7a1e:1007",
+                            "shimUpstreamIds": "7a1e:1006", "ShimPort5": "7a1e:1008"})"));
+}
+
+TEST(TalveroBist, TouchesWhatItIsAskedTo) {
+  const TemporaryDirectory directory;
+  const std::string trace = directory.path + "/trace";
+  const struct {
+    const char* arguments;
+    std::size_t clears;  ///< of port 0; the first is the library's own
+    std::size_t looks;
+  } cases[] = {{"link 0", 1, 1},
+               {"link 0 --clear --seconds 2", 2, 20},
+               {"errors 0 --seconds 3", 2, 30},
+               {"report", 8, 8}};
+  for (const auto& test : cases) {
+    runCommand(TALVERO_SIM " --fast --trace " + trace + " -- " TALVERO_BIST " " + test.arguments);
+    const std::string accesses = contentOf(trace);
+    EXPECT_EQ(occurrences(accesses, "pci write32 0000:02:01.0 fc4"), test.clears) << test.arguments;
+    EXPECT_EQ(occurrences(accesses, "sleep 100000 us"), test.looks) << test.arguments;
+  }
+  runCommand(TALVERO_SIM " --fast --trace " + trace + " -- " TALVERO_BIST " power 1 off");
+  EXPECT_THAT(contentOf(trace), AllOf(HasSubstr("bus behind i2c-2 channel 1"),
+                                      Not(HasSubstr("bus behind i2c-2 channel 2"))));
+}
+
+TEST(TalveroBist, CountsTheSecondsOnATerminal) {
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+  ASSERT_EQ(grantpt(terminal), 0);
+  ASSERT_EQ(unlockpt(terminal), 0);
+  const int kept =
+      open(ptsname(terminal), O_RDWR | O_NOCTTY);  // what is written outlasts its writer
+  const auto shown = [&](const std::string& arguments) {
+    EXPECT_EQ(bist("full", arguments + " 2>" + ptsname(terminal)).status, 0);
+    char text[256];
+    const ssize_t size = read(terminal, text, sizeof text);
+    return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+  };
+  EXPECT_EQ(shown("link 1 --seconds 1"), "");
+  EXPECT_EQ(shown("link 1 --seconds 2"), "\rwatching DownstreamPort5: 0 of 2 s\r\033[K");
+  EXPECT_EQ(shown("errors 1 --seconds 2"), "\rwatching DownstreamPort5: 0 of 2 s\r\033[K");
+  EXPECT_EQ(shown("prbs 1 --seconds 2"), "\rPRBS on DownstreamPort5: 0 of 2 s\r\033[K");
+  close(kept);
+  close(terminal);
 }
 
 TEST(TalveroBist, SetsUpTheShimSwitchAndTheTransmitter) {
@@ -284,6 +477,16 @@ TEST(TalveroBist, SetsUpTheShimSwitchAndTheTransmitter) {
   const std::string trace = directory.path + "/trace";
   EXPECT_EQ(bist(file, "tx 1 --drive-level 5 --trace " + trace).status, 0);
   EXPECT_EQ(contentOf(trace), "port: 1\naddress: b98\nwrite: 5\n");
+  EXPECT_EQ(bist(file, "tx 1 --analog-loopback on --trace " + trace).status, 0);
+  EXPECT_THAT(contentOf(trace), HasSubstr("address: b84\nwrite: 1000\n"));
+  EXPECT_EQ(bist(file, "tx 1 --analog-loopback off --trace " + trace).status, 0);
+  EXPECT_THAT(contentOf(trace), Not(HasSubstr("write: 1000\n")));
+  EXPECT_EQ(bist(file, "tx 1 --quiet off --trace " + trace).status, 0);
+  EXPECT_EQ(contentOf(trace), "port: 1\n");
+  EXPECT_THAT(bist(file, "tx 1 --drive-level 8").output,
+              HasSubstr("drive level  8, but it does not read back  FAIL"));
+  EXPECT_EQ(bist("broken", "power 1 on --trace " + trace).status, 1);
+  EXPECT_EQ(contentOf(trace), "Power on sequence done timed out\n") << "failure lines as well";
 }
 
 }  // namespace

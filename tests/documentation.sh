@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs the examples of a documentation page, as a reader would, against an installed copy, and
 # follows its links to pages and their headings.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <gmock/gmock.h>
 
 #include <atomic>
@@ -32,7 +33,10 @@ class Modules : public Instrument {
 };
 
 /// Where the simulated file system lies in the real one.
-std::string simulatedTree() { return std::getenv("UMOCKDEV_DIR"); }
+std::string simulatedTree() {
+  const char* const tree = std::getenv("UMOCKDEV_DIR");
+  return tree != nullptr ? tree : throw std::runtime_error("no simulated file system");
+}
 
 // Module 1 behind two multiplexers, module 2 behind one.
 const std::string buses = R"(

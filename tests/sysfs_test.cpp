@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <dirent.h>
 #include <dlfcn.h>
 #include <gmock/gmock.h>

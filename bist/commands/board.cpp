@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "bist/Command.h"
 #include "board/BoardId.h"
 #include "sysfs/SysfsUtil.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/I2CDev.h"
 
 #include <filesystem>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "platform/SpbFPGA.h"
 
 // Without the instrument's FPGA there is no clock source to switch.

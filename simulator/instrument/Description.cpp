@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/instrument/Description.h"
 
 #include <glib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/parts/Part.h"
 #include "simulator/parts/Values.h"
 

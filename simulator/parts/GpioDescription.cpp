@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <regex>
 
 #include "simulator/parts/GpioLines.h"

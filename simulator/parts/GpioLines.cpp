@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/parts/GpioLines.h"
 
 #include <cerrno>

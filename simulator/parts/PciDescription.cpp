@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <linux/pci_regs.h>
 
 #include <cstring>

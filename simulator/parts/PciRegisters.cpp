@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/parts/PciRegisters.h"
 
 #include <linux/pci_regs.h>

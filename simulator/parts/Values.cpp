@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/parts/Values.h"
 
 #include <cctype>

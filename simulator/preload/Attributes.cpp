@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/preload/Attributes.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files: every function that takes a file's name and neither opens nor lists it. Those that ask see
 // the instrument's file; those that change one are refused, as nobody changes the files below /sys.
 

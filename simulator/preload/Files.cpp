@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files: every way to open, write and close one.
 
 #include <dirent.h>

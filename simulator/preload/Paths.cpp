@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/preload/Paths.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libpciaccess: discovery is its own, over the simulated tree. Configuration space is the fabric's
 // register model: these functions never call the library's own, so that no access can reach a
 // device of the host.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The platform's classes: the clock sources of the simulated FPGA, and the stand-in's real look-up
 // of buses over the simulated tree.
 

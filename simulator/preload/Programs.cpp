@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Programs: every way to start one. It is put on the instrument whatever environment it is given,
 // and refused where the dynamic linker could not do that.
 //

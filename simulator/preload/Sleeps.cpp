@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sleeps: in fast mode they only advance the instrument's clock.
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libudev: the real library answers from the simulated tree; here its calls enter the trace and
 // fail where the description says so.
 

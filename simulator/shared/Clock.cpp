@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/shared/Clock.h"
 
 #include <ctime>

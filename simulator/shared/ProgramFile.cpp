@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/shared/ProgramFile.h"
 
 #include <elf.h>

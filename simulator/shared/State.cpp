@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/shared/State.h"
 
 #include <fcntl.h>

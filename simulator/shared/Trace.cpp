@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulator/shared/Trace.h"
 
 #include <fcntl.h>
