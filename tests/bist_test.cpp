@@ -142,7 +142,7 @@ TEST(TalveroBist, SaysWhichBoardThisIs) {
       {"mmb", "MMB"}, {"quindara", "QUINDARA MMB"}, {"cxb", "CXB"}, {"tuvak", "TUVAK MMB"}};
   for (const auto& [instrument, kind] : kinds) {
     const json report = json::parse(bist(instrument, "report --json").output);
-    const json board = report["board"];
+    const json& board = report["board"];
     EXPECT_FALSE(report.contains("slots") || report.contains("pcie")) << "only an SPB has them";
     EXPECT_EQ(board["kind"], kind);
     EXPECT_EQ(board["prototype"], nullptr);

@@ -613,7 +613,7 @@ TEST(TalveroSim, KeepsOneInstrumentForAWholeScript) {
   const Outcome outcome = runCommand(
       TALVERO_SIM " --trace " + trace +
       " -- sh -c 'cd /sys/class/gpio; echo 5 >/sys/class/gpio/export; "
-      "/bin/echo 5 >/sys/class/gpio/export; /bin/echo out >/sys/class/gpio/gpio5/direction; "
+      "env echo 5 >/sys/class/gpio/export; env echo out >/sys/class/gpio/gpio5/direction; "
       "echo 1 >/sys/class/gpio/gpio5/value; cat /sys/class/gpio/gpio5/value'");
   EXPECT_EQ(outcome.output, "1\n");
   EXPECT_THAT(outcome.errors, HasSubstr("busy"));
@@ -630,10 +630,10 @@ TEST(TalveroSim, TakesWhatShellsRedirect) {
                                      " -- bash -c 'cd /sys/class/gpio; echo 5 >export; "
                                      "exec 7>export; echo 6 >&7; exec 7>&-; "
                                      "exec {fd}>export; echo 7 >&$fd; "
-                                     "{ echo 8; /bin/echo 9; } >export; (/bin/printf 10) >export; "
+                                     "{ echo 8; env echo 9; } >export; (env printf 10) >export; "
                                      "getconf LONG_BIT >export; "  // 64, written as it ends
                                      "echo gpio?*; echo 5 >export; echo $?; "
-                                     "/bin/echo 5 >export; echo $?; cat <gpio5/value'");
+                                     "env echo 5 >export; echo $?; cat <gpio5/value'");
   EXPECT_EQ(outcome.output, "gpio10 gpio5 gpio6 gpio64 gpio7 gpio8 gpio9 gpiochip0\n1\n1\n0\n");
 }
 
@@ -691,6 +691,9 @@ TEST(Programs, DISABLED_StartOnTheInstrument) {
 }
 
 TEST(TalveroSim, PutsEveryProgramOnTheInstrument) {
+#ifndef __x86_64__
+  GTEST_SKIP() << "under QEMU, programs do not find their libraries without their environment";
+#endif
   const std::string self = std::filesystem::read_symlink("/proc/self/exe");
   const Outcome outcome = runCommand("CAT=$(command -v cat) " TALVERO_SIM " -- " + self +
                                      " --gtest_also_run_disabled_tests "
@@ -723,7 +726,7 @@ TEST(TalveroSim, EndsProgramsThatOutliveItWithALine) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   EXPECT_EQ(contentOf(errors), "talvero-sim: the instrument is gone: talvero-sim has ended\n");
-  if (getuid() == 0) {
+  if (getuid() == 0 && runCommand("command -v setpriv").status == 0) {
     const Outcome other = runCommand(TALVERO_SIM " -- setpriv --reuid 65534 --clear-groups true");
     EXPECT_EQ(other.status, 2);
     EXPECT_EQ(other.errors, "talvero-sim: the instrument is another user's\n");

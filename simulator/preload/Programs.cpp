@@ -91,7 +91,7 @@ int become(Program program, const char* name, char* const* environment, Exec rea
     }
   }
   char** const preload = findVariable(complete, variables[0]);
-  const char* const given = valueOf(*preload);
+  const char* const given = *preload == nullptr ? "" : valueOf(*preload);
   if (std::strstr(given, valueOf(settings[0])) == nullptr) {
     const std::size_t size = std::strlen(settings[0]) + std::strlen(given) + 2;
     auto* const both = static_cast<char*>(alloca(size));
@@ -184,10 +184,17 @@ int execv(const char* program, char* const arguments[]) noexcept {
 
 int execvpe(const char* name, char* const arguments[], char* const environment[]) noexcept {
   static const auto real = next(&execvpe, "execvpe");
+  static const auto realExecve = next(&execve, "execve");
+  if (!isOnInstrument()) {
+    return real(name, arguments, environment);
+  }
   char program[PATH_MAX];
   search(name, program);
   return become(static_cast<const char*>(program), program, environment,
-                [&](char* const* complete) { return real(name, arguments, complete); });
+                [&](char* const* complete) {
+                  realExecve(program, arguments, complete);
+                  return real(name, arguments, complete);  // knows what else to try
+                });
 }
 
 int execvp(const char* name, char* const arguments[]) noexcept {
