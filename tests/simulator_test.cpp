@@ -392,6 +392,13 @@ TEST(Safety, NothingReachesTheHostsOwnGpioWithoutAnInstrument) {
                "no simulated instrument: refusing /sys/class/gpio/export");
 }
 
+void release(dirent64** entries, int count) {
+  for (int index = 0; index < count; ++index) {
+    std::free(entries[index]);
+  }
+  std::free(entries);
+}
+
 TEST(Safety, EveryNameLeadsToTheSimulatedFile) {
   const Instrument instrument("");
   const char* const label = "/sys/class/gpio/gpiochip0/label";
@@ -413,8 +420,10 @@ TEST(Safety, EveryNameLeadsToTheSimulatedFile) {
   dirent64** entries = nullptr;
   EXPECT_EQ(scandir64("/sys/class", &entries, nullptr, alphasort64), 3);
   EXPECT_STREQ(entries[2]->d_name, "gpio");
+  release(entries, 3);
   const int parent = open("/sys/class", O_RDONLY | O_DIRECTORY);
   EXPECT_EQ(scandirat64(parent, "gpio", &entries, nullptr, alphasort64), 5 + 1);
+  release(entries, 6);
   close(parent);
 
   static std::vector<std::string> walked;
