@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -88,31 +87,21 @@ std::vector<char*> pointersTo(std::vector<std::string>& arguments) {
   return pointers;
 }
 
-/// Which signals the caller of talvero-sim ignores. What stands behind the instrument ignores
-/// others for itself, SIGPIPE among them, and a program keeps what it finds ignored.
-std::array<bool, NSIG> ignoredSignals() {
-  std::array<bool, NSIG> ignored{};
-  for (int signal = 1; signal < NSIG; ++signal) {
-    struct sigaction action {};
-    ignored[static_cast<std::size_t>(signal)] =
-        sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
-  }
-  return ignored;
-}
+/// What talvero-sim changes for itself, as its caller had it, which is how a program finds it.
+struct Signals {
+  sigset_t blocked;
+  sighandler_t childEnded;
+};
 
-/// In the child of a process that has threads, and so without a call that may wait for one of them,
-/// an allocation of memory among others.
 [[noreturn]] void becomeProgram(const std::string& path, char* const* arguments, pid_t parent,
-                                const std::array<bool, NSIG>& ignored, const sigset_t& signals) {
+                                const Signals& before) {
   // Nobody would remove the instrument after a program that outlives talvero-sim.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {
     _exit(notExecutable);
   }
-  for (int signal = 1; signal < NSIG; ++signal) {
-    std::signal(signal, ignored[static_cast<std::size_t>(signal)] ? SIG_IGN : SIG_DFL);
-  }
-  sigprocmask(SIG_SETMASK, &signals, nullptr);
+  std::signal(SIGCHLD, before.childEnded);
+  sigprocmask(SIG_SETMASK, &before.blocked, nullptr);
   execvp(path.c_str(), arguments);
   const int error = errno;
   std::cerr << "talvero-sim: cannot run " << path << ": " << std::strerror(error) << "\n";
@@ -162,15 +151,14 @@ int run(Arguments& arguments) {
               << ": it would reach this machine's own hardware\n";
     return usageError;
   }
-  const std::array<bool, NSIG> ignored = ignoredSignals();
-  sigset_t before;
   sigset_t passed;
   sigemptyset(&passed);
   for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2}) {
     sigaddset(&passed, signal);
   }
-  std::signal(SIGCHLD, SIG_DFL);  // an ignored one would never tell of the program's end
-  sigprocmask(SIG_BLOCK, &passed, &before);
+  Signals before{};
+  before.childEnded = std::signal(SIGCHLD, SIG_DFL);  // an ignored one would not tell of its end
+  sigprocmask(SIG_BLOCK, &passed, &before.blocked);
   int status = 0;
   {
     simulator::removeAbandonedInstruments();
@@ -185,12 +173,12 @@ int run(Arguments& arguments) {
       throw std::system_error(errno, std::generic_category(), "fork");
     }
     if (child == 0) {
-      becomeProgram(program, pointers.data(), self, ignored, before);
+      becomeProgram(program, pointers.data(), self, before);
     }
     status = waitForProgram(child, passed);
     instrument.requireTrace();
   }
-  return passOn(status, before);
+  return passOn(status, before.blocked);
 }
 
 }  // namespace

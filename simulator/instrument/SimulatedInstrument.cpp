@@ -3,8 +3,8 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <glib.h>
 #include <sys/file.h>
-#include <umockdev.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -59,14 +59,17 @@ std::string ownLibrary() {
   return fs::absolute(library.dli_fname).string();
 }
 
-/// umockdev ends the process when it has no place for its tree.
-UMockdevTestbed* createTestbed() {
-  const fs::path directory = g_get_tmp_dir();
-  if (!directory.is_absolute() || access(directory.c_str(), W_OK | X_OK) != 0) {
-    throw std::runtime_error("no directory for temporary files: " + directory.string() +
+constexpr char rootVariable[] = "UMOCKDEV_DIR";
+
+/// The directory of a new instrument, which umockdev shows from now on.
+std::string createRoot() {
+  std::string root = (fs::path(g_get_tmp_dir()) / "talvero-sim.XXXXXX").string();
+  if (!fs::path(root).is_absolute() || mkdtemp(root.data()) == nullptr) {
+    throw std::runtime_error("no directory for temporary files: " + std::string(g_get_tmp_dir()) +
                              " (TMPDIR)");
   }
-  return umockdev_testbed_new();
+  setenv(rootVariable, root.c_str(), 1);
+  return root;
 }
 
 /// AddressSanitizer's run-time library, in a build that uses it: it insists on coming first.
@@ -83,11 +86,8 @@ SimulatedInstrument::SimulatedInstrument(const Hardware& hardware)
     : SimulatedInstrument(hardware, Options()) {}
 
 SimulatedInstrument::SimulatedInstrument(const Hardware& hardware, const Options& options)
-    : testbed(createTestbed()) {
+    : root(createRoot()) {
   try {
-    char* directory = umockdev_testbed_get_root_dir(testbed);
-    root = directory;
-    g_free(directory);
     traceFile = options.trace.empty() ? root + "/trace" : fs::absolute(options.trace).string();
     if (!std::ofstream(traceFile)) {
       throw std::runtime_error(traceFile + ": cannot be written");
@@ -116,7 +116,9 @@ void SimulatedInstrument::release() {
     state()->ended = true;
   }
   detach();
-  g_object_unref(testbed);
+  std::error_code ignored;
+  fs::remove_all(root, ignored);
+  unsetenv(rootVariable);
   if (lock >= 0) {
     ::close(lock);
   }

@@ -8,8 +8,6 @@
 
 #include "simulator/instrument/Description.h"
 
-struct _UMockdevTestbed;
-
 namespace simulator {
 
 /// A simulated instrument: while the object exists, this process and the programs that it starts
@@ -50,7 +48,6 @@ class SimulatedInstrument {
   std::string traceFile;
   std::streamoff traceTaken = 0;
   int lock = -1;
-  _UMockdevTestbed* testbed;
 };
 
 /// Removes what instruments have left behind whose process was killed.
