@@ -6,7 +6,7 @@
 namespace simulator {
 
 std::int64_t now(const State& state) {
-  return state.fast ? state.slept : hostTime() - state.started;
+  return state.fast ? state.slept.load() : hostTime() - state.started;
 }
 
 std::int64_t hostTime() {

@@ -19,13 +19,13 @@ namespace simulator {
 
 struct State {
   pthread_mutex_t mutex;
-  char root[PATH_MAX];          ///< umockdev's directory; the simulated /sys is below it
-  char trace[PATH_MAX];         ///< file that receives the trace; empty for none
-  std::atomic<bool> traceLost;  ///< a line could not be written
-  std::atomic<bool> ended;      ///< talvero-sim is gone, and the tree with it
-  bool fast;                    ///< sleeps advance the clock instead of sleeping
-  std::int64_t started;         ///< host's clock when the instrument started, microseconds
-  std::int64_t slept;           ///< clock in fast mode, microseconds
+  char root[PATH_MAX];              ///< umockdev's directory; the simulated /sys is below it
+  char trace[PATH_MAX];             ///< file that receives the trace; empty for none
+  std::atomic<bool> traceLost;      ///< a line could not be written
+  std::atomic<bool> ended;          ///< talvero-sim is gone, and the tree with it
+  bool fast;                        ///< sleeps advance the clock instead of sleeping
+  std::int64_t started;             ///< host's clock when the instrument started, microseconds
+  std::atomic<std::int64_t> slept;  ///< clock in fast mode, microseconds
   Hardware hardware;
 };
 
