@@ -5,11 +5,15 @@
 
 #include "bist/Report.h"
 
+/// What a command asks of the machine.
+enum class Needs { instrument, spb };
+
 /// A command of the program. Each has a file of its name in commands/, which also keeps what the
 /// command's options have said, and a row in the table of talvero-bist.cpp.
 struct Command {
   const char* name;
   const char* help;  ///< a line for --help
+  Needs needs;
   /// Called once, before the command line is read; noOptions for a command without any.
   void (*addOptions)(CLI::App& app);
   /// Does the command's tests through the library's public classes and reports what they found.

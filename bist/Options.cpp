@@ -1,36 +1,62 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Options.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "bist/Ports.h"
 
 namespace {
 
-std::vector<std::pair<std::string, PCIeDownstreamPorts>> portsByName() {
-  std::vector<std::pair<std::string, PCIeDownstreamPorts>> names;
-  for (unsigned int number = 0; number <= ShimPort5; ++number) {
-    const auto port = static_cast<PCIeDownstreamPorts>(number);
-    names.emplace_back(portName(port), port);
-  }
-  return names;
+constexpr unsigned int longest = 86400;  // seconds, a day
+
+std::string lowerCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+  return text;
 }
 
-bool isOnShim(PCIeDownstreamPorts port) { return port == ShimPort1 || port == ShimPort5; }
+/// The ports as --help lists them.
+std::string portList() {
+  std::string text;
+  for (unsigned int number = 0; number <= ShimPort5; ++number) {
+    const auto port = static_cast<PCIeDownstreamPorts>(number);
+    const int slot = slotOf(port);
+    text += (text.empty() ? "" : ", ") + std::to_string(number) + " or " + portName(port) +
+            (slot < 0 ? " (that of --module)" : " (slot " + std::to_string(slot) + ")");
+  }
+  return text;
+}
+
+/// Makes its number of a port's name.
+CLI::Validator portNumber() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        for (unsigned int number = 0; number <= ShimPort5; ++number) {
+          const std::string name = portName(static_cast<PCIeDownstreamPorts>(number));
+          if (lowerCase(text) == lowerCase(name) || text == std::to_string(number)) {
+            text = std::to_string(number);
+            return "";
+          }
+        }
+        return "must be " + portList() + ", not \"" + text + "\"";
+      },
+      "");
+}
+
+bool isOnShim(PCIeDownstreamPorts port) { return slotOf(port) < 0; }
 
 }  // namespace
 
 void PortOption::addTo(CLI::App& command) {
-  command
-      .add_option("PORT", port,
-                  "0 to 5, or DownstreamPort1, DownstreamPort5, DownstreamPort7, DownstreamPort9, "
-                  "ShimPort1, ShimPort5")
+  command.add_option("PORT", port, portList())
       ->required()
-      ->transform(CLI::Transformer(portsByName(), CLI::ignore_case))
-      ->check(CLI::Range(0, 5))
+      ->transform(portNumber())
       ->option_text(" ");
   command
       .add_option("--module", shimModule,
                   "module, 0 to 3, whose shim switch has the port; needed for ports 4 and 5")
-      ->check(CLI::Range(0, 3))
+      ->check(wholeNumber(3))
       ->option_text("MODULE");
   command.callback([this, &command] {
     if (isOnShim(port) && command.count("--module") == 0) {
@@ -45,13 +71,40 @@ void PortOption::reach(PCIeDiagnostics& diagnostics) const {
   }
 }
 
+int PortOption::slot() const {
+  return isOnShim(port) ? static_cast<int>(shimModule) : slotOf(port);
+}
+
+std::string PortOption::title() const { return portTitle(port, slot()); }
+
 CLI::Option* addSeconds(CLI::App& command, unsigned int& seconds, const char* help) {
   return command.add_option("--seconds", seconds, help)
-      ->check(CLI::Range(0, 86400))
+      ->check(wholeNumber(longest))
       ->option_text("N");
 }
 
-CLI::CheckedTransformer onOff() {
-  return CLI::CheckedTransformer(
-      std::vector<std::pair<std::string, bool>>{{"on", true}, {"off", false}});
+CLI::Validator wholeNumber(unsigned int largest) {
+  return CLI::Validator(
+      [largest](std::string& text) -> std::string {
+        const bool digits = !text.empty() && text.size() <= 10 &&
+                            text.find_first_not_of("0123456789") == std::string::npos;
+        if (digits && std::stoull(text) <= largest) {
+          return "";
+        }
+        return "must be a whole number from 0 to " + std::to_string(largest) + ", not \"" + text +
+               "\"";
+      },
+      "");
+}
+
+CLI::Validator onOff() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        if (text != "on" && text != "off") {
+          return "must be \"on\" or \"off\", not \"" + text + "\"";
+        }
+        text = text == "on" ? "true" : "false";
+        return "";
+      },
+      "");
 }

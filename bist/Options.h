@@ -3,9 +3,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "bist/Report.h"
 #include "pcie/PCIeDiagnostics.h"
 
-/// Options that several commands have.
+/// Options that several commands have, and what they may say.
 
 /// The downstream port PORT and, for one on a shim switch, --module.
 struct PortOption {
@@ -17,10 +18,20 @@ struct PortOption {
 
   /// Sets up the shim switch that has the port, if it is on one.
   void reach(PCIeDiagnostics& diagnostics) const;
+
+  /// The slot that the port leads to; that of its module for one on a shim switch.
+  int slot() const;
+
+  std::string title() const;
+
+  Subject subject() const { return {"port", static_cast<int>(port)}; }
 };
 
 /// --seconds, 0 to 86400.
 CLI::Option* addSeconds(CLI::App& command, unsigned int& seconds, const char* help);
 
+/// Takes 0 to `largest`, in decimal digits.
+CLI::Validator wholeNumber(unsigned int largest);
+
 /// Makes true of "on" and false of "off".
-CLI::CheckedTransformer onOff();
+CLI::Validator onOff();

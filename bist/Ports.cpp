@@ -1,12 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Ports.h"
 
+#include <chrono>
 #include <cstdio>
 
 namespace {
 
-constexpr const char* portNames[] = {"DownstreamPort1", "DownstreamPort5", "DownstreamPort7",
-                                     "DownstreamPort9", "ShimPort1",       "ShimPort5"};
+/// By port.
+constexpr struct {
+  const char* name;
+  int slot;
+} ports[] = {{"DownstreamPort1", 0}, {"DownstreamPort5", 3}, {"DownstreamPort7", 2},
+             {"DownstreamPort9", 1}, {"ShimPort1", -1},      {"ShimPort5", -1}};
+
+constexpr unsigned int lastPrbsCount = 255;  // where the counter stops
 
 std::string hex(unsigned int number) {
   char text[12];
@@ -68,7 +75,13 @@ Json recordJson(const DiagnosticsResults& results) {
 
 }  // namespace
 
-std::string portName(PCIeDownstreamPorts port) { return portNames[port]; }
+std::string portName(PCIeDownstreamPorts port) { return ports[port].name; }
+
+int slotOf(PCIeDownstreamPorts port) { return ports[port].slot; }
+
+std::string portTitle(PCIeDownstreamPorts port, int slot) {
+  return portName(port) + " (slot " + std::to_string(slot) + ")";
+}
 
 std::string hex(DeviceIds ids) {
   char text[12];
@@ -100,7 +113,11 @@ Line linkLine(const std::string& label, const DiagnosticsResults& results) {
           passIf(results.downstreamLinkUp)};
 }
 
-Line prbsLine(const std::string& label, const DiagnosticsResults& results, unsigned int seconds) {
+Line testPrbs(const std::string& label, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
+              unsigned int seconds, DiagnosticsResults& results) {
+  const auto start = std::chrono::steady_clock::now();
+  results = diagnostics.testDownstreamPort(port, seconds);
+  const std::chrono::duration<double> tested = std::chrono::steady_clock::now() - start;
   const std::string reason = obstacle(results);
   if (!reason.empty()) {
     return {label, reason, Verdict::fail};
@@ -109,9 +126,14 @@ Line prbsLine(const std::string& label, const DiagnosticsResults& results, unsig
     return {label, results.downstreamLinkUp ? "no sync" : "link lost", Verdict::fail};
   }
   const unsigned int errors = results.prbsErrors;
-  const std::string count =
-      errors == 0 ? "no errors" : std::to_string(errors) + (errors == 1 ? " error" : " errors");
-  return {label, count + " in " + std::to_string(seconds) + " s", passIf(errors == 0)};
+  if (errors == 0) {
+    return {label, "no errors in " + std::to_string(seconds) + " s", Verdict::pass};
+  }
+  char text[60];
+  std::snprintf(text, sizeof text, "%s%u error%s in %.1f s",
+                errors == lastPrbsCount ? "at least " : "", errors, errors == 1 ? "" : "s",
+                tested.count());
+  return {label, text, Verdict::fail};
 }
 
 std::vector<Line> errorLines(const PCIeDiagnostics& diagnostics,
@@ -135,7 +157,7 @@ Line errorSummary(const std::string& label, const PCIeDiagnostics& diagnostics,
   return {label, text.empty() ? "no errors latched" : text, passIf(text.empty())};
 }
 
-Json portJson(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
+Json portJson(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int slot,
               const DiagnosticsResults& results, const std::string& result) {
   Json texts;
   for (const StatusWord& status : statusWords) {
@@ -143,6 +165,7 @@ Json portJson(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
   }
   return {{"port", static_cast<int>(port)},
           {"name", portName(port)},
+          {"slot", slot},
           {"result", result},
           {"record", recordJson(results)},
           {"decoded", texts}};

@@ -9,6 +9,12 @@
 /// The ports' names, which are those of their enumerators.
 std::string portName(PCIeDownstreamPorts port);
 
+/// The slot that a port of the main switch leads to; -1 for a port on the shim switch of a module.
+int slotOf(PCIeDownstreamPorts port);
+
+/// "DownstreamPort5 (slot 3)".
+std::string portTitle(PCIeDownstreamPorts port, int slot);
+
 /// "vendor:device", four hexadecimal digits each.
 std::string hex(DeviceIds ids);
 
@@ -19,7 +25,12 @@ std::string obstacle(const DiagnosticsResults& results);
 
 Line linkLine(const std::string& label, const DiagnosticsResults& results);
 
-Line prbsLine(const std::string& label, const DiagnosticsResults& results, unsigned int seconds);
+/// Runs the PRBS loopback test, which ends at the first error.
+///
+/// @param results  receives the test's
+/// @return says for how long the port was tested
+Line testPrbs(const std::string& label, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
+              unsigned int seconds, DiagnosticsResults& results);
 
 /// A line for each status word of the path.
 std::vector<Line> errorLines(const PCIeDiagnostics& diagnostics, const DiagnosticsResults& results);
@@ -28,6 +39,7 @@ std::vector<Line> errorLines(const PCIeDiagnostics& diagnostics, const Diagnosti
 Line errorSummary(const std::string& label, const PCIeDiagnostics& diagnostics,
                   const DiagnosticsResults& results);
 
+/// @param slot    that the port leads to
 /// @param result  what the text output says
-Json portJson(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
+Json portJson(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int slot,
               const DiagnosticsResults& results, const std::string& result);

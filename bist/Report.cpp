@@ -10,6 +10,14 @@ namespace {
 
 constexpr const char* verdicts[] = {"  PASS", "  FAIL", ""};  // indexed by Verdict
 
+/// A message with the part that it is about, where the section's other lines do not tell.
+std::string textOf(const Message& message, const Section& section) {
+  const Subject& about = message.about;
+  return about.kind == section.about.kind
+             ? message.text
+             : about.kind + " " + std::to_string(about.number) + ": " + message.text;
+}
+
 void printSection(std::ostream& out, const Section& section) {
   std::size_t labelWidth = 0;
   std::size_t textWidth = 0;
@@ -24,9 +32,11 @@ void printSection(std::ostream& out, const Section& section) {
         << verdicts[static_cast<int>(line.verdict)] << "\n";
   }
   for (auto message = section.messages.begin(); message != section.messages.end();) {
-    const auto other = std::find_if(message, section.messages.end(),
-                                    [&](const std::string& next) { return next != *message; });
-    out << "  | " << *message;
+    const std::string text = textOf(*message, section);
+    const auto other = std::find_if(message, section.messages.end(), [&](const Message& next) {
+      return textOf(next, section) != text;
+    });
+    out << "  | " << text;
     if (other - message > 1) {
       out << " (" << other - message << " times)";
     }
@@ -35,12 +45,27 @@ void printSection(std::ostream& out, const Section& section) {
   }
 }
 
+Json messageJson(const Message& message, const Section& section) {
+  Json json = {{"section", section.key}};
+  if (!message.about.kind.empty()) {
+    json[message.about.kind] = message.about.number;
+  }
+  json["text"] = message.text;
+  return json;
+}
+
 }  // namespace
 
 Verdict passIf(bool good) { return good ? Verdict::pass : Verdict::fail; }
 
+void Report::takeMessages(Section& section, const Subject& about) {
+  for (const std::string& text : output.takeMessages(section.showTrace)) {
+    section.messages.push_back({about, text});
+  }
+}
+
 void Report::add(Section section) {
-  section.messages = output.takeMessages(section.showTrace);
+  takeMessages(section, section.about);
   sections.push_back(std::move(section));
 }
 
@@ -57,10 +82,12 @@ void Report::printText(std::ostream& out) const {
 
 void Report::printJson(std::ostream& out) const {
   Json all;
-  std::vector<std::string> messages;
+  Json messages = Json::array();
   for (const Section& section : sections) {
     all[section.key] = section.data;
-    messages.insert(messages.end(), section.messages.begin(), section.messages.end());
+    for (const Message& message : section.messages) {
+      messages.push_back(messageJson(message, section));
+    }
   }
   all["messages"] = messages;
   all["failures"] = failures();
@@ -74,7 +101,8 @@ std::vector<std::string> Report::failures() const {
   for (const Section& section : sections) {
     for (const Line& line : section.lines) {
       if (line.verdict == Verdict::fail) {
-        result.push_back(section.title + ", " + line.label + ": " + line.text);
+        result.push_back(section.title + ", " + line.label + ": " +
+                         (line.failure.empty() ? line.text : line.failure));
       }
     }
   }

@@ -19,6 +19,19 @@ struct Line {
   std::string label;
   std::string text;
   Verdict verdict = Verdict::none;
+  std::string failure = {};  ///< what has failed, where the text is a row of a table
+};
+
+/// A part of the instrument by its number, such as {"slot", 1}; no part without a kind.
+struct Subject {
+  std::string kind;
+  int number = 0;
+};
+
+/// A line that the library wrote.
+struct Message {
+  Subject about;
+  std::string text;
 };
 
 /// The findings on one subject.
@@ -27,8 +40,9 @@ struct Section {
   std::string title;
   std::vector<Line> lines = {};
   Json data = {};
-  std::vector<std::string> messages = {};  ///< failure lines that the library wrote meanwhile
-  bool showTrace = false;                  ///< its other lines are of interest too
+  Subject about = {};                  ///< where all of the section is about one part
+  std::vector<Message> messages = {};  ///< failure lines that the library wrote meanwhile
+  bool showTrace = false;              ///< its other lines are of interest too
 };
 
 /// What a command has found out, for a person and for a program.
@@ -36,6 +50,10 @@ class Report {
  public:
   /// @param libraryOutput  where the library's lines arrive meanwhile
   explicit Report(LibraryOutput& libraryOutput) : output(libraryOutput) {}
+
+  /// Gives a section the lines that the library has written since the last call, as lines about a
+  /// part. Throws std::runtime_error when the trace file cannot be written.
+  void takeMessages(Section& section, const Subject& about);
 
   /// Adds a section, to which the lines belong that the library has written since the last one.
   /// Throws std::runtime_error when the trace file cannot be written.

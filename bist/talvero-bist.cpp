@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 // talvero-bist: tests an instrument through the library and reports what it found.
 
-#include <cerrno>
-#include <cstring>
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "bist/Command.h"
-#include "sysfs/SysfsUtil.h"
+#include "bist/Machine.h"
 
 namespace {
 
@@ -19,17 +18,10 @@ constexpr const Command* commands[] = {
 
 enum ExitStatus { pass = 0, fail = 1, usageOrNoHardware = 2 };
 
-// Any line will do; a BoardId exports this one as well.
-bool instrumentIsHere() { return SysfsUtil().exportGpio("167"); }
-
 int execute(const Command& command, bool json, const std::string& traceFile) {
-  errno = 0;
-  if (!instrumentIsHere()) {
-    std::cerr << "talvero-bist: no instrument here: /sys/class/gpio/export cannot be opened ("
-              << std::strerror(errno)
-              << "). On a workstation, run it on a simulated one: talvero-sim -- talvero-bist "
-                 "report\n";
-    return usageOrNoHardware;
+  requireInstrument();
+  if (command.needs == Needs::spb) {
+    requireSpb(command.name);
   }
   LibraryOutput output(traceFile);
   Report report(output);
@@ -41,6 +33,26 @@ int execute(const Command& command, bool json, const std::string& traceFile) {
   return report.passed() ? pass : fail;
 }
 
+/// What every command takes, at the end of its own help.
+std::string commonOptions(const CLI::App& app) {
+  return CLI::Formatter().make_group(
+      "Options of every command", false,
+      app.get_options([](const CLI::Option* option) { return option->get_configurable(); }));
+}
+
+/// A call without a command, or with a word in its place that is none.
+int refuse(const CLI::App& app) {
+  const std::vector<std::string> words = app.remaining();
+  std::vector<std::string> names;
+  for (const Command* const command : commands) {
+    names.emplace_back(command->name);
+  }
+  std::cerr << "talvero-bist: "
+            << (words.empty() ? "no command given" : "\"" + words.front() + "\" is no command")
+            << "; the commands are " << joined(names) << "\n";
+  return usageOrNoHardware;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -48,8 +60,9 @@ int main(int argc, char** argv) {
       "Tests the hardware of the instrument and reports what it found. On a workstation, run it\n"
       "on a simulated instrument: talvero-sim -- talvero-bist report",
       "talvero-bist");
-  app.footer(
-      "Exit status: 0 everything passed, 1 something failed, 2 wrong call or no instrument.\n");
+  const std::string exitStatus =
+      "Exit status: 0 everything passed, 1 something failed, 2 wrong call or no instrument.\n";
+  app.footer(exitStatus);
   app.set_version_flag("--version", TALVERO_VERSION);
   app.require_subcommand(1);
   app.fallthrough();
@@ -59,16 +72,22 @@ int main(int argc, char** argv) {
   app.add_flag("--json", json, "print one JSON object instead of text");
   app.add_option("--trace", traceFile, "write the library's register trace to this file")
       ->option_text("FILE");
+  addSpbOption(app);
+  const std::string common = commonOptions(app).substr(1);  // begins with an empty line
   const Command* chosen = nullptr;
   for (const Command* const command : commands) {
     CLI::App& subcommand = *app.add_subcommand(command->name, command->help);
     subcommand.parse_complete_callback([&chosen, command] { chosen = command; });
     command->addOptions(subcommand);
+    subcommand.footer(common + "\n" + exitStatus);
   }
   try {
     app.parse(argc, argv);
     return execute(*chosen, json, traceFile);
   } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0 && app.get_subcommands().empty()) {
+      return refuse(app);
+    }
     return app.exit(error) == 0 ? pass : usageOrNoHardware;
   } catch (const std::exception& error) {
     std::cerr << "talvero-bist: " << error.what() << "\n";

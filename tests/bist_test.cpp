@@ -11,7 +11,10 @@
 #include "tests/Support.h"
 
 using nlohmann::json;
+using testing::ContainsRegex;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -52,7 +55,9 @@ Interface inHelp() {
   Interface result{{"", matches(help, option)}};
   for (const std::string& command : matches(between(help, "Subcommands:", "Exit"), "\n  (\\S+)")) {
     result[command] = matches(bist("full", command + " --help").output, option);
-    EXPECT_EQ(result[command].erase("--help"), 1) << command;
+    for (const std::string& common : result[""]) {
+      EXPECT_EQ(result[command].erase(common), common == "--version" ? 0 : 1) << command << common;
+    }
   }
   return result;
 }
@@ -131,11 +136,10 @@ TEST(TalveroBist, SaysWhichBoardThisIs) {
 
   const std::string low = directory.file("low.conf",
                                          "[gpio]\n135=no-value\n167=no-value\n168=no-value\n"
-                                         "169=no-value\n170=no-value\n171=no-value\n");
-  EXPECT_THAT(bist(low, "board").output,
-              HasSubstr("cannot be read: 135, 171, 170, 169, 168, 167  FAIL\n"
-                        "  kind         MMB\n"
-                        "  prototype    no\n"));
+                                         "169=no-value\n170=no-value\n171=low\n");
+  EXPECT_THAT(bist(low, "board").output, HasSubstr("cannot be read: 135, 170, 169, 168, 167  FAIL\n"
+                                                   "  kind         MMB\n"
+                                                   "  prototype    no\n"));
   EXPECT_THAT(bist("proto-1", "board").output, HasSubstr("prototype    1\n"));
 
   const std::map<std::string, std::string> kinds = {
@@ -149,23 +153,85 @@ TEST(TalveroBist, SaysWhichBoardThisIs) {
   }
 }
 
-TEST(TalveroBist, ExitsWith2WithoutHardwareOrForAWrongCall) {
-  const TemporaryDirectory directory;
-  const std::string file = directory.file("x.conf", "[faults]\ngpio-export=on\n");
-  const Outcome outcome = bist(file, "board");
-  EXPECT_EQ(outcome.status, 2);
-  EXPECT_THAT(outcome.errors, HasSubstr("cannot be opened (Permission denied)"));
-  EXPECT_EQ(bist("mmb", "").status, 2);
-  EXPECT_EQ(bist("mmb", "bord").status, 2);
-  for (const char* const call : {"link 5", "link 0 --module 4", "prbs 0 --seconds 86401"}) {
-    EXPECT_EQ(bist("full", call).status, 2) << call;
+TEST(TalveroBist, RefusesAWrongCall) {
+  const struct {
+    const char* call;
+    const char* sentence;
+  } cases[] = {
+      {"", "no command given; the commands are report, board, slots, power, topology, link, "},
+      {"bord", "\"bord\" is no command; the commands are report, board, "},
+      {"power 1 maybe", "STATE: must be \"on\" or \"off\", not \"maybe\""},
+      {"power 6 on", "SLOT: must be a whole number from 0 to 5, not \"6\""},
+      {"link 0 --seconds 1.5", "--seconds: must be a whole number from 0 to 86400, not \"1.5\""},
+      {"prbs 0 --seconds 86401", "0 to 86400"},
+      {"topology -1", "MODULE: must be a whole number from 0 to 4294967295, not \"-1\""},
+      {"link Port9", "3 or DownstreamPort9 (slot 1), 4 or ShimPort1 (that of --module), "},
+      {"link 6", "PORT: must be 0 or DownstreamPort1 (slot 0), 1 or DownstreamPort5 (slot 3), 2"},
+      {"link 5", "give --module"},
+      {"link 0 --module 4", "--module: must be a whole number from 0 to 3"},
+      {"shim 4", "0 to 3"},
+      {"tx 3 --post-cursor 16", "0 to 15"},
+      {"tx 3 --quiet up", "--quiet: must be \"on\" or \"off\""},
+      {"tx 3", "[--drive-level,--post-cursor,--quiet,--analog-loopback]"},
+      {"tx 3 --quiet on --post-cursor 1", "Exactly 1 option"},
+      {"board --trace /nowhere/x", "/nowhere/x: cannot be written"},
+      {"tx 0 --drive-level 3 --trace /dev/full", "/dev/full: cannot be written"},
+      {"board >/dev/full", "standard output cannot be written"}};
+  for (const auto& test : cases) {
+    const Outcome outcome = bist("full", test.call);
+    EXPECT_EQ(outcome.status, 2) << test.call;
+    EXPECT_THAT(outcome.errors, HasSubstr(test.sentence)) << test.call;
+    EXPECT_EQ(outcome.output, "") << test.call;
   }
-  EXPECT_EQ(bist("broken", "prbs 0 --seconds 86400").status, 1);
-  EXPECT_EQ(bist("mmb", "board --trace /nowhere/x").status, 2);
-  EXPECT_EQ(bist("full", "tx 0 --drive-level 3 --trace /dev/full").status, 2);
-  EXPECT_EQ(bist("mmb", "board >/dev/full").status, 2);
   EXPECT_EQ(bist("mmb", "--version").status, 0);
   EXPECT_THAT(bist("mmb", "--help").output, HasSubstr("Exit status: 0"));
+}
+
+// On none of these may a test touch what it takes for an instrument's.
+TEST(TalveroBist, RefusesAMachineThatIsNoInstrument) {
+  const TemporaryDirectory directory;
+  const std::string foreign = directory.file(
+      "foreign.conf",
+      "[gpio]\n135=missing\n167=missing\n168=missing\n169=missing\n170=missing\n171=missing\n"
+      "[pci]\n");
+  const std::string locked = directory.file("locked.conf", "[faults]\ngpio-export=on\n");
+  const std::string strapless =
+      directory.file("strapless.conf", "[board]\nstraps=100010\n[gpio]\n135=missing\n[pci]\n");
+  const std::string trace = directory.path + "/trace";
+  const std::string spbCommands[] = {"slots",          "power 1 on",         "link 0",
+                                     "errors 0",       "prbs 0 --seconds 1", "shim 1",
+                                     "tx 0 --quiet on"};
+  const auto refused = [&](const std::string& instrument, const std::string& call,
+                           const std::string& sentence) {
+    const Outcome outcome = runCommand(TALVERO_SIM " --fast --trace " + trace + " --instrument " +
+                                       instrument + " -- " TALVERO_BIST " " + call);
+    EXPECT_EQ(outcome.status, 2) << call;
+    EXPECT_EQ(outcome.output, "") << call;
+    EXPECT_THAT(outcome.errors, HasSubstr(sentence)) << call;
+    EXPECT_THAT(contentOf(trace),
+                Not(AnyOf(HasSubstr("pci"), HasSubstr("udev"), HasSubstr("fpga"))))
+        << call;
+  };
+  for (const std::string& call : spbCommands) {
+    refused(foreign, call,
+            "no instrument here: none of the strap lines can be read (135, 171, 170");
+    refused("mmb", call,
+            " needs an SPB, and by its straps this board is 0 (000000), DORVELLE MMB SINGLE GIG-E. "
+            "--spb-despite-straps overrules the straps");
+  }
+  for (const char* const call : {"report", "board", "topology 1"}) {
+    refused(foreign, call, "no instrument here: none of the strap lines can be read");
+    refused(locked, call,
+            "no rights to use the GPIO lines: /sys/class/gpio/export cannot be opened (Permission "
+            "denied). Run it as root");
+  }
+  refused(strapless, "link 0",
+          "2 (000010), DORVELLE MMB SINGLE GIG-E PDH FULL; cannot be read: 135.");
+  EXPECT_EQ(bist(strapless, "link 0 --spb-despite-straps").status, 0);
+  EXPECT_THAT(bist(foreign, "report --spb-despite-straps").output,
+              HasSubstr("DownstreamPort1 (slot 0)         link up"));
+  EXPECT_EQ(json::parse(bist("mmb", "link 0 --json --spb-despite-straps").output)["link"]["result"],
+            "no PCI system");
 }
 
 TEST(TalveroBist, ReportsEveryFaultAndNoOther) {
@@ -179,12 +245,19 @@ TEST(TalveroBist, ReportsEveryFaultAndNoOther) {
   EXPECT_EQ(broken.status, 1);
   EXPECT_EQ(json::parse(broken.output)["failures"], json::parse(R"([
     "Board, strap lines: cannot be read: 171",
-    "Slots, slot 2: present   no expander   -      up",
-    "PCIe, DownstreamPort1 PRBS: 30 errors in 1 s",
-    "PCIe, DownstreamPort5: port not found",
-    "PCIe, DownstreamPort7 errors: port uncorrectable: Poisoned DLP; port correctable: Rx Errors, Bad TLP",
-    "PCIe, DownstreamPort7 PRBS: no sync",
+    "Slots, slot 2: present, but no expander answers",
+    "PCIe, DownstreamPort1 (slot 0) PRBS: 30 errors in 0.5 s",
+    "PCIe, DownstreamPort5 (slot 3): port not found",
+    "PCIe, DownstreamPort7 (slot 2) errors: port uncorrectable: Poisoned DLP; port correctable: Rx Errors, Bad TLP",
+    "PCIe, DownstreamPort7 (slot 2) PRBS: no sync",
     "Power cycle, slot 1 on: power sequence not finished"])"));
+  const json messages = json::parse(broken.output)["messages"];
+  EXPECT_EQ(messages[0], json::parse(R"({"section": "slots",
+                                         "text": "could not enumerate module: 1"})"));
+  EXPECT_EQ(messages[7],
+            json::parse(R"({"section": "pcie", "port": 0, "text": "prbsErrors: 30"})"));
+  EXPECT_EQ(messages.back(), json::parse(R"({"section": "powerCycle", "slot": 1,
+                                             "text": "Power on sequence done timed out"})"));
 }
 
 TEST(TalveroBist, ShowsAndSwitchesSlots) {
@@ -214,8 +287,6 @@ TEST(TalveroBist, ShowsAndSwitchesSlots) {
     "power": {"slot": 0, "requested": "off", "result": "has no power controller"}, "messages": [],
     "failures": ["Power, slot 0: has no power controller"], "verdict": "fail"})"));
   EXPECT_EQ(bist("full", "power 5 on").status, 0);
-  EXPECT_EQ(bist("full", "power 6 on").status, 2);
-  EXPECT_EQ(bist("full", "power 1 up").status, 2);
 }
 
 TEST(TalveroBist, ShowsTheTopologyOfAModule) {
@@ -233,7 +304,7 @@ TEST(TalveroBist, ShowsTheTopologyOfAModule) {
   const std::string wrong =
       directory.file("x.conf",
                      "[board]\nstraps=100010\n[module 2-0050]\nid=1\ntop=i2c-2/x\n"
-                     "[expander 2-0041]\n[pci]\n");
+                     "[expander 2-0041]\n[pci]\n[pci port9]\nlink=down\n");
   EXPECT_EQ(json::parse(bist(wrong, "topology 1 --json").output), json::parse(R"({
     "topology": {"module": 1, "error": "stoi"}, "messages": [], "verdict": "fail",
     "failures": ["Module 1, device tree: cannot be resolved: stoi"]})"));
@@ -241,6 +312,7 @@ TEST(TalveroBist, ShowsTheTopologyOfAModule) {
   const Outcome report = bist(wrong, "report");
   EXPECT_EQ(report.status, 1);
   EXPECT_THAT(report.output, HasSubstr("backplane  cannot be set up: stoi"));
+  EXPECT_THAT(report.output, ContainsRegex("DownstreamPort9 .slot 1. +link down +FAIL\n"));
 }
 
 TEST(TalveroBist, JudgesPciePorts) {
@@ -277,14 +349,14 @@ link=down
                {"prbs 1 --seconds 60", "prbs", "no sync", 1},
                {"prbs 2 --seconds 60", "prbs", "link lost", 1},
                {"prbs 2 --seconds 20", "prbs", "no errors in 20 s", 0},
-               {"prbs 3 --seconds 60", "prbs", "12 errors in 60 s", 1},
+               {"prbs 3 --seconds 60", "prbs", "12 errors in 29.5 s", 1},
                {"prbs ShimPort5 --module 1 --seconds 60", "prbs", "no errors in 60 s", 0}};
   for (const auto& test : cases) {
     const Outcome outcome = bist(file, test.arguments + std::string(" --json"));
     const json result = json::parse(outcome.output);
     EXPECT_EQ(result[test.subject]["result"], test.result) << test.arguments;
     EXPECT_EQ(outcome.status, test.status) << test.arguments;
-    EXPECT_EQ(result["messages"][0], "could not enumerate module: 0");
+    EXPECT_EQ(result["messages"][0]["text"], "could not enumerate module: 0");
   }
   const json errors = json::parse(bist(file, "errors 1 --seconds 2 --json").output)["errors"];
   EXPECT_EQ(errors["decoded"]["portUncorrectableStatus"], "Data Link, Unsupported Request");
@@ -292,7 +364,8 @@ link=down
   EXPECT_EQ(errors["record"]["portUncorrectableStatus"], 0x100010);
   EXPECT_EQ(errors["record"]["portIds"], "7a1e:1003");
   EXPECT_EQ(bist(file, "errors 1").status, 1);
-  const std::string slow = directory.file("slow.conf", "[pci]\n[pci root]\nlink-status=0x2011\n");
+  const std::string slow = directory.file(
+      "slow.conf", "[board]\nstraps=100010\n[pci]\n[pci root]\nlink-status=0x2011\n");
   for (const char* const test : {"link", "errors", "prbs"}) {
     const Outcome outcome = bist(slow, test + std::string(" 0 --seconds 1 --json"));
     EXPECT_EQ(outcome.status, 1) << test;
@@ -302,14 +375,21 @@ link=down
   EXPECT_THAT(bist(slow, "errors 0").output,
               HasSubstr("\n  port                  root link down, status 0x2011  FAIL\n"
                         "  root uncorrectable    None "));
-  const std::string gone = directory.file("gone.conf", "[pci]\n[pci root]\npresent=no\n");
+  const std::string gone =
+      directory.file("gone.conf", "[board]\nstraps=100010\n[pci]\n[pci root]\npresent=no\n");
   EXPECT_THAT(bist(gone, "link 0").output, HasSubstr("root port not found  FAIL"));
   EXPECT_THAT(bist("full", "link 4 --module 0").output, HasSubstr("switch not found  FAIL"));
 
   const json report = json::parse(bist(file, "report --json").output);
   EXPECT_EQ(report["pcie"].size(), 4);
   EXPECT_EQ(report["failures"].size(), 3) << report["failures"];
-  EXPECT_EQ(json::parse(bist("mmb", "link 0 --json").output)["link"]["result"], "no PCI system");
+  const std::string noisy =
+      directory.file("noisy.conf",
+                     "[board]\nstraps=100010\n[pci]\n[pci "
+                     "port1]\nprbs-errors-after=0\nprbs-errors-per-second=1000\n"
+                     "[pci port5]\nprbs-errors-after=0\nprbs-errors-per-second=2\n");
+  EXPECT_THAT(bist(noisy, "prbs 0 --seconds 5").output, HasSubstr("at least 255 errors in 0.5 s"));
+  EXPECT_THAT(bist(noisy, "prbs 1 --seconds 5").output, HasSubstr(" 1 error in 0.5 s"));
 }
 
 constexpr char worn[] = R"([board]
@@ -366,10 +446,10 @@ TEST(TalveroBist, ReportsWornHardware) {
   | could not enumerate module: 1 (6 times)
 
 PCIe
-  DownstreamPort1  link down                   FAIL
-  DownstreamPort5  port not found              FAIL
-  DownstreamPort7  link down: slot 2 is empty
-  DownstreamPort9  link down: slot 1 is off
+  DownstreamPort1 (slot 0)  link down                   FAIL
+  DownstreamPort5 (slot 3)  port not found              FAIL
+  DownstreamPort7 (slot 2)  link down: slot 2 is empty
+  DownstreamPort9 (slot 1)  link down: slot 1 is off
   | could not enumerate module: 1
 
 Power cycle
@@ -382,10 +462,11 @@ FAIL: 2 faults
   EXPECT_EQ(cycle[1], json::parse(R"({"step": "slot 1 on", "result": "on"})"));
   EXPECT_THAT(
       bist(file, "link 2").output,
-      HasSubstr("data link layer  inactive\n"
-                "  errors           root uncorrectable: Data Link; root correctable: Bad DLLP; "
-                "switch uncorrectable: Poisoned DLP; switch correctable: Bad TLP; "
-                "port uncorrectable: Flow Control; port correctable: Rx Errors\n"));
+      HasSubstr(
+          "data link layer           inactive\n"
+          "  errors                    root uncorrectable: Data Link; root correctable: Bad DLLP; "
+          "switch uncorrectable: Poisoned DLP; switch correctable: Bad TLP; "
+          "port uncorrectable: Flow Control; port correctable: Rx Errors\n"));
   const json record = json::parse(bist(file, "errors 2 --json").output)["errors"]["record"];
   json expected = record;
   expected.update(json::parse(R"({"rootUncorrectableStatus": 16, "rootCorrectableStatus": 128,
@@ -401,7 +482,7 @@ FAIL: 2 faults
   EXPECT_THAT(bist(file, "link 5 --module 2").output, HasSubstr("link down"));
   EXPECT_EQ(bist(file, "tx 5 --module 2 --drive-level 0").status, 0);
   EXPECT_EQ(json::parse(bist(file, "tx 4 --module 1 --quiet off --json").output)["tx"],
-            json::parse(R"({"port": 4, "name": "ShimPort1", "setting": "quiet transmit",
+            json::parse(R"({"port": 4, "name": "ShimPort1", "slot": 1, "setting": "quiet transmit",
                             "value": "off", "ok": false})"));
   EXPECT_EQ(json::parse(bist(file, "shim 0 --json").output)["shim"],
             json::parse(R"({"module": 0, "shimUpstreamFound": false, "ShimPort1": "0000:0000",
@@ -441,21 +522,26 @@ TEST(TalveroBist, CountsTheSecondsOnATerminal) {
       open(ptsname(terminal), O_RDWR | O_NOCTTY);  // what is written outlasts its writer
   const auto shown = [&](const std::string& arguments) {
     EXPECT_EQ(bist("full", arguments + " 2>" + ptsname(terminal)).status, 0);
-    char text[256];
+    char text[1024];
     const ssize_t size = read(terminal, text, sizeof text);
     return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
   };
   EXPECT_EQ(shown("link 1 --seconds 1"), "");
-  EXPECT_EQ(shown("link 1 --seconds 2"), "\rwatching DownstreamPort5: 0 of 2 s\r\033[K");
-  EXPECT_EQ(shown("errors 1 --seconds 2"), "\rwatching DownstreamPort5: 0 of 2 s\r\033[K");
-  EXPECT_EQ(shown("prbs 1 --seconds 2"), "\rPRBS on DownstreamPort5: 0 of 2 s\r\033[K");
+  EXPECT_EQ(shown("link 1 --seconds 2"), "\rwatching DownstreamPort5 (slot 3): 0 of 2 s\r\033[K");
+  EXPECT_EQ(shown("errors 1 --seconds 2"), "\rwatching DownstreamPort5 (slot 3): 0 of 2 s\r\033[K");
+  EXPECT_EQ(shown("prbs 1 --seconds 2"), "\rPRBS on DownstreamPort5 (slot 3): 0 of 2 s\r\033[K");
+  EXPECT_EQ(shown("power 1 on"), "\rslot 1 on: 0 s\r\033[K");
+  EXPECT_THAT(shown("report --power-cycle"),
+              AllOf(StartsWith("\rtesting DownstreamPort1 (slot 0): 0 s\r\033[K"),
+                    EndsWith("\rpower cycle of slot 5: 0 s\r\033[K")));
   close(kept);
   close(terminal);
 }
 
 TEST(TalveroBist, SetsUpTheShimSwitchAndTheTransmitter) {
   const TemporaryDirectory directory;
-  const std::string file = directory.file("x.conf", "[pci]\nshim=3\n[pci switch]\nstuck-b98=0x8\n");
+  const std::string file = directory.file(
+      "x.conf", "[board]\nstraps=100010\n[pci]\nshim=3\n[pci switch]\nstuck-b98=0x8\n");
   const Outcome shim = bist(file, "shim 3");
   EXPECT_EQ(shim.status, 0);
   EXPECT_THAT(shim.output, HasSubstr("Module Downstream: 5"));
@@ -463,17 +549,11 @@ TEST(TalveroBist, SetsUpTheShimSwitchAndTheTransmitter) {
   const struct {
     const char* setting;
     int status;
-  } cases[] = {{"--drive-level 7", 0},           {"--drive-level 8", 1}, {"--post-cursor 15", 0},
-               {"--post-cursor 16", 2},          {"--quiet on", 0},      {"--quiet off", 0},
-               {"--analog-loopback on", 0},      {"--quiet up", 2},      {"", 2},
-               {"--quiet on --post-cursor 1", 2}};
+  } cases[] = {{"--drive-level 7", 0}, {"--drive-level 8", 1}, {"--post-cursor 15", 0},
+               {"--quiet on", 0},      {"--quiet off", 0},     {"--analog-loopback on", 0}};
   for (const auto& test : cases) {
     EXPECT_EQ(bist(file, std::string("tx 3 ") + test.setting).status, test.status) << test.setting;
   }
-  EXPECT_EQ(bist(file, "tx 4 --quiet on").status, 2) << "no module given";
-  EXPECT_EQ(bist(file, "tx 6 --quiet on").status, 2);
-  EXPECT_EQ(bist(file, "shim 4").status, 2);
-
   const std::string trace = directory.path + "/trace";
   EXPECT_EQ(bist(file, "tx 1 --drive-level 5 --trace " + trace).status, 0);
   EXPECT_EQ(contentOf(trace), "port: 1\naddress: b98\nwrite: 5\n");

@@ -1,25 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Command.h"
+#include "bist/Machine.h"
 #include "board/BoardId.h"
-#include "sysfs/SysfsUtil.h"
 
 namespace {
-
-constexpr const char* strapLines[] = {"135", "171", "170", "169", "168", "167"};
-
-// BoardId takes a strap line that cannot be read for a low one; only the line itself tells.
-std::vector<std::string> unreadableStraps() {
-  std::vector<std::string> lines;
-  SysfsUtil sysfs;
-  for (const char* line : strapLines) {
-    bool success = false;
-    sysfs.readGpioValue(line, &success);
-    if (!success) {
-      lines.push_back(line);
-    }
-  }
-  return lines;
-}
 
 std::string kind(const BoardId& board) {
   return board.isTuvak()      ? "TUVAK MMB"
@@ -34,14 +18,6 @@ Json prototype(const BoardId& board) {
          : board.isProtoOne() ? Json(1)
          : board.isProtoTwo() ? Json(2)
                               : Json(nullptr);
-}
-
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : ", ") + word;
-  }
-  return text;
 }
 
 const char* connection(bool connected) { return connected ? "connected" : "not connected"; }
@@ -76,5 +52,6 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command boardCommand = {
-    "board", "say which board this is and which boards are attached to it", noOptions, run};
+const Command boardCommand = {"board",
+                              "say which board this is and which boards are attached to it",
+                              Needs::instrument, noOptions, run};

@@ -17,10 +17,11 @@ void addOptions(CLI::App& app) {
 void run(Report& report) {
   PCIeDiagnostics diagnostics;
   target.reach(diagnostics);
-  const Progress progress("watching " + portName(target.port), seconds);
+  const Progress progress("watching " + target.title(), seconds);
   const DiagnosticsResults results =
       diagnostics.checkLiveDownstreamPort(target.port, seconds, true);
-  Section section{"errors", "Errors " + portName(target.port)};
+  Section section{"errors", "Errors " + target.title()};
+  section.about = target.subject();
   const std::string reason = obstacle(results);
   if (found(results.portIds)) {
     section.lines = errorLines(diagnostics, results);
@@ -28,11 +29,11 @@ void run(Report& report) {
   if (!reason.empty()) {
     section.lines.insert(section.lines.begin(), {"port", reason, Verdict::fail});
   }
-  section.data = portJson(diagnostics, target.port, results, reason);
+  section.data = portJson(diagnostics, target.port, target.slot(), results, reason);
   report.add(section);
 }
 
 }  // namespace
 
-const Command errorsCommand = {"errors", "name the errors that a PCIe port latches", addOptions,
-                               run};
+const Command errorsCommand = {"errors", "name the errors that a PCIe port latches", Needs::spb,
+                               addOptions, run};

@@ -19,11 +19,12 @@ void addOptions(CLI::App& app) {
 void run(Report& report) {
   PCIeDiagnostics diagnostics;
   target.reach(diagnostics);
-  const Progress progress("watching " + portName(target.port), seconds);
+  const Progress progress("watching " + target.title(), seconds);
   const DiagnosticsResults results =
       diagnostics.checkLiveDownstreamPort(target.port, seconds, clear);
-  Section section{"link", "Link", {linkLine(portName(target.port), results)}};
-  section.data = portJson(diagnostics, target.port, results, section.lines[0].text);
+  Section section{"link", "Link", {linkLine(target.title(), results)}};
+  section.about = target.subject();
+  section.data = portJson(diagnostics, target.port, target.slot(), results, section.lines[0].text);
   if (found(results.portIds)) {
     section.lines.push_back(
         {"data link layer", results.portDataLinkActive ? "active" : "inactive"});
@@ -36,4 +37,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command linkCommand = {"link", "say whether a PCIe port's link is up", addOptions, run};
+const Command linkCommand = {"link", "say whether a PCIe port's link is up", Needs::spb, addOptions,
+                             run};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Command.h"
 #include "bist/Options.h"
+#include "bist/Progress.h"
 #include "bist/Slots.h"
 
 namespace {
@@ -9,17 +10,19 @@ int slot = 0;
 bool on = false;
 
 void addOptions(CLI::App& app) {
-  app.add_option("SLOT", slot, "0 to 5")->required()->check(CLI::Range(0, 5))->option_text(" ");
+  app.add_option("SLOT", slot, "0 to 5")->required()->check(wholeNumber(5))->option_text(" ");
   app.add_option("STATE", on, "on or off")->required()->transform(onOff())->option_text(" ");
 }
 
 void run(Report& report) {
   Section section{"power", "Power"};
+  section.about = {"slot", slot};
   guarded(section, [&] {
     if (!hasExpander(slot)) {
       section.lines.push_back({slotName(slot), "has no power controller", Verdict::fail});
       return;
     }
+    const Progress progress(slotName(slot) + (on ? " on" : " off"));
     BackplaneInterface backplane(slot);
     section.lines.push_back(switchSlot(backplane, slot, on));
   });
@@ -30,4 +33,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command powerCommand = {"power", "turn the module in a slot on or off", addOptions, run};
+const Command powerCommand = {"power", "turn the module in a slot on or off", Needs::spb,
+                              addOptions, run};

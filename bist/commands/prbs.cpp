@@ -17,12 +17,17 @@ void addOptions(CLI::App& app) {
 void run(Report& report) {
   PCIeDiagnostics diagnostics;
   target.reach(diagnostics);
-  const Progress progress("PRBS on " + portName(target.port), seconds);
-  const DiagnosticsResults results = diagnostics.testDownstreamPort(target.port, seconds);
-  const Line line = prbsLine(portName(target.port), results, seconds);
-  report.add({"prbs", "PRBS", {line}, portJson(diagnostics, target.port, results, line.text)});
+  const Progress progress("PRBS on " + target.title(), seconds);
+  DiagnosticsResults results;
+  const Line line = testPrbs(target.title(), diagnostics, target.port, seconds, results);
+  report.add({"prbs",
+              "PRBS",
+              {line},
+              portJson(diagnostics, target.port, target.slot(), results, line.text),
+              target.subject()});
 }
 
 }  // namespace
 
-const Command prbsCommand = {"prbs", "run the PRBS loopback test on a PCIe port", addOptions, run};
+const Command prbsCommand = {"prbs", "run the PRBS loopback test on a PCIe port", Needs::spb,
+                             addOptions, run};

@@ -1,53 +1,64 @@
 // SPDX-License-Identifier: MIT
+#include <exception>
+
 #include "bist/Command.h"
+#include "bist/Machine.h"
 #include "bist/Ports.h"
+#include "bist/Progress.h"
 #include "bist/Slots.h"
-#include "board/BoardId.h"
 
 namespace {
 
-/// The main switch's ports, and the slots that they lead to.
-constexpr struct {
-  PCIeDownstreamPorts port;
-  int slot;
-} mainPorts[] = {
-    {DownstreamPort1, 0}, {DownstreamPort5, 3}, {DownstreamPort7, 2}, {DownstreamPort9, 1}};
+constexpr PCIeDownstreamPorts mainPorts[] = {DownstreamPort1, DownstreamPort5, DownstreamPort7,
+                                             DownstreamPort9};
 
-/// Why the link to a slot need not be up: the slot is empty or off. Empty when it has to be.
+/// Why the link to a slot need not be up: the slot is empty or off. Empty when it has to be, or
+/// when the modules' topology keeps that from being found out.
 std::string reasonForNoLink(int slot) {
-  BackplaneInterface backplane(slot);
-  if (!backplane.isModulePresent(slot)) {
-    return slotName(slot) + " is empty";
+  try {
+    BackplaneInterface backplane(slot);
+    if (!backplane.isModulePresent(slot)) {
+      return slotName(slot) + " is empty";
+    }
+    return hasExpander(slot) && !backplane.isModuleOn(slot) ? slotName(slot) + " is off" : "";
+  } catch (const std::exception&) {
+    return "";
   }
-  return hasExpander(slot) && !backplane.isModuleOn(slot) ? slotName(slot) + " is off" : "";
 }
 
-/// Links, errors and PRBS result of the main switch's ports, those without a link for a good reason
-/// excepted.
-Section pcieSection() {
+/// Link, errors and PRBS result of a port, of one without a link for a good reason the link alone.
+void testPort(Section& section, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
   constexpr unsigned int seconds = 1;
+  const int slot = slotOf(port);
+  const std::string title = portTitle(port, slot);
+  const Progress progress("testing " + title);
+  DiagnosticsResults results = diagnostics.checkLiveDownstreamPort(port, 0, true);
+  section.lines.push_back(linkLine(title, results));
+  if (section.lines.back().verdict == Verdict::pass) {
+    section.lines.push_back(errorSummary(title + " errors", diagnostics, results));
+    section.lines.push_back(testPrbs(title + " PRBS", diagnostics, port, seconds, results));
+  } else if (found(results.portIds)) {
+    const std::string reason = reasonForNoLink(slot);
+    if (!reason.empty()) {
+      section.lines.back() = {title, "link down: " + reason};
+    }
+  }
+  section.data.push_back(portJson(diagnostics, port, slot, results, section.lines.back().text));
+}
+
+void addPcie(Report& report) {
   Section section{"pcie", "PCIe", {}, Json::array()};
   PCIeDiagnostics diagnostics;
-  for (const auto& [port, slot] : mainPorts) {
-    const std::string name = portName(port);
-    DiagnosticsResults results = diagnostics.checkLiveDownstreamPort(port, 0, true);
-    section.lines.push_back(linkLine(name, results));
-    if (section.lines.back().verdict == Verdict::pass) {
-      section.lines.push_back(errorSummary(name + " errors", diagnostics, results));
-      results = diagnostics.testDownstreamPort(port, seconds);
-      section.lines.push_back(prbsLine(name + " PRBS", results, seconds));
-    } else if (found(results.portIds)) {
-      const std::string reason = reasonForNoLink(slot);
-      if (!reason.empty()) {
-        section.lines.back() = {name, "link down: " + reason};
-      }
-    }
-    section.data.push_back(portJson(diagnostics, port, results, section.lines.back().text));
+  report.takeMessages(section, {});
+  for (const PCIeDownstreamPorts port : mainPorts) {
+    testPort(section, diagnostics, port);
+    report.takeMessages(section, {"port", static_cast<int>(port)});
   }
-  return section;
+  report.add(section);
 }
 
 void cyclePower(BackplaneInterface& backplane, int slot, Section& section) {
+  const Progress progress("power cycle of " + slotName(slot));
   const bool wasOn = backplane.isModuleOn(slot);
   section.lines.push_back(switchSlot(backplane, slot, false));
   section.lines.push_back(switchSlot(backplane, slot, true));
@@ -57,20 +68,22 @@ void cyclePower(BackplaneInterface& backplane, int slot, Section& section) {
 }
 
 /// Turns each module that has a power controller off and on, and leaves it as it was.
-Section powerCycleSection() {
+void addPowerCycle(Report& report) {
   Section section{"powerCycle", "Power cycle", {}, Json::array()};
   guarded(section, [&] {
     BackplaneInterface backplane;
+    report.takeMessages(section, {});
     for (int slot = 0; slot < slotCount; ++slot) {
       if (hasExpander(slot)) {
         cyclePower(backplane, slot, section);
+        report.takeMessages(section, {"slot", slot});
       }
     }
   });
   for (const Line& line : section.lines) {
     section.data.push_back({{"step", line.label}, {"result", line.text}});
   }
-  return section;
+  report.add(section);
 }
 
 bool powerCycle = false;
@@ -83,16 +96,17 @@ void addOptions(CLI::App& app) {
 /// Only an SPB has a backplane and a PCIe switch.
 void run(Report& report) {
   boardCommand.run(report);
-  if (!BoardId().isSPB()) {
+  if (!isSpb()) {
     return;
   }
   slotsCommand.run(report);
-  report.add(pcieSection());
+  addPcie(report);
   if (powerCycle) {
-    report.add(powerCycleSection());
+    addPowerCycle(report);
   }
 }
 
 }  // namespace
 
-const Command reportCommand = {"report", "test everything and report it", addOptions, run};
+const Command reportCommand = {"report", "test everything and report it", Needs::instrument,
+                               addOptions, run};

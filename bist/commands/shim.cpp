@@ -8,7 +8,7 @@ namespace {
 unsigned int module = 0;
 
 void addOptions(CLI::App& app) {
-  app.add_option("MODULE", module, "0 to 3")->required()->check(CLI::Range(0, 3))->option_text(" ");
+  app.add_option("MODULE", module, "0 to 3")->required()->check(wholeNumber(3))->option_text(" ");
 }
 
 void run(Report& report) {
@@ -16,6 +16,7 @@ void run(Report& report) {
   diagnostics.setupShimSwitch(module);
   const bool ok = diagnostics.shimUpstreamFound;
   Section section{"shim", "Shim switch of module " + std::to_string(module)};
+  section.about = {"module", static_cast<int>(module)};
   section.showTrace = true;
   section.lines.push_back({"switch", ok ? "set up" : "not found", passIf(ok)});
   if (ok) {
@@ -33,5 +34,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command shimCommand = {"shim", "find and set up the shim switch of a module", addOptions,
-                             run};
+const Command shimCommand = {"shim", "find and set up the shim switch of a module", Needs::spb,
+                             addOptions, run};

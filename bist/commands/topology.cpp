@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <exception>
+#include <limits>
 
 #include "bist/Command.h"
 #include "bist/Options.h"
@@ -13,6 +14,7 @@ unsigned int module = 0;
 void addOptions(CLI::App& app) {
   app.add_option("MODULE", module, "module number, which is its slot's")
       ->required()
+      ->check(wholeNumber(std::numeric_limits<unsigned int>::max()))
       ->option_text(" ");
 }
 
@@ -47,4 +49,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command topologyCommand = {"topology", "show the I2C buses of a module", addOptions, run};
+const Command topologyCommand = {"topology", "show the I2C buses of a module", Needs::instrument,
+                                 addOptions, run};

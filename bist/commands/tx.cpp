@@ -43,7 +43,7 @@ void addOptions(CLI::App& app) {
                                      ->transform(onOff())
                                      ->option_text("on|off")
                               : *group.add_option(setting.option, level, setting.help)
-                                     ->check(CLI::Range(0, 15))
+                                     ->check(wholeNumber(15))
                                      ->option_text("0..15");
     option.each([&setting](const std::string&) { chosen = &setting; });
   }
@@ -71,15 +71,18 @@ void run(Report& report) {
     text = wanted + (ok ? "" : ", but it does not read back");
   }
   report.add({"tx",
-              "Transmitter of " + portName(target.port),
+              "Transmitter of " + target.title(),
               {{chosen->name, text, passIf(ok)}},
               {{"port", static_cast<int>(target.port)},
                {"name", portName(target.port)},
+               {"slot", target.slot()},
                {"setting", chosen->name},
                {"value", wanted},
-               {"ok", ok}}});
+               {"ok", ok}},
+              target.subject()});
 }
 
 }  // namespace
 
-const Command txCommand = {"tx", "change one transmitter setting of a PCIe port", addOptions, run};
+const Command txCommand = {"tx", "change one transmitter setting of a PCIe port", Needs::spb,
+                           addOptions, run};

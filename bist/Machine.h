@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+/// Which machine the program runs on: many that are no instrument have GPIO lines and PCI devices
+/// of their own, which no test may touch.
+
+/// The GPIO lines of the straps that cannot be read, bit 5's first. BoardId takes those for low.
+std::vector<std::string> unreadableStraps();
+
+/// "135, 171" of {"135", "171"}.
+std::string joined(const std::vector<std::string>& words);
+
+/// --spb-despite-straps, for the bring-up of a board whose straps are broken.
+void addSpbOption(CLI::App& app);
+
+/// Whether the board has slots and a PCIe switch: an SPB by its straps, or by the option.
+bool isSpb();
+
+/// Throws std::runtime_error, whose text is a sentence, without the rights to use GPIO lines, and
+/// where none of the straps can be read.
+void requireInstrument();
+
+/// Throws std::runtime_error, whose text is a sentence, on a board that is no SPB.
+///
+/// @param command  what needs one
+void requireSpb(const std::string& command);
