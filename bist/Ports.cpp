@@ -3,6 +3,10 @@
 
 #include <chrono>
 #include <cstdio>
+#include <iterator>
+#include <type_traits>
+
+#include "pcie/DiagnosticMaskRegs.h"
 
 namespace {
 
@@ -12,6 +16,9 @@ constexpr struct {
   int slot;
 } ports[] = {{"DownstreamPort1", 0}, {"DownstreamPort5", 3}, {"DownstreamPort7", 2},
              {"DownstreamPort9", 1}, {"ShimPort1", -1},      {"ShimPort5", -1}};
+
+static_assert(std::size(ports) == std::extent_v<decltype(DiagnosticMaskRegs)>,
+              "each port has a row");
 
 constexpr unsigned int lastPrbsCount = 255;  // where the counter stops
 

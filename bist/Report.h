@@ -14,7 +14,7 @@ enum class Verdict { pass, fail, none };
 
 Verdict passIf(bool good);
 
-/// One statement about the instrument.
+/// One statement about the instrument. Its words are those of the command that makes it.
 struct Line {
   std::string label;
   std::string text;

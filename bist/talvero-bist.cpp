@@ -8,6 +8,7 @@
 
 #include "bist/Command.h"
 #include "bist/Machine.h"
+#include "bist/Platform.h"
 
 namespace {
 
@@ -63,7 +64,9 @@ int main(int argc, char** argv) {
   const std::string exitStatus =
       "Exit status: 0 everything passed, 1 something failed, 2 wrong call or no instrument.\n";
   app.footer(exitStatus);
-  app.set_version_flag("--version", TALVERO_VERSION);
+  app.set_version_flag("--version", [] {
+    return TALVERO_VERSION "\nplatform library: " + joined(platformLibraries());
+  });
   app.require_subcommand(1);
   app.fallthrough();
 

@@ -19,6 +19,7 @@ constexpr unsigned int idCount = 64;
 
 // Fixed-size rows rather than pointers: the table needs no relocation when the library is loaded.
 constexpr char descriptions[][48] = {
+    // 0 to 15
     "DORVELLE MMB SINGLE GIG-E",
     "DORVELLE MMB DUAL GIG-E",
     "DORVELLE MMB SINGLE GIG-E PDH FULL",
@@ -35,6 +36,7 @@ constexpr char descriptions[][48] = {
     "UNKNOWN MMB",
     "UNKNOWN MMB",
     "UNKNOWN MMB",
+    // 16 to 31
     "CORVANE CXB DUAL 100G",
     "UNKNOWN CXB",
     "UNKNOWN CXB",
@@ -51,6 +53,7 @@ constexpr char descriptions[][48] = {
     "UNKNOWN CXB",
     "UNKNOWN CXB",
     "UNKNOWN CXB",
+    // 32 to 47
     "TALVERO PROTO-0 SPB",
     "TALVERO PROTO-1 SPB",
     "TALVERO PROTO-2 SPB",
@@ -67,6 +70,7 @@ constexpr char descriptions[][48] = {
     "UNKNOWN SPB",
     "UNKNOWN SPB",
     "UNKNOWN SPB",
+    // 48 to 63
     "TUVAK MMB DUAL 10GE FULL PDH W/POE,1PPS",
     "UNKNOWN TUVAK MMB",
     "UNKNOWN TUVAK MMB",

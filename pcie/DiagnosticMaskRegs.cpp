@@ -41,8 +41,8 @@ constexpr bool clash(const Row& one, const Row& other) {
   return one[0] == other[0] || one[1] == other[1] || one[2] == other[2] || one[3] == other[3];
 }
 
-static_assert(allComplete());
-static_assert(allWithinTheirFields());
-static_assert(!anyClash(DiagnosticMaskRegs, clash));
+static_assert(allComplete(), "a row is missing");
+static_assert(allWithinTheirFields(), "the port-select field has no fifth value");
+static_assert(!anyClash(DiagnosticMaskRegs, clash), "two ports of a switch share a bit or value");
 
 }  // namespace

@@ -82,6 +82,5 @@ long heldBlocks();
 /// How often this thread has taken memory by `new[]`.
 long allocatedArrays();
 
-/// How many files and directories this process has open. Sockets and events do not count: umockdev
-/// has a thread that opens some whenever it gets to it.
+/// How many files and directories this process has open. Sockets, pipes and events do not count.
 std::size_t openFiles();

@@ -183,7 +183,12 @@ TEST(TalveroBist, RefusesAWrongCall) {
     EXPECT_THAT(outcome.errors, HasSubstr(test.sentence)) << test.call;
     EXPECT_EQ(outcome.output, "") << test.call;
   }
-  EXPECT_EQ(bist("mmb", "--version").status, 0);
+  EXPECT_THAT(bist("mmb", "--version").output,
+              HasSubstr("\nplatform library: libtalvero-sim-preload.so (simulated), "
+                        "libtalvero-platform.so.0 (stand-in, switches no clock source)\n"));
+  EXPECT_THAT(runCommand(TALVERO_BIST " --version").output,
+              EndsWith("platform library: libtalvero-platform.so.0 (stand-in, switches no clock "
+                       "source)\n"));
   EXPECT_THAT(bist("mmb", "--help").output, HasSubstr("Exit status: 0"));
 }
 

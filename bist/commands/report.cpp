@@ -3,6 +3,7 @@
 
 #include "bist/Command.h"
 #include "bist/Machine.h"
+#include "bist/Platform.h"
 #include "bist/Ports.h"
 #include "bist/Progress.h"
 #include "bist/Slots.h"
@@ -93,9 +94,15 @@ void addOptions(CLI::App& app) {
                "also turn each module off and on; modules that were off stay off");
 }
 
+void addPlatform(Report& report) {
+  const std::vector<std::string> libraries = platformLibraries();
+  report.add({"platform", "Platform", {{"library", joined(libraries)}}, libraries});
+}
+
 /// Only an SPB has a backplane and a PCIe switch.
 void run(Report& report) {
   boardCommand.run(report);
+  addPlatform(report);
   if (!isSpb()) {
     return;
   }

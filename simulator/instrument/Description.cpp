@@ -43,7 +43,8 @@ void readGroup(Hardware& hardware, GKeyFile* file, const std::string& fileName,
     const std::size_t blank = groupName.find(' ');
     const bool hasInstance = blank != std::string::npos;
     const std::string instance = hasInstance ? groupName.substr(blank + 1) : "";
-    const Group& group = groupOf(groupName.substr(0, blank), hasInstance);
+    const std::string kind = groupName.substr(0, blank);
+    const Group& group = groupOf(kind, hasInstance);
     if (group.begin != nullptr) {
       group.begin(hardware, instance);
     }

@@ -59,8 +59,6 @@ std::string ownLibrary() {
   return fs::absolute(library.dli_fname).string();
 }
 
-constexpr char rootVariable[] = "UMOCKDEV_DIR";
-
 /// The directory of a new instrument, which umockdev shows from now on.
 std::string createRoot() {
   std::string root = (fs::path(g_get_tmp_dir()) / "talvero-sim.XXXXXX").string();

@@ -37,7 +37,8 @@ class SimulatedInstrument {
   /// Time on the instrument's clock, milliseconds.
   std::int64_t milliseconds() const;
 
-  /// Puts what a program needs to run on this instrument into this process's environment. Throws
+  /// Puts what a program needs to run on this instrument, besides the name of its root directory,
+  /// which is there from the start, into this process's environment. Throws
   /// std::runtime_error when the simulator lies where the dynamic linker cannot preload it from.
   void setProgramEnvironment() const;
 

@@ -101,13 +101,13 @@ constexpr Key<PciDevice> deviceKeys[] = {
     {"present", &PciDevice::present, {"yes", "no"}},
     {"readable", &PciDevice::unreadable, {"no", "yes"}},
     {"link", &PciDevice::linkUp, {"up", "down"}},
-    {"link-lost-after", &PciDevice::linkLostAfter},
+    {"link-lost-after", &PciDevice::linkLostAfter, {"never"}},
     {"link-status", &PciDevice::linkStatus},
     {"uncorrectable", &PciDevice::uncorrectable},
     {"correctable", &PciDevice::correctable},
     {"loopback", &PciDevice::loopbackRefused, {"refused", "ok"}},
     {"prbs", &PciDevice::prbsOutOfSync, {"no-sync", "sync"}},
-    {"prbs-errors-after", &PciDevice::prbsErrorsAfter},
+    {"prbs-errors-after", &PciDevice::prbsErrorsAfter, {"never"}},
     {"prbs-errors-per-second", &PciDevice::prbsErrorsPerSecond},
 };
 
@@ -129,7 +129,11 @@ void setDevice(Hardware& hardware, const std::string& instance, const std::strin
     std::uint8_t* const bytes = match[1] == "register" ? device.config : device.stuck;
     std::memcpy(bytes + registerOffset(match[2]), &bits, sizeof bits);
   } else if (key == "class") {
-    setClassCode(device, number(value));
+    const std::uint32_t code = number(value);
+    if (code > 0xFFFFFF) {
+      throw mustBe("a class code from 0 to 0xffffff", value);
+    }
+    setClassCode(device, code);
   } else {
     setKey(deviceKeys, device, key, value);
   }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <variant>
@@ -47,7 +48,12 @@ inline void setField(std::int64_t& field, const std::string& value, const char* 
 
 template <typename Number>
 void setField(Number& field, const std::string& value, const char* const (&/*words*/)[2]) {
-  field = static_cast<Number>(number(value));
+  const std::uint32_t wide = number(value);
+  constexpr std::uint32_t most = std::numeric_limits<Number>::max();
+  if (wide > most) {
+    throw mustBe("a number from 0 to " + std::to_string(most), value);
+  }
+  field = static_cast<Number>(wide);
 }
 
 template <typename Object, std::size_t count>

@@ -12,6 +12,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 
 #include "simulator/preload/Next.h"
@@ -152,7 +153,8 @@ long syscall(long number, ...) noexcept {
     value = va_arg(arguments, long);
   }
   va_end(arguments);
-  const auto* time = reinterpret_cast<const timespec*>(values[3]);
+  const timespec* time = nullptr;
+  std::memcpy(&time, &values[3], sizeof time);
   const bool untilTime = number == SYS_futex && (values[1] & FUTEX_CMD_MASK) == FUTEX_WAIT_BITSET;
   const HostTime host(untilTime ? time : nullptr);
   return real(number, values[0], values[1], values[2],

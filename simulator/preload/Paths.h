@@ -32,8 +32,7 @@ std::optional<SysfsPath> sysfsPathBehind(int fd);
 /// not have.
 bool isHidden(const std::string& absolute);
 
-/// Where umockdev keeps a file. Opened there, umockdev takes it for no device of its own and leaves
-/// out the ioctl emulation, which has a thread that does not always keep up.
+/// Where umockdev keeps a file. Opened there, umockdev takes it for no device of its own.
 std::string treePath(const SysfsPath& path);
 
 /// The name of a descriptor's file in /proc.

@@ -13,6 +13,9 @@
 
 using simulator::trace;
 
+// For programs that say which library they run with.
+extern "C" const char talveroPlatformNote[] = "simulated";
+
 namespace {
 
 void switchClock(unsigned int slot, bool on) {

@@ -29,7 +29,8 @@ using simulator::next;
 namespace {
 
 /// The variables that put a program on the instrument, as this one was given them.
-constexpr const char* variables[] = {"LD_PRELOAD", "UMOCKDEV_DIR", simulator::stateVariable};
+constexpr const char* variables[] = {"LD_PRELOAD", simulator::rootVariable,
+                                     simulator::stateVariable};
 constexpr std::size_t variableCount = std::size(variables);
 char settings[variableCount][PATH_MAX];  // "NAME=VALUE"; empty before there is an instrument
 

@@ -41,7 +41,7 @@ void attach(const char* stateFile) {
   }
   shared = static_cast<State*>(memory);
   // Answered by umockdev: the same file must be there through /sys and through the tree itself.
-  const char* root = std::getenv("UMOCKDEV_DIR");
+  const char* root = std::getenv(rootVariable);
   if (root == nullptr || std::string(root) + "/state" != stateFile ||
       ::access("/sys/class/gpio/.talvero-sim", F_OK) != 0) {
     endProcess("the simulated /sys is not in place (is libumockdev-preload.so.0 loaded?)");

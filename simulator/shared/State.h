@@ -32,6 +32,9 @@ struct State {
 /// The environment variable that names the state file to the programs that run on the instrument.
 constexpr char stateVariable[] = "TALVERO_SIM_STATE";
 
+/// The one that names the root directory of the simulated file system to umockdev.
+constexpr char rootVariable[] = "UMOCKDEV_DIR";
+
 /// Puts the instrument of the given state file behind this process, which has umockdev's directory,
 /// the parent directory of the file, in its environment. Ends the process with one line on standard
 /// error when the simulated /sys is not in place.
@@ -70,7 +73,8 @@ class Locked {
   sigset_t signals;  // blocked before
 };
 
-/// Whether a fault is switched on; false without an instrument.
+/// Whether a fault is switched on; false without an instrument. Takes the state itself: who holds
+/// it already asks hardware.faults.
 bool faultIsOn(Fault fault);
 
 }  // namespace simulator
