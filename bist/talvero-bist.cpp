@@ -62,7 +62,8 @@ int main(int argc, char** argv) {
       "on a simulated instrument: talvero-sim -- talvero-bist report",
       "talvero-bist");
   const std::string exitStatus =
-      "Exit status: 0 everything passed, 1 something failed, 2 wrong call or no instrument.\n";
+      "Exit status: 0 everything passed, 1 something failed, 2 wrong call, no instrument or SPB\n"
+      "here, no rights, or output or trace that cannot be written.\n";
   app.footer(exitStatus);
   app.set_version_flag("--version", [] {
     return TALVERO_VERSION "\nplatform library: " + joined(platformLibraries());
