@@ -17,7 +17,7 @@ constexpr const char* operations[] = {
     "_ZN7SpbFPGA23TurnOnModuleClockSourceEj",
     "_ZN6I2CDev26FindI2CBusNameOfMuxChannelENSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi"};
 
-/// What a library says of itself, if it does.
+/// The function by which a library says what it is, if it does.
 constexpr char noteName[] = "talveroPlatformNote";
 
 /// A symbol of the very file, not of one that it needs.
@@ -39,8 +39,8 @@ int addLibrary(dl_phdr_info* info, std::size_t /*size*/, void* list) {
   };
   if (std::any_of(std::begin(operations), std::end(operations), defines)) {
     std::string text = std::filesystem::path(info->dlpi_name).filename().string();
-    if (const void* const note = ownSymbol(library, info->dlpi_name, noteName)) {
-      text += std::string(" (") + static_cast<const char*>(note) + ")";
+    if (void* const note = ownSymbol(library, info->dlpi_name, noteName)) {
+      text += std::string(" (") + reinterpret_cast<const char* (*)()>(note)() + ")";
     }
     static_cast<std::vector<std::string>*>(list)->push_back(text);
   }

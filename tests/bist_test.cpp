@@ -165,6 +165,7 @@ TEST(TalveroBist, RefusesAWrongCall) {
       {"link 0 --seconds 1.5", "--seconds: must be a whole number from 0 to 86400, not \"1.5\""},
       {"prbs 0 --seconds 86401", "0 to 86400"},
       {"topology -1", "MODULE: must be a whole number from 0 to 4294967295, not \"-1\""},
+      {"topology 99999999999999999999", "not \"99999999999999999999\""},
       {"link Port9", "3 or DownstreamPort9 (slot 1), 4 or ShimPort1 (that of --module), "},
       {"link 6", "PORT: must be 0 or DownstreamPort1 (slot 0), 1 or DownstreamPort5 (slot 3), 2"},
       {"link 5", "give --module"},
@@ -233,6 +234,7 @@ TEST(TalveroBist, RefusesAMachineThatIsNoInstrument) {
   refused(strapless, "link 0",
           "2 (000010), DORVELLE MMB SINGLE GIG-E PDH FULL; cannot be read: 135.");
   EXPECT_EQ(bist(strapless, "link 0 --spb-despite-straps").status, 0);
+  EXPECT_EQ(bist("mmb", "topology 1").status, 1) << "which its device tree does not describe";
   EXPECT_THAT(bist(foreign, "report --spb-despite-straps").output,
               HasSubstr("DownstreamPort1 (slot 0)         link up"));
   EXPECT_EQ(json::parse(bist("mmb", "link 0 --json --spb-despite-straps").output)["link"]["result"],
@@ -361,7 +363,10 @@ link=down
     const json result = json::parse(outcome.output);
     EXPECT_EQ(result[test.subject]["result"], test.result) << test.arguments;
     EXPECT_EQ(outcome.status, test.status) << test.arguments;
-    EXPECT_EQ(result["messages"][0]["text"], "could not enumerate module: 0");
+    const json message = {{"section", test.subject},
+                          {"port", result[test.subject]["port"]},
+                          {"text", "could not enumerate module: 0"}};
+    EXPECT_EQ(result["messages"][0], message);
   }
   const json errors = json::parse(bist(file, "errors 1 --seconds 2 --json").output)["errors"];
   EXPECT_EQ(errors["decoded"]["portUncorrectableStatus"], "Data Link, Unsupported Request");
@@ -550,7 +555,8 @@ TEST(TalveroBist, SetsUpTheShimSwitchAndTheTransmitter) {
   const Outcome shim = bist(file, "shim 3");
   EXPECT_EQ(shim.status, 0);
   EXPECT_THAT(shim.output, HasSubstr("Module Downstream: 5"));
-  EXPECT_THAT(bist(file, "shim 1").output, HasSubstr("| Could not find device: 15"));
+  EXPECT_EQ(json::parse(bist(file, "shim 1 --json").output)["messages"].back(), json::parse(R"({
+      "section": "shim", "module": 1, "text": "Could not find device: 15"})"));
   const struct {
     const char* setting;
     int status;

@@ -267,6 +267,9 @@ TEST(VirtualTime, PassesWithoutWaiting) {
 
 TEST(VirtualTime, ShowsOnEveryClock) {
   const double begin = hostSeconds();
+  EXPECT_EQ(std::getenv("UMOCKDEV_DIR"), nullptr) << "left by an earlier instrument";
+  { const Instrument earlier(""); }
+  EXPECT_EQ(std::getenv("UMOCKDEV_DIR"), nullptr);
   const Instrument instrument("");
   const auto seconds = [](clockid_t clock) {
     timespec time{};
@@ -305,14 +308,19 @@ TEST(VirtualTime, ShowsOnEveryClock) {
   sem_init(&semaphore, 0, 0);
   timespec until{};
   timespec_get(&until, TIME_UTC);
-  EXPECT_EQ(sem_timedwait(&semaphore, &until), -1);
-  EXPECT_EQ(errno, ETIMEDOUT);
+  for (const timespec past : {until, timespec{until.tv_sec, 0}, timespec{0, 0}}) {
+    EXPECT_EQ(sem_timedwait(&semaphore, &past), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+  }
   const int timer = timerfd_create(CLOCK_MONOTONIC, 0);
   itimerspec setting{};
   clock_gettime(CLOCK_MONOTONIC, &setting.it_value);
   timerfd_settime(timer, TFD_TIMER_ABSTIME, &setting, nullptr);
   std::uint64_t expired = 0;
   EXPECT_EQ(read(timer, &expired, sizeof expired), 8);
+  setting.it_value = {0, 1000000};
+  timerfd_settime(timer, 0, &setting, nullptr);
+  EXPECT_EQ(read(timer, &expired, sizeof expired), 8) << "after a millisecond";
   close(timer);
   EXPECT_LT(hostSeconds() - begin, 5);
 }
@@ -786,7 +794,7 @@ TEST(TalveroSim, PutsEveryProgramOnTheInstrument) {
 
 TEST(TalveroSim, LeavesSignalsAsTheyWere) {
   const std::string shown = "sh -c 'grep SigIgn: /proc/self/status | tail -c 8'";  // the first 28
-  const std::string ignoring = "trap '' PIPE USR1; ";
+  const std::string ignoring = "trap '' PIPE USR1 CHLD; ";
   for (const std::string& before : {std::string(), ignoring}) {
     EXPECT_EQ(runCommand(before + TALVERO_SIM " -- " + shown).output,
               runCommand(before + shown).output);

@@ -2,7 +2,7 @@
 #include "platform/SpbFPGA.h"
 
 // For programs that say which library they run with.
-extern "C" const char talveroPlatformNote[] = "stand-in, switches no clock source";
+extern "C" const char* talveroPlatformNote() { return "stand-in, switches no clock source"; }
 
 // Without the instrument's FPGA there is no clock source to switch.
 

@@ -14,7 +14,7 @@
 using simulator::trace;
 
 // For programs that say which library they run with.
-extern "C" const char talveroPlatformNote[] = "simulated";
+extern "C" const char* talveroPlatformNote() { return "simulated"; }
 
 namespace {
 
