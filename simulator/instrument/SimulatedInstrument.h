@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator/instrument/Description.h"
+#include "simulator/instrument/DescriptionFile.h"
 
 namespace simulator {
 

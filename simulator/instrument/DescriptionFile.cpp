@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "simulator/instrument/Description.h"
+#include "simulator/instrument/DescriptionFile.h"
 
 #include <glib.h>
 
