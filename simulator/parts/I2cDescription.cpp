@@ -56,6 +56,18 @@ void beginMux(Hardware& hardware, const std::string& instance) {
   namedDevice(hardware, instance, "mux");
 }
 
+/// The multiplexer that has a bus behind one of its channels; null for none.
+const I2cDevice* muxBefore(const Hardware& hardware, unsigned int bus) {
+  for (const I2cDevice& device : hardware.i2cDevices) {
+    for (const I2cDevice::Channel& channel : device.channels) {
+      if (channel.given && channel.bus == bus) {
+        return &device;
+      }
+    }
+  }
+  return nullptr;
+}
+
 void setMux(Hardware& hardware, const std::string& instance, const std::string& key,
             const std::string& value) {
   static const std::regex pattern("i2c-(0|[1-9][0-9]{0,3})");
@@ -69,7 +81,17 @@ void setMux(Hardware& hardware, const std::string& instance, const std::string& 
     throw std::runtime_error("not a channel number from 0 to " +
                              std::to_string(std::size(mux.channels) - 1));
   }
-  mux.channels[channel] = {true, number(match[1])};
+  const std::uint32_t bus = number(match[1]);
+  if (muxBefore(hardware, bus) != nullptr) {
+    throw std::runtime_error(busName(bus) + " is behind another channel already");
+  }
+  // Up from the multiplexer's own bus.
+  for (const I2cDevice* above = &mux; above != nullptr; above = muxBefore(hardware, above->bus)) {
+    if (above->bus == bus) {
+      throw std::runtime_error("leads back to " + busName(bus) + ", which it is behind");
+    }
+  }
+  mux.channels[channel] = {true, bus};
 }
 
 void beginExpander(Hardware& hardware, const std::string& instance) {
@@ -122,7 +144,7 @@ class Tree {
   void create() {
     for (const auto& [name, device] : devices) {
       for (const I2cDevice::Channel& channel : device->channels) {
-        if (channel.given && channel.bus != device->bus) {
+        if (channel.given) {
           multiplexers[channel.bus] = device;
         }
       }
