@@ -5,6 +5,7 @@
 #include <cctype>
 
 #include "bist/Ports.h"
+#include "bist/Progress.h"
 
 namespace {
 
@@ -69,6 +70,13 @@ void PortOption::reach(PCIeDiagnostics& diagnostics) const {
   if (isOnShim(port)) {
     diagnostics.setupShimSwitch(shimModule);
   }
+}
+
+DiagnosticsResults PortOption::watch(PCIeDiagnostics& diagnostics, unsigned int seconds,
+                                     bool clearErrors) const {
+  reach(diagnostics);
+  const Progress progress("watching " + title(), seconds);
+  return diagnostics.checkLiveDownstreamPort(port, seconds, clearErrors);
 }
 
 int PortOption::slot() const {

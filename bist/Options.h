@@ -19,6 +19,10 @@ struct PortOption {
   /// Sets up the shim switch that has the port, if it is on one.
   void reach(PCIeDiagnostics& diagnostics) const;
 
+  /// Reaches the port and watches its link for so long, with progress on a terminal.
+  DiagnosticsResults watch(PCIeDiagnostics& diagnostics, unsigned int seconds,
+                           bool clearErrors) const;
+
   /// The slot that the port leads to; that of its module for one on a shim switch.
   int slot() const;
 

@@ -2,7 +2,6 @@
 #include "bist/Command.h"
 #include "bist/Options.h"
 #include "bist/Ports.h"
-#include "bist/Progress.h"
 
 namespace {
 
@@ -16,10 +15,7 @@ void addOptions(CLI::App& app) {
 
 void run(Report& report) {
   PCIeDiagnostics diagnostics;
-  target.reach(diagnostics);
-  const Progress progress("watching " + target.title(), seconds);
-  const DiagnosticsResults results =
-      diagnostics.checkLiveDownstreamPort(target.port, seconds, true);
+  const DiagnosticsResults results = target.watch(diagnostics, seconds, true);
   Section section{"errors", "Errors " + target.title()};
   section.about = target.subject();
   const std::string reason = obstacle(results);

@@ -2,7 +2,6 @@
 #include "bist/Command.h"
 #include "bist/Options.h"
 #include "bist/Ports.h"
-#include "bist/Progress.h"
 
 namespace {
 
@@ -18,10 +17,7 @@ void addOptions(CLI::App& app) {
 
 void run(Report& report) {
   PCIeDiagnostics diagnostics;
-  target.reach(diagnostics);
-  const Progress progress("watching " + target.title(), seconds);
-  const DiagnosticsResults results =
-      diagnostics.checkLiveDownstreamPort(target.port, seconds, clear);
+  const DiagnosticsResults results = target.watch(diagnostics, seconds, clear);
   Section section{"link", "Link", {linkLine(target.title(), results)}};
   section.about = target.subject();
   section.data = portJson(diagnostics, target.port, target.slot(), results, section.lines[0].text);
