@@ -315,6 +315,14 @@ TEST(VirtualTime, ShowsOnEveryClock) {
   const int timer = timerfd_create(CLOCK_MONOTONIC, 0);
   itimerspec setting{};
   clock_gettime(CLOCK_MONOTONIC, &setting.it_value);
+  EXPECT_EQ(sem_clockwait(&semaphore, CLOCK_MONOTONIC, &setting.it_value), -1);
+  std::thread waiting([&] {
+    EXPECT_EQ(pthread_mutex_timedlock(taken.native_handle(), &until), ETIMEDOUT);
+    sem_wait(&semaphore);
+  });
+  EXPECT_EQ(pthread_timedjoin_np(waiting.native_handle(), nullptr, &until), ETIMEDOUT);
+  sem_post(&semaphore);
+  waiting.join();
   timerfd_settime(timer, TFD_TIMER_ABSTIME, &setting, nullptr);
   std::uint64_t expired = 0;
   EXPECT_EQ(read(timer, &expired, sizeof expired), 8);
