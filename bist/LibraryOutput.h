@@ -23,12 +23,12 @@ class LibraryOutput {
   std::ostream& own() { return ownOutput; }
 
   /// The failure lines since the last call, after the register traces if those are wanted.
-  /// Throws std::runtime_error when the trace file cannot be written.
   std::vector<std::string> takeMessages(bool withTrace);
 
- private:
+  /// Throws std::runtime_error when a line could not be written to the trace file.
   void requireTrace() const;
 
+ private:
   std::ofstream traceFile;
   std::ostringstream traces;
   std::ostringstream failures;

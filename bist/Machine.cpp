@@ -42,7 +42,8 @@ std::string joined(const std::vector<std::string>& words) {
 void addSpbOption(CLI::App& app) {
   app.add_flag(spbOption, spbDespiteStraps,
                "take the board for an SPB whatever its straps say, for the bring-up of a board "
-               "whose straps are broken");
+               "whose straps are broken")
+      ->disable_flag_override();
 }
 
 bool isSpb() { return spbDespiteStraps || BoardId().isSPB(); }

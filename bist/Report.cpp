@@ -13,7 +13,7 @@ constexpr const char* verdicts[] = {"  PASS", "  FAIL", ""};  // indexed by Verd
 /// A message with the part that it is about, where the section's other lines do not tell.
 std::string textOf(const Message& message, const Section& section) {
   const Subject& about = message.about;
-  return about.kind == section.about.kind
+  return about.kind.empty() || about.kind == section.about.kind
              ? message.text
              : about.kind + " " + std::to_string(about.number) + ": " + message.text;
 }

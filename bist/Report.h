@@ -52,11 +52,10 @@ class Report {
   explicit Report(LibraryOutput& libraryOutput) : output(libraryOutput) {}
 
   /// Gives a section the lines that the library has written since the last call, as lines about a
-  /// part. Throws std::runtime_error when the trace file cannot be written.
+  /// part.
   void takeMessages(Section& section, const Subject& about);
 
   /// Adds a section, to which the lines belong that the library has written since the last one.
-  /// Throws std::runtime_error when the trace file cannot be written.
   void add(Section section);
 
   bool passed() const { return failures().empty(); }

@@ -20,17 +20,18 @@ constexpr const Command* commands[] = {
 enum ExitStatus { pass = 0, fail = 1, usageOrNoHardware = 2 };
 
 int execute(const Command& command, bool json, const std::string& traceFile) {
+  LibraryOutput output(traceFile);
   requireInstrument();
   if (command.needs == Needs::spb) {
     requireSpb(command.name);
   }
-  LibraryOutput output(traceFile);
   Report report(output);
   command.run(report);
   json ? report.printJson(output.own()) : report.printText(output.own());
   if (!output.own().flush()) {
     throw std::runtime_error("standard output cannot be written");
   }
+  output.requireTrace();
   return report.passed() ? pass : fail;
 }
 
@@ -73,7 +74,7 @@ int main(int argc, char** argv) {
 
   bool json = false;
   std::string traceFile;
-  app.add_flag("--json", json, "print one JSON object instead of text");
+  app.add_flag("--json", json, "print one JSON object instead of text")->disable_flag_override();
   app.add_option("--trace", traceFile, "write the library's register trace to this file")
       ->option_text("FILE");
   addSpbOption(app);
@@ -89,7 +90,8 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
     return execute(*chosen, json, traceFile);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() != 0 && app.get_subcommands().empty()) {
+    const bool unknown = error.get_name() == "RequiredError" || error.get_name() == "ExtrasError";
+    if (unknown && app.get_subcommands().empty()) {
       return refuse(app);
     }
     return app.exit(error) == 0 ? pass : usageOrNoHardware;

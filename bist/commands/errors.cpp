@@ -14,10 +14,11 @@ void addOptions(CLI::App& app) {
 }
 
 void run(Report& report) {
-  PCIeDiagnostics diagnostics;
-  const DiagnosticsResults results = target.watch(diagnostics, seconds, true);
   Section section{"errors", "Errors " + target.title()};
   section.about = target.subject();
+  PCIeDiagnostics diagnostics;
+  report.takeMessages(section, {});
+  const DiagnosticsResults results = target.watch(diagnostics, seconds, true);
   const std::string reason = obstacle(results);
   if (found(results.portIds)) {
     section.lines = errorLines(diagnostics, results);

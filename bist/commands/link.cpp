@@ -12,14 +12,16 @@ bool clear = false;
 void addOptions(CLI::App& app) {
   target.addTo(app);
   addSeconds(app, seconds, "watch the link for so long, 0 to 86400");
-  app.add_flag("--clear", clear, "clear latched errors first");
+  app.add_flag("--clear", clear, "clear latched errors first")->disable_flag_override();
 }
 
 void run(Report& report) {
-  PCIeDiagnostics diagnostics;
-  const DiagnosticsResults results = target.watch(diagnostics, seconds, clear);
-  Section section{"link", "Link", {linkLine(target.title(), results)}};
+  Section section{"link", "Link"};
   section.about = target.subject();
+  PCIeDiagnostics diagnostics;
+  report.takeMessages(section, {});
+  const DiagnosticsResults results = target.watch(diagnostics, seconds, clear);
+  section.lines.push_back(linkLine(target.title(), results));
   section.data = portJson(diagnostics, target.port, target.slot(), results, section.lines[0].text);
   if (found(results.portIds)) {
     section.lines.push_back(

@@ -15,16 +15,17 @@ void addOptions(CLI::App& app) {
 }
 
 void run(Report& report) {
+  Section section{"prbs", "PRBS"};
+  section.about = target.subject();
   PCIeDiagnostics diagnostics;
+  report.takeMessages(section, {});
   target.reach(diagnostics);
   const Progress progress("PRBS on " + target.title(), seconds);
   DiagnosticsResults results;
   const Line line = testPrbs(target.title(), diagnostics, target.port, seconds, results);
-  report.add({"prbs",
-              "PRBS",
-              {line},
-              portJson(diagnostics, target.port, target.slot(), results, line.text),
-              target.subject()});
+  section.lines.push_back(line);
+  section.data = portJson(diagnostics, target.port, target.slot(), results, line.text);
+  report.add(section);
 }
 
 }  // namespace

@@ -91,7 +91,8 @@ bool powerCycle = false;
 
 void addOptions(CLI::App& app) {
   app.add_flag("--power-cycle", powerCycle,
-               "also turn each module off and on; modules that were off stay off");
+               "also turn each module off and on; modules that were off stay off")
+      ->disable_flag_override();
 }
 
 void addPlatform(Report& report) {

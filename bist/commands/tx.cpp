@@ -59,7 +59,10 @@ bool set(PCIeDiagnostics& diagnostics) {
 }
 
 void run(Report& report) {
+  Section section{"tx", "Transmitter of " + target.title()};
+  section.about = target.subject();
   PCIeDiagnostics diagnostics;
+  report.takeMessages(section, {});
   target.reach(diagnostics);
   const std::string wanted = chosen->setOnOff == nullptr ? std::to_string(level)
                              : on                        ? "on"
@@ -70,16 +73,14 @@ void run(Report& report) {
     ok = set(diagnostics);
     text = wanted + (ok ? "" : ", but it does not read back");
   }
-  report.add({"tx",
-              "Transmitter of " + target.title(),
-              {{chosen->name, text, passIf(ok)}},
-              {{"port", static_cast<int>(target.port)},
-               {"name", portName(target.port)},
-               {"slot", target.slot()},
-               {"setting", chosen->name},
-               {"value", wanted},
-               {"ok", ok}},
-              target.subject()});
+  section.lines.push_back({chosen->name, text, passIf(ok)});
+  section.data = {{"port", static_cast<int>(target.port)},
+                  {"name", portName(target.port)},
+                  {"slot", target.slot()},
+                  {"setting", chosen->name},
+                  {"value", wanted},
+                  {"ok", ok}};
+  report.add(section);
 }
 
 }  // namespace
