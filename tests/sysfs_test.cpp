@@ -16,7 +16,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
-static int buffersGiven = 0;
+static thread_local int buffersGiven = 0;
 
 extern "C" int setvbuf(std::FILE* stream, char* buffer, int mode, std::size_t size) noexcept {
   static const auto real = reinterpret_cast<decltype(&setvbuf)>(dlsym(RTLD_NEXT, "setvbuf"));
