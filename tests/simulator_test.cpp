@@ -36,7 +36,10 @@
 #include "simulator/shared/State.h"
 #include "tests/Support.h"
 
+using testing::AllOf;
+using testing::Ge;
 using testing::HasSubstr;
+using testing::Lt;
 using testing::StartsWith;
 
 namespace {
@@ -261,7 +264,7 @@ TEST(VirtualTime, PassesWithoutWaiting) {
   const timespec wrong{0, -1};
   EXPECT_EQ(nanosleep(&wrong, nullptr), -1);
   std::this_thread::sleep_until(start + std::chrono::seconds(70));
-  EXPECT_NEAR(static_cast<double>(instrument.milliseconds()), 70000, 1000);
+  EXPECT_NEAR(static_cast<double>(instrument.milliseconds()), 70000, 4000);
   EXPECT_LT(hostSeconds() - begin, 5);
 }
 
@@ -282,14 +285,14 @@ TEST(VirtualTime, ShowsOnEveryClock) {
   const double before[] = {seconds(CLOCK_MONOTONIC), seconds(CLOCK_REALTIME),
                            seconds(CLOCK_BOOTTIME), seconds(CLOCK_PROCESS_CPUTIME_ID)};
   usleep(7300 * 1000);
-  EXPECT_NEAR(seconds(CLOCK_MONOTONIC) - before[0], 7.3, 0.2);
-  EXPECT_NEAR(seconds(CLOCK_REALTIME) - before[1], 7.3, 0.2);
-  EXPECT_NEAR(seconds(CLOCK_BOOTTIME) - before[2], 7.3, 0.2);
+  EXPECT_THAT(seconds(CLOCK_MONOTONIC) - before[0], AllOf(Ge(7.299), Lt(12)));
+  EXPECT_THAT(seconds(CLOCK_REALTIME) - before[1], AllOf(Ge(7.299), Lt(12)));
+  EXPECT_THAT(seconds(CLOCK_BOOTTIME) - before[2], AllOf(Ge(7.299), Lt(12)));
   EXPECT_LT(seconds(CLOCK_PROCESS_CPUTIME_ID) - before[3], 1);
-  EXPECT_NEAR(static_cast<double>(time(nullptr) - whole), 7.5, 1);
+  EXPECT_THAT(static_cast<double>(time(nullptr) - whole), AllOf(Ge(7), Lt(12)));
   const timeval earlier = day;
   gettimeofday(&day, nullptr);
-  EXPECT_NEAR(static_cast<double>(day.tv_sec - earlier.tv_sec), 7.5, 1);
+  EXPECT_THAT(static_cast<double>(day.tv_sec - earlier.tv_sec), AllOf(Ge(7), Lt(12)));
 
   // Waits until a time of these clocks end then, though the kernel's clocks are behind.
   const auto wait = std::chrono::milliseconds(20);
