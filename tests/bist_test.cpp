@@ -545,10 +545,10 @@ TEST(TalveroBist, CountsTheSecondsOnATerminal) {
   EXPECT_EQ(shown("link 1 --seconds 2"), "\rwatching DownstreamPort5 (slot 3): 0 of 2 s\r\033[K");
   EXPECT_EQ(shown("errors 1 --seconds 2"), "\rwatching DownstreamPort5 (slot 3): 0 of 2 s\r\033[K");
   EXPECT_EQ(shown("prbs 1 --seconds 2"), "\rPRBS on DownstreamPort5 (slot 3): 0 of 2 s\r\033[K");
-  EXPECT_EQ(shown("power 1 on"), "\rslot 1 on: 0 s\r\033[K");
+  EXPECT_THAT(shown("power 1 on"), AllOf(StartsWith("\rslot 1 on: 0 s\r"), EndsWith("\r\033[K")));
   EXPECT_THAT(shown("report --power-cycle"),
-              AllOf(StartsWith("\rtesting DownstreamPort1 (slot 0): 0 s\r\033[K"),
-                    EndsWith("\rpower cycle of slot 5: 0 s\r\033[K")));
+              AllOf(StartsWith("\rtesting DownstreamPort1 (slot 0): 0 s\r"),
+                    HasSubstr("\rpower cycle of slot 5: 0 s\r"), EndsWith("\r\033[K")));
   close(kept);
   close(terminal);
 }
