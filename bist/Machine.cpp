@@ -6,6 +6,7 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "bist/Report.h"
 #include "board/BoardId.h"
 #include "sysfs/SysfsUtil.h"
 
@@ -31,14 +32,6 @@ std::vector<std::string> unreadableStraps() {
   return lines;
 }
 
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : ", ") + word;
-  }
-  return text;
-}
-
 void addSpbOption(CLI::App& app) {
   app.add_flag(spbOption, spbDespiteStraps,
                "take the board for an SPB whatever its straps say, for the bring-up of a board "
@@ -52,9 +45,10 @@ void requireInstrument() {
   errno = 0;
   // Any line will do; a BoardId exports this one as well.
   if (!SysfsUtil().exportGpio(strapLines[0])) {
+    const int error = errno;
     const std::string reason =
-        std::string("/sys/class/gpio/export cannot be opened (") + std::strerror(errno) + ")";
-    if (errno == EACCES || errno == EPERM) {
+        std::string("/sys/class/gpio/export cannot be opened (") + std::strerror(error) + ")";
+    if (error == EACCES || error == EPERM) {
       throw std::runtime_error("no rights to use the GPIO lines: " + reason + ". Run it as root");
     }
     throw std::runtime_error("no instrument here: " + reason +

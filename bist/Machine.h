@@ -11,9 +11,6 @@
 /// The GPIO lines of the straps that cannot be read, bit 5's first. BoardId takes those for low.
 std::vector<std::string> unreadableStraps();
 
-/// "135, 171" of {"135", "171"}.
-std::string joined(const std::vector<std::string>& words);
-
 /// --spb-despite-straps, for the bring-up of a board whose straps are broken.
 void addSpbOption(CLI::App& app);
 

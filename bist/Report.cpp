@@ -58,6 +58,14 @@ Json messageJson(const Message& message, const Section& section) {
 
 Verdict passIf(bool good) { return good ? Verdict::pass : Verdict::fail; }
 
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : ", ") + word;
+  }
+  return text;
+}
+
 void Report::takeMessages(Section& section, const Subject& about) {
   for (const std::string& text : output.takeMessages(section.showTrace)) {
     section.messages.push_back({about, text});

@@ -14,6 +14,9 @@ enum class Verdict { pass, fail, none };
 
 Verdict passIf(bool good);
 
+/// "135, 171" of {"135", "171"}.
+std::string joined(const std::vector<std::string>& words);
+
 /// One statement about the instrument. Its words are those of the command that makes it.
 struct Line {
   std::string label;
