@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "simulator/instrument/HostHardware.h"
 #include "simulator/instrument/SimulatedInstrument.h"
 #include "simulator/shared/ProgramFile.h"
 
@@ -95,6 +96,7 @@ struct Signals {
 
 [[noreturn]] void becomeProgram(const std::string& path, char* const* arguments, pid_t parent,
                                 const Signals& before) {
+  simulator::hideHostHardware();
   // Nobody would remove the instrument after a program that outlives talvero-sim.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {

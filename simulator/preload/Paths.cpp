@@ -12,17 +12,12 @@
 #include <cstring>
 #include <filesystem>
 
+#include "simulator/shared/HiddenFiles.h"
 #include "simulator/shared/State.h"
 
 namespace simulator {
 
 namespace {
-
-// libpciaccess opens /proc/mtrr at each initialisation and never closes it; a power controller of a
-// module without links writes to /value, which root would create.
-constexpr const char* hiddenFiles[] = {"/proc/mtrr", "/dev/mem", "/dev/kmem", "/dev/port",
-                                       "/value"};
-constexpr const char* hiddenBeginnings[] = {"/proc/bus/pci/", "/dev/gpiochip", "/dev/i2c-"};
 
 std::string directoryPath(int directory) {
   if (directory == AT_FDCWD) {

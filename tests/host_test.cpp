@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: MIT
+// What talvero-sim hides of the host.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <linux/capability.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "tests/Support.h"
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr char sim[] = TALVERO_SIM " --fast -- ";
+constexpr uid_t nobody = 65533;  // not who the unknown are shown as
+constexpr int cannotChange = 77;
+
+/// What a shell command prints, with its errors, in a process that `change` has changed; "cannot
+/// change" where it has returned false.
+std::string outputAfter(const std::function<bool()>& change, const std::string& command) {
+  const TemporaryDirectory directory;
+  const std::string output = directory.file("output", "");
+  std::filesystem::permissions(directory.path, std::filesystem::perms::all);
+  const pid_t child = fork();
+  if (child == 0) {
+    const int fd = open(output.c_str(), O_WRONLY | O_APPEND);
+    dup2(fd, STDOUT_FILENO);
+    dup2(fd, STDERR_FILENO);
+    setenv("TMPDIR", directory.path.c_str(), 1);
+    if (!change()) {
+      _exit(cannotChange);
+    }
+    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    _exit(1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WEXITSTATUS(status) == cannotChange ? "cannot change" : contentOf(output);
+}
+
+bool changeNothing() { return true; }
+
+bool write(const char* file, const std::string& text) {
+  return static_cast<bool>(std::ofstream(file) << text << std::flush);
+}
+
+/// Another user, of whom one capability is kept back.
+bool becomeNobody() {
+  return prctl(PR_CAPBSET_DROP, CAP_NET_RAW) == 0 && setgroups(0, nullptr) == 0 &&
+         setgid(nobody) == 0 && setuid(nobody) == 0 && access(TALVERO_SIM, X_OK) == 0;
+}
+
+constexpr bool (*users[])() = {changeNothing, becomeNobody};
+
+/// Root as most containers have it.
+bool becomeContainersRoot() { return geteuid() == 0 && prctl(PR_CAPBSET_DROP, CAP_SYS_ADMIN) == 0; }
+
+/// Makes the kernel refuse a system call with a value as one of its arguments.
+bool refuse(unsigned int call, unsigned int argument, unsigned int value) {
+  const auto place = static_cast<unsigned int>(offsetof(seccomp_data, args) +
+                                               argument * sizeof(seccomp_data::args[0]));
+  sock_filter steps[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, place),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program{std::size(steps), steps};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+bool refuseNamespaces() {
+  return refuse(SYS_unshare, 0, CLONE_NEWNS) && refuse(SYS_unshare, 0, CLONE_NEWUSER | CLONE_NEWNS);
+}
+
+bool refusePrivateMounts() { return refuse(SYS_mount, 3, MS_REC | MS_SLAVE); }
+
+bool refuseCovers() { return refuse(SYS_mount, 3, MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC); }
+
+/// Root of a mount namespace whose mounts others there would see too.
+bool becomeRootOfNamespace() {
+  if (unshare(CLONE_NEWNS) != 0) {
+    const std::string user = std::to_string(geteuid());
+    const std::string group = std::to_string(getegid());
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !write("/proc/self/setgroups", "deny") ||
+        !write("/proc/self/uid_map", "0 " + user + " 1") ||
+        !write("/proc/self/gid_map", "0 " + group + " 1")) {
+      return false;
+    }
+  }
+  return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount(nullptr, "/", nullptr, MS_REC | MS_SHARED, nullptr) == 0;
+}
+
+bool namespacesAreAllowed() {
+  return outputAfter(becomeRootOfNamespace, "echo entered") == "entered\n";
+}
+
+/// A host with device nodes, which are files here, and one more sysfs, in "other sys".
+bool becomeHost(const std::string& directory) {
+  const std::string devices = directory + "/dev";
+  const std::string other = directory + "/other sys";
+  std::filesystem::create_directories(devices);
+  std::filesystem::create_directories(other);
+  if (!becomeRootOfNamespace() || mount("none", devices.c_str(), "tmpfs", 0, "mode=755") != 0 ||
+      mount("/sys", other.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+    return false;
+  }
+  for (const char* device : {"mem", "gpiochip0", "gpiochip12", "i2c-1", "null"}) {
+    write((devices + "/" + device).c_str(), "host\n");
+  }
+  return mount("/dev/null", (devices + "/null").c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+         mount(devices.c_str(), "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0;
+}
+
+// Names through /proc/self/root lead out of the instrument, to what is left of the host.
+constexpr char host[] = "/proc/self/root";
+
+TEST(HostHardware, IsHiddenWhereNamespacesAreAllowed) {
+  if (!namespacesAreAllowed()) {
+    GTEST_SKIP() << "no namespaces";
+  }
+  const std::string command = sim + std::string("sh -c 'cat /sys/class/gpio/gpiochip0/label; ") +
+                              "ls -A " + host + "/sys " + host + "/proc/bus/pci 2>/dev/null; : >" +
+                              host + "/sys/new'";
+  for (const auto& user : users) {
+    const std::string output = outputAfter(user, command);
+    if (user == becomeNobody && output == "cannot change") {
+      continue;  // not root, or nobody else may run what was built here
+    }
+    EXPECT_THAT(output, testing::StartsWith("talvero-sim\n" + std::string(host)));
+    EXPECT_THAT(output, HasSubstr("/sys:\n"));
+    EXPECT_THAT(output, testing::EndsWith("Read-only file system\n"));
+    EXPECT_THAT(output, Not(HasSubstr("class\n")));
+    EXPECT_THAT(output, Not(HasSubstr("devices\n")));
+  }
+}
+
+TEST(HostHardware, IsHiddenWhereverItIs) {
+  const TemporaryDirectory directory;
+  const std::string root = directory.path;
+  if (!namespacesAreAllowed() || root.rfind("/dev/", 0) == 0) {
+    GTEST_SKIP() << "no namespaces, or none without temporary files below /dev";
+  }
+  const std::string other = "\"" + root + "/other sys\"";
+  const std::string output =
+      outputAfter([&root] { return becomeHost(root); },
+                  sim + std::string("sh -c 'ls -A ") + other +
+                      "; for name in mem gpiochip0 gpiochip12 i2c-1; " + "do cat " + host +
+                      "/dev/$name; stat -c %a " + host + "/dev/$name; done; " + "echo written >" +
+                      host + "/dev/mem'; cat /dev/mem; test -d " + other +
+                      "/class && test -d /sys/class && echo there");
+  EXPECT_EQ(output, "0\n0\n0\n0\nhost\nthere\n");
+}
+
+/// What a program can tell of itself.
+constexpr char aboutItself[] =
+    "id -u; id -g; pwd; echo $PATH; while read -r name value; do "
+    "case $name in Cap*|Sig[BIP]*|Shd*|NoNew*) echo $name $value;; esac; done </proc/self/status";
+
+TEST(HostHardware, IsAllThatIsHidden) {
+  for (const auto& user : users) {
+    EXPECT_EQ(outputAfter(user, sim + std::string("sh -c '") + aboutItself + "'"),
+              outputAfter(user, std::string("sh -c '") + aboutItself + "'"));
+  }
+}
+
+TEST(HostHardware, IsAsBeforeWhereNamespacesAreNotAllowed) {
+  std::vector<std::function<bool()>> changes{becomeContainersRoot};
+  for (const auto& user : users) {
+    for (const auto& refusal : {refuseNamespaces, refusePrivateMounts, refuseCovers}) {
+      changes.emplace_back([user, refusal] { return user() && refusal(); });
+    }
+  }
+  const std::string show =
+      std::string("cat /proc/self/uid_map; ls -A ") + host + "/sys; " + aboutItself;
+  for (const auto& change : changes) {
+    EXPECT_EQ(
+        outputAfter(change, sim + ("sh -c '" + show) + "; cat /sys/class/gpio/gpiochip0/label'"),
+        outputAfter(change, show + "; echo talvero-sim"));
+  }
+}
+
+}  // namespace
