@@ -31,6 +31,7 @@ constexpr int notFound = 127;
 struct Arguments {
   std::string instrument = "full";
   std::string trace = "/dev/null";
+  bool timestamps = false;
   bool fast = false;
   std::vector<std::string> program;
 };
@@ -166,7 +167,7 @@ int run(Arguments& arguments) {
     simulator::removeAbandonedInstruments();
     const simulator::SimulatedInstrument instrument(
         simulator::readDescription(descriptionFile(arguments.instrument)),
-        {arguments.fast, arguments.trace});
+        {arguments.fast, arguments.trace, arguments.timestamps});
     instrument.setProgramEnvironment();
     const std::vector<char*> pointers = pointersTo(arguments.program);
     const pid_t self = getpid();
@@ -200,7 +201,11 @@ int main(int argc, char** argv) {
                  "description file, or the name of a shipped one (see --list)")
       ->capture_default_str();
   app.add_flag("--fast", arguments.fast, "advance a virtual clock instead of sleeping");
-  app.add_option("--trace", arguments.trace, "write every access to this file, one line each");
+  CLI::Option* const trace =
+      app.add_option("--trace", arguments.trace, "write every access to this file, one line each");
+  app.add_flag("--timestamps", arguments.timestamps,
+               "begin each line with the instrument's time, in seconds, and the process")
+      ->needs(trace);
   app.add_flag_callback(
       "--list",
       [] {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What talvero-sim hides of the host.
+// talvero-sim's command line: what it hides of the host, and what it makes of the trace.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <regex>
 
 #include "tests/Support.h"
 
@@ -198,6 +199,35 @@ TEST(HostHardware, IsAsBeforeWhereNamespacesAreNotAllowed) {
         outputAfter(change, sim + ("sh -c '" + show) + "; cat /sys/class/gpio/gpiochip0/label'"),
         outputAfter(change, show + "; echo talvero-sim"));
   }
+}
+
+/// A trace of three lines, of which a sleep is one.
+constexpr char traced[] =
+    "sh -c 'cat /sys/class/gpio/gpiochip0/base; sleep 3.02; cat /sys/class/gpio/gpiochip0/ngpio'";
+
+TEST(Trace, CarriesTimeAndProcessIfAsked) {
+  const TemporaryDirectory directory;
+  const std::string trace = directory.path + "/trace";
+  const std::string command = TALVERO_SIM " --fast --trace " + trace;
+  runCommand(command + " -- " + traced);
+  const std::string plain = contentOf(trace);
+  EXPECT_EQ(plain,
+            "read /sys/class/gpio/gpiochip0/base \"0\\n\"\n"
+            "sleep 3020000 us\n"
+            "read /sys/class/gpio/gpiochip0/ngpio \"256\\n\"\n");
+  runCommand(command + " --timestamps -- " + traced);
+  const std::string stamped = contentOf(trace);
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(stamped, match,
+                               std::regex("0\\.000000 (\\d+) read [^\n]*\n"
+                                          "0\\.000000 (\\d+) sleep [^\n]*\n"
+                                          "3\\.020000 (\\d+) read [^\n]*\n")))
+      << stamped;
+  EXPECT_NE(match[1], match[2]);
+  EXPECT_NE(match[2], match[3]);
+  const Outcome useless = runCommand(TALVERO_SIM " --timestamps -- true");
+  EXPECT_EQ(useless.status, 2);
+  EXPECT_THAT(useless.errors, HasSubstr("--timestamps requires --trace"));
 }
 
 }  // namespace

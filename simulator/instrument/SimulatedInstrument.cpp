@@ -39,7 +39,7 @@ int createLock(const fs::path& root) {
 }
 
 void initialise(State& state, const std::string& root, const std::string& traceFile,
-                const Hardware& hardware, bool fast) {
+                const Hardware& hardware, const SimulatedInstrument::Options& options) {
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
   pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
@@ -48,7 +48,8 @@ void initialise(State& state, const std::string& root, const std::string& traceF
   pthread_mutexattr_destroy(&attributes);
   root.copy(state.root, sizeof state.root - 1);
   traceFile.copy(state.trace, sizeof state.trace - 1);
-  state.fast = fast;
+  state.timestamps = options.timestamps;
+  state.fast = options.fast;
   state.started = hostTime();
   state.hardware = hardware;
 }
@@ -100,7 +101,7 @@ SimulatedInstrument::SimulatedInstrument(const Hardware& hardware, const Options
     createFile(stateFile);
     fs::resize_file(stateFile, sizeof(State));
     attach(stateFile.c_str());
-    initialise(*state(), root, traceFile, hardware, options.fast);
+    initialise(*state(), root, traceFile, hardware, options);
   } catch (...) {
     release();
     throw;

@@ -18,8 +18,9 @@ namespace simulator {
 class SimulatedInstrument {
  public:
   struct Options {
-    bool fast = true;   ///< sleeps advance a virtual clock
-    std::string trace;  ///< file that receives the trace; empty for takeTrace() alone
+    bool fast = true;         ///< sleeps advance a virtual clock
+    std::string trace;        ///< file that receives the trace; empty for takeTrace() alone
+    bool timestamps = false;  ///< lines of the trace begin with time and process
   };
 
   explicit SimulatedInstrument(const Hardware& hardware);

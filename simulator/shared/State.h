@@ -21,6 +21,7 @@ struct State {
   pthread_mutex_t mutex;
   char root[PATH_MAX];              ///< umockdev's directory; the simulated /sys is below it
   char trace[PATH_MAX];             ///< file that receives the trace; empty for none
+  bool timestamps;                  ///< its lines begin with time and process
   std::atomic<bool> traceLost;      ///< a line could not be written
   std::atomic<bool> ended;          ///< talvero-sim is gone, and the tree with it
   bool fast;                        ///< sleeps advance the clock instead of sleeping

@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
+#include "simulator/shared/Clock.h"
 #include "simulator/shared/State.h"
 
 namespace simulator {
@@ -15,6 +17,15 @@ namespace {
 
 thread_local int nesting = 0;
 
+/// "3.020000 1234 ": seconds on the instrument's clock, and the process.
+std::string timestamp(const State& state) {
+  const std::int64_t time = now(state);
+  char text[64];
+  std::snprintf(text, sizeof text, "%" PRId64 ".%06" PRId64 " %d ", time / 1000000, time % 1000000,
+                getpid());
+  return text;
+}
+
 }  // namespace
 
 void trace(const std::string& line) {
@@ -22,7 +33,7 @@ void trace(const std::string& line) {
   if (shared == nullptr || shared->trace[0] == '\0' || nested()) {
     return;
   }
-  const std::string text = line + "\n";
+  const std::string text = (shared->timestamps ? timestamp(*shared) : "") + line + "\n";
   const int fd = ::open(shared->trace, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
   if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
     shared->traceLost = true;
