@@ -13,9 +13,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "simulator/instrument/ExpectedTrace.h"
 #include "simulator/instrument/HostHardware.h"
 #include "simulator/instrument/SimulatedInstrument.h"
 #include "simulator/shared/ProgramFile.h"
@@ -24,13 +26,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr int traceDiffers = 1;
 constexpr int usageError = 2;
 constexpr int notExecutable = 126;
 constexpr int notFound = 127;
 
 struct Arguments {
   std::string instrument = "full";
-  std::string trace = "/dev/null";
+  std::optional<std::string> trace;
+  std::optional<std::string> expect;
   bool timestamps = false;
   bool fast = false;
   std::vector<std::string> program;
@@ -129,6 +133,20 @@ int waitForProgram(pid_t program, const sigset_t& signals) {
   }
 }
 
+/// Where the trace goes: nowhere if nobody asks for it, to the instrument's own file if only
+/// --expect does.
+std::string traceFile(const Arguments& arguments) {
+  return arguments.trace.value_or(arguments.expect ? "" : "/dev/null");
+}
+
+/// Throws unless the trace can be read again, which --expect does in the end.
+void requireReadableTrace(const Arguments& arguments) {
+  if (arguments.expect && arguments.trace &&
+      (!fs::is_regular_file(*arguments.trace) || access(arguments.trace->c_str(), R_OK) != 0)) {
+    throw std::runtime_error(*arguments.trace + ": --expect cannot read this trace again");
+  }
+}
+
 /// Ends as the program has ended.
 int passOn(int status, const sigset_t& signals) {
   if (!WIFSIGNALED(status)) {
@@ -154,6 +172,10 @@ int run(Arguments& arguments) {
               << ": it would reach this machine's own hardware\n";
     return usageError;
   }
+  std::optional<simulator::ExpectedTrace> expected;
+  if (arguments.expect) {
+    expected.emplace(*arguments.expect);
+  }
   sigset_t passed;
   sigemptyset(&passed);
   for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2}) {
@@ -163,11 +185,13 @@ int run(Arguments& arguments) {
   before.childEnded = std::signal(SIGCHLD, SIG_DFL);  // an ignored one would not tell of its end
   sigprocmask(SIG_BLOCK, &passed, &before.blocked);
   int status = 0;
+  std::string difference;
   {
     simulator::removeAbandonedInstruments();
-    const simulator::SimulatedInstrument instrument(
+    simulator::SimulatedInstrument instrument(
         simulator::readDescription(descriptionFile(arguments.instrument)),
-        {arguments.fast, arguments.trace, arguments.timestamps});
+        {arguments.fast, traceFile(arguments), arguments.timestamps});
+    requireReadableTrace(arguments);
     instrument.setProgramEnvironment();
     const std::vector<char*> pointers = pointersTo(arguments.program);
     const pid_t self = getpid();
@@ -180,6 +204,13 @@ int run(Arguments& arguments) {
     }
     status = waitForProgram(child, passed);
     instrument.requireTrace();
+    if (expected) {
+      difference = expected->differenceFrom(instrument.takeTrace());
+    }
+  }
+  if (!difference.empty()) {
+    std::cerr << "talvero-sim: " << difference;
+    return traceDiffers;
   }
   return passOn(status, before.blocked);
 }
@@ -193,8 +224,8 @@ int main(int argc, char** argv) {
       "devices, PCI configuration space and the platform's classes happens to the instrument that\n"
       "a description file describes instead of to this machine's own hardware. That holds for the\n"
       "programs that it starts too; those for which it cannot hold are refused.\n\n"
-      "The exit status is the program's; 2 for a wrong description or call, 126 or 127 when the\n"
-      "program cannot be run.",
+      "The exit status is the program's; 1 when the trace is not the expected one, 2 for a wrong\n"
+      "description or call, 126 or 127 when the program cannot be run.",
       "talvero-sim");
   app.set_version_flag("--version", TALVERO_VERSION);
   app.add_option("--instrument", arguments.instrument,
@@ -206,6 +237,8 @@ int main(int argc, char** argv) {
   app.add_flag("--timestamps", arguments.timestamps,
                "begin each line with the instrument's time, in seconds, and the process")
       ->needs(trace);
+  app.add_option("--expect", arguments.expect,
+                 "compare with this file, a trace from before, and show the first difference");
   app.add_flag_callback(
       "--list",
       [] {

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -24,6 +25,7 @@
 #include "tests/Support.h"
 
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 namespace {
@@ -228,6 +230,86 @@ TEST(Trace, CarriesTimeAndProcessIfAsked) {
   const Outcome useless = runCommand(TALVERO_SIM " --timestamps -- true");
   EXPECT_EQ(useless.status, 2);
   EXPECT_THAT(useless.errors, HasSubstr("--timestamps requires --trace"));
+}
+
+TEST(Trace, IsComparedWithAnExpectedOne) {
+  const TemporaryDirectory directory;
+  const std::string first = "read /sys/class/gpio/gpiochip0/base \"0\\n\"";
+  const std::string last = "read /sys/class/gpio/gpiochip0/ngpio \"256\\n\"";
+  const std::string end = "(end of the trace)";
+  const struct {
+    std::string expected;
+    std::string line;  // empty where all are equal
+    std::string was;
+    std::string is;
+  } cases[] = {
+      {first + "\nsleep 3020000 us\n" + last + "\n", "", "", ""},
+      {first + "\nsleep 3020000 us\n" + last, "", "", ""},
+      {"0.000000 7 " + first + "\n1.5 8 sleep 3020000 us\n12.000000 9 " + last, "", "", ""},
+      {first + "\nsleep 3 us\n" + last, "2", "sleep 3 us", "sleep 3020000 us"},
+      {first + "\n0.000000 7 sleep 3 us", "2", "sleep 3 us", "sleep 3020000 us"},
+      {first + "\nsleep 3020000 us\n", "3", end, last},
+      {first + "\nsleep 3020000 us\n" + last + "\n" + last, "4", last, end},
+      {"", "1", end, first},
+  };
+  const std::string file = directory.path + "/expected";
+  const std::string trace = directory.path + "/trace";
+  for (const auto& test : cases) {
+    directory.file("expected", test.expected);
+    const std::string report = test.line.empty()
+                                   ? ""
+                                   : "talvero-sim: " + file + ":" + test.line +
+                                         ": the trace differs\n  expected: " + test.was +
+                                         "\n  actual:   " + test.is + "\n";
+    for (const std::string& with : {std::string(), " --timestamps --trace " + trace}) {
+      const Outcome outcome =
+          runCommand(TALVERO_SIM " --fast --expect " + file + with + " -- " + traced);
+      EXPECT_EQ(outcome.errors, report) << with;
+      EXPECT_EQ(outcome.status, test.line.empty() ? 0 : 1) << with;
+      EXPECT_EQ(outcome.output, "0\n256\n");
+    }
+  }
+  EXPECT_THAT(contentOf(trace), HasSubstr(last)) << "it is written all the same";
+}
+
+TEST(Trace, DecidesTheExitStatusOnlyWhereItDiffers) {
+  const TemporaryDirectory directory;
+  const std::string same = directory.file("same", "");
+  const std::string other = directory.file("other", "sleep 1 us\n");
+  const std::string ends[] = {"exit 7", "kill -KILL $$"};
+  const int statuses[] = {7, 128 + SIGKILL};
+  for (std::size_t index = 0; index < std::size(ends); ++index) {
+    const std::string program = " -- sh -c '" + ends[index] + "'";
+    EXPECT_EQ(runCommand("exec " TALVERO_SIM " --expect " + same + program).status,
+              statuses[index]);
+    EXPECT_EQ(runCommand("exec " TALVERO_SIM " --expect " + other + program).status, 1);
+  }
+}
+
+TEST(Trace, CanBeExpectedOfTheFileThatItReplaces) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.file("trace", "sleep 1000000 us\n");
+  const std::string command = TALVERO_SIM " --fast --expect " + file + " --trace " + file + " -- ";
+  EXPECT_EQ(runCommand(command + "sleep 1").status, 0);
+  EXPECT_EQ(runCommand(command + "sleep 2").status, 1);
+  EXPECT_EQ(contentOf(file), "sleep 2000000 us\n");
+}
+
+TEST(Trace, IsNotExpectedOfWhatCannotBeRead) {
+  const TemporaryDirectory directory;
+  const std::string empty = directory.file("empty", "");
+  const std::pair<std::string, std::string> cases[] = {
+      {" --expect /nowhere", "talvero-sim: /nowhere: cannot be read\n"},
+      {" --expect /tmp", "talvero-sim: /tmp: cannot be read\n"},
+      {" --expect " + empty + " --trace /dev/null",
+       "talvero-sim: /dev/null: --expect cannot read this trace again\n"},
+  };
+  for (const auto& [options, reason] : cases) {
+    const Outcome outcome = runCommand(TALVERO_SIM + options + " -- echo started");
+    EXPECT_EQ(outcome.status, 2) << options;
+    EXPECT_EQ(outcome.errors, reason);
+    EXPECT_THAT(outcome.output, IsEmpty());
+  }
 }
 
 }  // namespace
