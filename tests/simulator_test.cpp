@@ -7,13 +7,10 @@
 #include <glob.h>
 #include <gmock/gmock.h>
 #include <pciaccess.h>
-#include <semaphore.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
-#include <sys/timerfd.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -23,23 +20,17 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <future>
-#include <mutex>
 #include <thread>
 
 #include "pcie/PCIeDiagnostics.h"
 #include "simulator/shared/State.h"
 #include "tests/Support.h"
 
-using testing::AllOf;
-using testing::Ge;
 using testing::HasSubstr;
-using testing::Lt;
 using testing::StartsWith;
 
 namespace {
@@ -239,103 +230,6 @@ TEST(SimulatedGpio, ForgetsALineOnceItsLevelIsDriven) {
   EXPECT_EQ(contentOf("/sys/class/gpio/gpio5/value"), "0\n") << "\"out\" drives the line low";
   writeAttribute("/sys/class/gpio/gpio5/direction", "in");
   EXPECT_EQ(contentOf("/sys/class/gpio/gpio5/value"), "1\n");
-}
-
-/// The host's clock, which no instrument moves.
-double hostSeconds() {
-  timespec time{};
-  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-TEST(VirtualTime, PassesWithoutWaiting) {
-  const double begin = hostSeconds();
-  const Instrument instrument("");
-  const auto start = std::chrono::steady_clock::now();
-  usleep(1000);
-  sleep(5);
-  std::this_thread::sleep_for(std::chrono::seconds(55));
-  timespec until{};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec -= 100;
-  EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr), 0) << "over already";
-  const timespec half{0, 500000000};
-  EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, 0, &half, nullptr), 0);
-  const timespec wrong{0, -1};
-  EXPECT_EQ(nanosleep(&wrong, nullptr), -1);
-  std::this_thread::sleep_until(start + std::chrono::seconds(70));
-  EXPECT_NEAR(static_cast<double>(instrument.milliseconds()), 70000, 4000);
-  EXPECT_LT(hostSeconds() - begin, 5);
-}
-
-TEST(VirtualTime, ShowsOnEveryClock) {
-  const double begin = hostSeconds();
-  EXPECT_EQ(std::getenv("UMOCKDEV_DIR"), nullptr) << "left by an earlier instrument";
-  { const Instrument earlier(""); }
-  EXPECT_EQ(std::getenv("UMOCKDEV_DIR"), nullptr);
-  const Instrument instrument("");
-  const auto seconds = [](clockid_t clock) {
-    timespec time{};
-    EXPECT_EQ(clock_gettime(clock, &time), 0);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-  };
-  timeval day{};
-  gettimeofday(&day, nullptr);
-  const time_t whole = time(nullptr);
-  const double before[] = {seconds(CLOCK_MONOTONIC), seconds(CLOCK_REALTIME),
-                           seconds(CLOCK_BOOTTIME), seconds(CLOCK_PROCESS_CPUTIME_ID)};
-  usleep(7300 * 1000);
-  EXPECT_THAT(seconds(CLOCK_MONOTONIC) - before[0], AllOf(Ge(7.299), Lt(12)));
-  EXPECT_THAT(seconds(CLOCK_REALTIME) - before[1], AllOf(Ge(7.299), Lt(12)));
-  EXPECT_THAT(seconds(CLOCK_BOOTTIME) - before[2], AllOf(Ge(7.299), Lt(12)));
-  EXPECT_LT(seconds(CLOCK_PROCESS_CPUTIME_ID) - before[3], 1);
-  EXPECT_THAT(static_cast<double>(time(nullptr) - whole), AllOf(Ge(7), Lt(12)));
-  const timeval earlier = day;
-  gettimeofday(&day, nullptr);
-  EXPECT_THAT(static_cast<double>(day.tv_sec - earlier.tv_sec), AllOf(Ge(7), Lt(12)));
-
-  // Waits until a time of these clocks end then, though the kernel's clocks are behind.
-  const auto wait = std::chrono::milliseconds(20);
-  std::mutex mutex;
-  std::unique_lock<std::mutex> lock(mutex);
-  std::condition_variable condition;
-#ifndef __SANITIZE_THREAD__  // which passes these on to the C library, past the simulator
-  EXPECT_EQ(condition.wait_for(lock, wait), std::cv_status::timeout);
-  EXPECT_EQ(condition.wait_until(lock, std::chrono::system_clock::now() + wait),
-            std::cv_status::timeout);
-#endif
-  std::promise<void> promise;
-  EXPECT_EQ(promise.get_future().wait_for(wait), std::future_status::timeout);
-  std::timed_mutex taken;
-  taken.lock();
-  std::thread([&] { EXPECT_FALSE(taken.try_lock_for(wait)); }).join();
-  sem_t semaphore;
-  sem_init(&semaphore, 0, 0);
-  timespec until{};
-  timespec_get(&until, TIME_UTC);
-  for (const timespec past : {until, timespec{until.tv_sec, 0}, timespec{0, 0}}) {
-    EXPECT_EQ(sem_timedwait(&semaphore, &past), -1);
-    EXPECT_EQ(errno, ETIMEDOUT);
-  }
-  const int timer = timerfd_create(CLOCK_MONOTONIC, 0);
-  itimerspec setting{};
-  clock_gettime(CLOCK_MONOTONIC, &setting.it_value);
-  EXPECT_EQ(sem_clockwait(&semaphore, CLOCK_MONOTONIC, &setting.it_value), -1);
-  std::thread waiting([&] {
-    EXPECT_EQ(pthread_mutex_timedlock(taken.native_handle(), &until), ETIMEDOUT);
-    sem_wait(&semaphore);
-  });
-  EXPECT_EQ(pthread_timedjoin_np(waiting.native_handle(), nullptr, &until), ETIMEDOUT);
-  sem_post(&semaphore);
-  waiting.join();
-  timerfd_settime(timer, TFD_TIMER_ABSTIME, &setting, nullptr);
-  std::uint64_t expired = 0;
-  EXPECT_EQ(read(timer, &expired, sizeof expired), 8);
-  setting.it_value = {0, 1000000};
-  timerfd_settime(timer, 0, &setting, nullptr);
-  EXPECT_EQ(read(timer, &expired, sizeof expired), 8) << "after a millisecond";
-  close(timer);
-  EXPECT_LT(hostSeconds() - begin, 5);
 }
 
 TEST(Descriptions, AreRefusedWithFileGroupAndKey) {

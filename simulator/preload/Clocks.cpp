@@ -23,11 +23,11 @@ using simulator::next;
 
 namespace {
 
-constexpr std::int64_t microsecondsOfSecond = 1000000;
+constexpr std::int64_t second = 1000000000;
 
-/// Time of the instrument's clock that has not passed on the host's, microseconds.
+/// What clocks show that has not passed on the host's, nanoseconds.
 std::int64_t skipped() {
-  return simulator::attached() && simulator::state()->fast ? simulator::state()->slept.load() : 0;
+  return simulator::attached() ? simulator::state()->clock.skipped.load() : 0;
 }
 
 bool isCpuTime(clockid_t clock) {
@@ -35,10 +35,10 @@ bool isCpuTime(clockid_t clock) {
 }
 
 void add(timespec& time, std::int64_t duration) {
-  const std::int64_t nanoseconds = time.tv_nsec + duration % microsecondsOfSecond * 1000;
-  const std::int64_t carry = nanoseconds < 0 ? -1 : nanoseconds / 1000000000;
-  time.tv_sec += duration / microsecondsOfSecond + carry;
-  time.tv_nsec = nanoseconds - carry * 1000000000;
+  const std::int64_t nanoseconds = time.tv_nsec + duration % second;
+  const std::int64_t carry = nanoseconds < 0 ? -1 : nanoseconds / second;
+  time.tv_sec += duration / second + carry;
+  time.tv_nsec = nanoseconds - carry * second;
 }
 
 /// A time of the instrument's clock as the host's will read then. Null stays null.

@@ -172,6 +172,7 @@ __attribute__((constructor)) void start() {
   }
   if (const char* stateFile = std::getenv(simulator::stateVariable)) {
     simulator::attach(stateFile);
+    simulator::takePartAlone();
     simulator::findInheritedAttributes();
   }
 }

@@ -2,8 +2,8 @@
 // Programs: every way to start one. It is put on the instrument whatever environment it is given,
 // and refused where the dynamic linker could not do that.
 //
-// Nothing here allocates memory or takes a lock: a program is started by the child of one that may
-// have threads, or in its very memory.
+// Nothing here allocates memory or takes a lock but the instrument's: a program is started by the
+// child of one that may have threads, or in its very memory.
 
 #include <alloca.h>
 #include <fcntl.h>
@@ -77,6 +77,7 @@ int become(Program program, const char* name, char* const* environment, Exec rea
             reason);
     return fail(EACCES);
   }
+  simulator::takePart(getpid(), gettid());  // before a parent in whose memory this is runs again
   std::size_t count = 0;
   while (environment != nullptr && environment[count] != nullptr) {
     ++count;
@@ -100,6 +101,20 @@ int become(Program program, const char* name, char* const* environment, Exec rea
     *preload = both;
   }
   return real(complete);
+}
+
+/// Starts a process by `real`, which takes part before this one goes on.
+template <typename Spawn>
+int startProcess(pid_t* process, Spawn real) {
+  pid_t child = 0;
+  const int result = real(&child);
+  if (result == 0) {
+    simulator::takePart(child, child);
+    if (process != nullptr) {
+      *process = child;
+    }
+  }
+  return result;
 }
 
 /// The program that the search path has for a name; the name itself where there is none.
@@ -235,7 +250,9 @@ int posix_spawn(pid_t* process, const char* program, const posix_spawn_file_acti
                 char* const environment[]) {
   static const auto real = next(&posix_spawn, "posix_spawn");
   const int result = become(program, program, environment, [&](char* const* complete) {
-    return real(process, program, actions, attributes, arguments, complete);
+    return startProcess(process, [&](pid_t* child) {
+      return real(child, program, actions, attributes, arguments, complete);
+    });
   });
   return result < 0 ? errno : result;
 }
@@ -248,7 +265,9 @@ int posix_spawnp(pid_t* process, const char* name, const posix_spawn_file_action
   search(name, program);
   const int result =
       become(static_cast<const char*>(program), program, environment, [&](char* const* complete) {
-        return real(process, name, actions, attributes, arguments, complete);
+        return startProcess(process, [&](pid_t* child) {
+          return real(child, name, actions, attributes, arguments, complete);
+        });
       });
   return result < 0 ? errno : result;
 }

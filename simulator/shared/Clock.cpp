@@ -1,18 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include "simulator/shared/Clock.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <ctime>
 
 namespace simulator {
 
 std::int64_t now(const State& state) {
-  return state.fast ? state.slept.load() : hostTime() - state.started;
+  return state.fast ? state.clock.slept.load() : hostTime() - state.started;
 }
 
-std::int64_t hostTime() {
+std::int64_t hostTime() { return hostNanoseconds() / 1000; }
+
+std::int64_t hostNanoseconds() {
   timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return std::int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
+  syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &time);  // clock_gettime tells programs another one
+  return std::int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
 
 }  // namespace simulator

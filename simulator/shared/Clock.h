@@ -13,5 +13,6 @@ std::int64_t now(const State& state);
 
 /// The host's clock, microseconds.
 std::int64_t hostTime();
+std::int64_t hostNanoseconds();
 
 }  // namespace simulator

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "simulator/shared/Hardware.h"
+#include "simulator/shared/VirtualClock.h"
 
 /// The state of the simulated instrument, shared by all processes that run on it.
 ///
@@ -26,7 +27,7 @@ struct State {
   std::atomic<bool> ended;          ///< talvero-sim is gone, and the tree with it
   bool fast;                        ///< sleeps advance the clock instead of sleeping
   std::int64_t started;             ///< host's clock when the instrument started, microseconds
-  std::atomic<std::int64_t> slept;  ///< clock in fast mode, microseconds
+  VirtualClock clock;               ///< in fast mode
   Hardware hardware;
 };
 
