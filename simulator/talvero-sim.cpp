@@ -8,17 +8,22 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "simulator/instrument/ExpectedTrace.h"
 #include "simulator/instrument/HostHardware.h"
+#include "simulator/instrument/LeftBehind.h"
+#include "simulator/instrument/RunningInstruments.h"
 #include "simulator/instrument/SimulatedInstrument.h"
 #include "simulator/shared/ProgramFile.h"
 
@@ -37,6 +42,13 @@ struct Arguments {
   std::optional<std::string> expect;
   bool timestamps = false;
   bool fast = false;
+  std::string name;
+  std::string state;
+  std::optional<std::uint64_t> seed;
+  bool summary = false;
+  bool show = false;
+  std::string on;
+  std::vector<std::string> settings;
   std::vector<std::string> program;
 };
 
@@ -115,11 +127,15 @@ struct Signals {
   _exit(error == ENOENT ? notFound : notExecutable);
 }
 
-/// Passes signals on to the program until it ends; returns its wait status.
-int waitForProgram(pid_t program, const sigset_t& signals) {
+/// Passes signals on to the program until it ends, and lets the instrument change; returns the
+/// program's wait status.
+int waitForProgram(pid_t program, const sigset_t& signals,
+                   simulator::SimulatedInstrument& instrument) {
   while (true) {
     siginfo_t info{};
-    if (sigwaitinfo(&signals, &info) < 0) {
+    const std::chrono::nanoseconds wait = instrument.makeChanges();
+    const timespec time{wait / std::chrono::seconds(1), (wait % std::chrono::seconds(1)).count()};
+    if (sigtimedwait(&signals, &info, &time) < 0) {
       continue;
     }
     // The terminal has sent its signals to the program already.
@@ -161,6 +177,48 @@ int passOn(int status, const sigset_t& signals) {
   return 128 + signal;
 }
 
+/// The seed of what happens by chance; says which it is where the caller has not chosen it.
+std::uint64_t seedOf(const Arguments& arguments, const simulator::Hardware& hardware) {
+  const bool byChance =
+      std::any_of(hardware.failures, hardware.failures + hardware.failuresUsed,
+                  [](const auto& failure) { return failure.rate != failure.certain; });
+  const std::uint64_t seed = arguments.seed ? *arguments.seed : std::random_device()();
+  if (byChance && !arguments.seed) {
+    std::cerr << "talvero-sim: --seed " << seed << " repeats this run\n";
+  }
+  return seed;
+}
+
+/// Opens the file for what becomes of the instrument, without changing it yet.
+void requireWritable(const std::string& file) {
+  if (!file.empty() && !std::ofstream(file, std::ios::app)) {
+    throw std::runtime_error(file + ": cannot be written");
+  }
+}
+
+/// Writes what has become of the instrument, and says what was left behind, as far as asked for.
+void tellEnd(const Arguments& arguments, const simulator::SimulatedInstrument& instrument,
+             const simulator::Hardware& before) {
+  const auto after = std::make_unique<simulator::Hardware>(instrument.hardware());
+  if (!arguments.state.empty()) {
+    std::ofstream file(arguments.state);
+    file << "# " << arguments.instrument << ", as it was left\n\n" << simulator::describe(*after);
+    if (!file.flush()) {
+      throw std::runtime_error(arguments.state + ": cannot be written");
+    }
+  }
+  if (arguments.summary) {
+    const std::vector<std::string> left = simulator::leftBehind(before, *after);
+    for (const std::string& words : left) {
+      std::cerr << "talvero-sim: left behind: " << words << "\n";
+    }
+    std::cerr << (left.empty() ? "talvero-sim: nothing left behind\n" : "");
+    for (const std::string& words : simulator::neverMet(*after)) {
+      std::cerr << "talvero-sim: never met: " << words << "\n";
+    }
+  }
+}
+
 int run(Arguments& arguments) {
   const std::string program = findProgram(arguments.program.front());
   if (program.empty()) {
@@ -188,9 +246,13 @@ int run(Arguments& arguments) {
   std::string difference;
   {
     simulator::removeAbandonedInstruments();
+    const auto hardware = std::make_unique<simulator::Hardware>(
+        simulator::readDescription(descriptionFile(arguments.instrument)));
+    requireWritable(arguments.state);
     simulator::SimulatedInstrument instrument(
-        simulator::readDescription(descriptionFile(arguments.instrument)),
-        {arguments.fast, traceFile(arguments), arguments.timestamps});
+        *hardware, {arguments.fast, traceFile(arguments), arguments.name, arguments.timestamps,
+                    seedOf(arguments, *hardware)});
+    *hardware = instrument.hardware();
     requireReadableTrace(arguments);
     instrument.setProgramEnvironment();
     const std::vector<char*> pointers = pointersTo(arguments.program);
@@ -202,7 +264,8 @@ int run(Arguments& arguments) {
     if (child == 0) {
       becomeProgram(program, pointers.data(), self, before);
     }
-    status = waitForProgram(child, passed);
+    status = waitForProgram(child, passed, instrument);
+    tellEnd(arguments, instrument, *hardware);
     instrument.requireTrace();
     if (expected) {
       difference = expected->differenceFrom(instrument.takeTrace());
@@ -213,6 +276,17 @@ int run(Arguments& arguments) {
     return traceDiffers;
   }
   return passOn(status, before.blocked);
+}
+
+void show(const Arguments& arguments) {
+  const auto hardware = std::make_unique<simulator::Hardware>(
+      simulator::readDescription(descriptionFile(arguments.instrument)));
+  std::cout << simulator::describe(*hardware);
+}
+
+void set(const Arguments& arguments) {
+  simulator::attachRunning(arguments.on);
+  simulator::setKeys(arguments.settings);
 }
 
 }  // namespace
@@ -239,6 +313,22 @@ int main(int argc, char** argv) {
       ->needs(trace);
   app.add_option("--expect", arguments.expect,
                  "compare with this file, a trace from before, and show the first difference");
+  app.add_option(
+      "--state", arguments.state,
+      "write to this file, at the end, what has become of the instrument: a description");
+  app.add_flag("--summary", arguments.summary,
+               "say at the end what has been left behind: PRBS, loopback, power, clocks, outputs");
+  app.add_option("--seed", arguments.seed, "repeat what happens by chance")
+      ->check(CLI::NonNegativeNumber);
+  app.add_option("--name", arguments.name, "the instrument's name, for talvero-sim set --on")
+      ->check([](const std::string& name) {
+        const bool isNumber = name.find_first_not_of("0123456789") == std::string::npos;
+        return name.size() >= simulator::textSize ? "is too long"
+               : isNumber                         ? "is a number, as processes have"
+                                                  : "";
+      });
+  CLI::Option* const showFlag =
+      app.add_flag("--show", arguments.show, "print the instrument's whole description, and end");
   app.add_flag_callback(
       "--list",
       [] {
@@ -247,11 +337,30 @@ int main(int argc, char** argv) {
       },
       "list the shipped instruments");
   app.add_option("PROGRAM", arguments.program, "the program and its arguments, after --")
+      ->option_text(" ")
+      ->excludes(showFlag);
+  app.positionals_at_end();
+  CLI::App* const setting = app.add_subcommand("set", "change an instrument that runs");
+  setting->add_option("--on", arguments.on,
+                      "its name, or a process on it; otherwise the only one that runs");
+  setting
+      ->add_option("SETTING", arguments.settings,
+                   "a group, a key of it and the new value, such as \"pci port1 link=down\"")
       ->required()
       ->option_text(" ");
-  app.positionals_at_end();
   try {
     app.parse(argc, argv);
+    if (setting->parsed()) {
+      set(arguments);
+      return 0;
+    }
+    if (arguments.show) {
+      show(arguments);
+      return 0;
+    }
+    if (arguments.program.empty()) {
+      throw CLI::RequiredError("PROGRAM");
+    }
     return run(arguments);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : usageError;

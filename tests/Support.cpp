@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "tests/Support.h"
 
+#include <fcntl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -98,6 +101,17 @@ std::string contentOf(const std::string& file) {
   std::ostringstream content;
   content << std::ifstream(file, std::ios::binary).rdbuf();
   return content.str();
+}
+
+int writeAttribute(const std::string& file, const std::string& text) {
+  const int fd = open(file.c_str(), O_WRONLY);
+  if (fd < 0) {
+    return errno;
+  }
+  const int error =
+      write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : errno;
+  close(fd);
+  return error;
 }
 
 Outcome runCommand(const std::string& command) {

@@ -30,6 +30,9 @@ class TemporaryDirectory {
 
 std::string contentOf(const std::string& file);
 
+/// errno of a bare write to a file, 0 for success.
+int writeAttribute(const std::string& file, const std::string& text);
+
 /// Collects what the program writes to std::cout and std::cerr while it exists.
 class Console {
  public:

@@ -139,6 +139,11 @@ bool becomeHost(const std::string& directory) {
 constexpr char host[] = "/proc/self/root";
 
 TEST(HostHardware, IsHiddenWhereNamespacesAreAllowed) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "a process with its thread may not enter a user namespace";
+#elif !defined __x86_64__
+  GTEST_SKIP() << "under QEMU, names lead to what QEMU was started with";
+#endif
   if (!namespacesAreAllowed()) {
     GTEST_SKIP() << "no namespaces";
   }

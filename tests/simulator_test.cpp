@@ -35,18 +35,6 @@ using testing::StartsWith;
 
 namespace {
 
-/// errno of a bare write to an attribute, 0 for success.
-int writeAttribute(const char* path, const std::string& text) {
-  const int fd = open(path, O_WRONLY);
-  if (fd < 0) {
-    return errno;
-  }
-  const int error =
-      write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : errno;
-  close(fd);
-  return error;
-}
-
 TEST(SimulatedGpio, RefusesWhatTheKernelRefuses) {
   const Instrument instrument("[gpio]\n6=missing\n8=high");
   const struct {
@@ -62,9 +50,9 @@ TEST(SimulatedGpio, RefusesWhatTheKernelRefuses) {
                {"gpio5/value", "1", 0},        {"gpiochip0/base", "1", EACCES},
                {"gpio5/direction", "low", 0},  {"gpio5/value", "2", 0},
                {"unexport", "7", EINVAL},      {"unexport", "5", 0},
-               {"gpio5/value", "1", ENOENT},   {"gpio8/edge", "both", EACCES}};
+               {"gpio5/value", "1", ENOENT},   {"gpio8/uevent", "x", EACCES}};
   for (const auto& step : steps) {
-    EXPECT_EQ(writeAttribute((std::string("/sys/class/gpio/") + step.attribute).c_str(), step.text),
+    EXPECT_EQ(writeAttribute(std::string("/sys/class/gpio/") + step.attribute, step.text),
               step.error)
         << step.attribute << " " << step.text;
   }
@@ -103,7 +91,7 @@ TEST(SimulatedPower, FollowsTheEnableLine) {
   const std::string link = "/sys/platform/gpio_module1_";
   const auto done = [&] { return contentOf(link + "seq_done/value") == "0\n"; };
   const auto enable = [&](const char* text) {
-    return writeAttribute((link + "power_en/value").c_str(), text);
+    return writeAttribute(link + "power_en/value", text);
   };
   EXPECT_TRUE(done());
   EXPECT_EQ(enable("1"), 0);
@@ -119,7 +107,7 @@ TEST(SimulatedPower, FollowsTheEnableLine) {
   usleep(1);
   EXPECT_TRUE(done());
   EXPECT_EQ(enable("x"), EINVAL);
-  EXPECT_EQ(writeAttribute((link + "seq_done/value").c_str(), "1"), EPERM);
+  EXPECT_EQ(writeAttribute(link + "seq_done/value", "1"), EPERM);
   EXPECT_EQ(access("/sys/platform/gpio_module2_power_en/value", F_OK), 0);
   EXPECT_EQ(access("/sys/platform/gpio_module2_seq_done", F_OK), -1);
 }
@@ -239,6 +227,12 @@ TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
     std::snprintf(line, sizeof line, "9-%04x=x\n", address);
     manyDevices += line;
   }
+  std::string manyFailures;
+  std::string manyChanges = "[at 1]\n";
+  for (int number = 0; number <= 128; ++number) {
+    manyFailures += "[fail udev " + std::to_string(number) + "]\n";
+    manyChanges += "gpio " + std::to_string(number) + "=high\n";
+  }
   const std::string longText = "[module 2-0050]\ntop=" + std::string(256, 'x');
   const struct {
     std::string text;
@@ -275,6 +269,34 @@ TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
       {"[pci]\n[pci root]\nlink=on", "d.conf: [pci root] link: must be up or down, not \"on\""},
       {"[pci]\n[pci root]\ncorrectable=0x100000000", "must be a number from 0 to 0xffffffff"},
       {"[pci]\n[pci root]\nlinks=up", "d.conf: [pci root] links: unknown key"},
+      {"[pci]\n[pci root]\nprbs=sync", "d.conf: [pci root] prbs: no effect on this device"},
+      {"[pci]\n[pci switch]\nlink=up", "[pci switch] link: no effect on this device"},
+      {"[pci]\n[pci switch]\nlink-lost-after=1", "link-lost-after: no effect on this device"},
+      {"[pci]\n[pci switch]\nregister-1f4=0", "register-1f4: no effect: bits 0xffffffff show"},
+      {"[pci]\n[pci switch]\nregister-244=0x10000", "no effect: bits 0x40ff0000 show"},
+      {"[pci]\n[pci switch]\nregister-224=0x8", "no effect: bits 0x88808 show"},
+      {"[pci]\n[pci shim-port1]\nlink=up", "[pci shim-port1]: no such device"},
+      {"[mux 2-0070]\n[expander 2-0070]", "[expander 2-0070]: is a [mux] already"},
+      {"[expander 2-0041]\n4=low", "[expander 2-0041] 4: unknown key"},
+      {"[module 2-0050]\nid=<1 x>", "[module 2-0050] id: must be a number"},
+      {"[gpio]\n5=low highish", "[gpio] 5: must be low, high, missing, busy"},
+      {"[clock]\n6=on", "[clock] 6: not a slot from 0 to 5"},
+      {"[at soon]\ngpio 5=low", "[at soon] gpio 5: must be a time in seconds"},
+      {"[at 1 to 2]\ngpio 5=low", "[at 1 to 2] gpio 5: must be [at TIME] or [at TIME for TIME]"},
+      {"[at 1]\ngpio 5=lo", "[at 1] gpio 5: must be low"},
+      {"[at 1]\npci port1 link=down", "[at 1] pci port1 link: no such device"},
+      {"[at 1]\nafter 1 x gpio=1", "[at 1] after 1 x gpio: a change does not change others"},
+      {"[after udev_new]\ngpio 5=low", "must be [after NUMBER ACCESS] or [after NUMBER for"},
+      {"[at 1 for 0]\ngpio 5=low", "must be for some time, not \"0\""},
+      {"[after 1 for 0 x]\ngpio 5=low", "must be for some accesses, not \"0\""},
+      {"[pci]\n[at 1]\npci shim=1", "[at 1] pci shim: stays as it is while the instrument runs"},
+      {"[pci]\n[at 1 for 1]\npci port1 latch-correctable=1", "cannot be as before by itself"},
+      {"[at 1 for 1]\ngpio 5=active-low", "[at 1 for 1] gpio 5: cannot be as before by itself"},
+      {"[at 1 for 1]\nfail udev_new times=1", "cannot be as before by itself"},
+      {"[fail udev_new]\nerror=EWHAT", "[fail udev_new] error: must be the name of an error"},
+      {"[fail udev_new]\nrate=1.5", "rate: must be a probability from 0 to 1 such as 0.01"},
+      {manyFailures, "[fail udev 64]: more than 64 kinds of failure"},
+      {manyChanges, "[at 1] gpio 128: more than 128 changes to come"},
   };
   for (const auto& test : cases) {
     try {
@@ -323,7 +345,8 @@ TEST(SimulatedPci, ClearsStatusByWrittenOnesAlone) {
                {0x78, 0xffff0456, 0xfff00456},   // Device Control takes what is written
                {0x104, 0x0f, 0xf0},              // Uncorrectable Error Status
                {0x80, 0xffff0001, 0x20120001},   // Link Status is read-only
-               {0x04, 0xffffffff, 0x0000ffff},   // Command; no Status is latched
+               {0x04, 0xffffffff, 0x0010ffff},   // Command; Status has its list of capabilities
+               {0x0C, 0xffffffff, 0x000100ff},   // Cache Line Size; Header Type is read-only
                {0x00, 0x12345678, 0x10007a1e}};  // IDs
   for (const auto& test : cases) {
     std::uint32_t value = 0;
@@ -623,14 +646,15 @@ TEST(TalveroSim, KeepsOneInstrumentForAWholeScript) {
 }
 
 TEST(TalveroSim, TakesWhatShellsRedirect) {
-  const Outcome outcome = runCommand(TALVERO_SIM
-                                     " -- bash -c 'cd /sys/class/gpio; echo 5 >export; "
-                                     "exec 7>export; echo 6 >&7; exec 7>&-; "
-                                     "exec {fd}>export; echo 7 >&$fd; "
-                                     "{ echo 8; env echo 9; } >export; (env printf 10) >export; "
-                                     "getconf LONG_BIT >export; "  // 64, written as it ends
-                                     "echo gpio?*; echo 5 >export; echo $?; "
-                                     "env echo 5 >export; echo $?; cat <gpio5/value'");
+  const Outcome outcome =
+      runCommand(TALVERO_SIM
+                 " --instrument halcyra -- bash -c 'cd /sys/class/gpio; echo 5 >export; "
+                 "exec 7>export; echo 6 >&7; exec 7>&-; "
+                 "exec {fd}>export; echo 7 >&$fd; "
+                 "{ echo 8; env echo 9; } >export; (env printf 10) >export; "
+                 "getconf LONG_BIT >export; "  // 64, written as it ends
+                 "echo gpio?*; echo 5 >export; echo $?; "
+                 "env echo 5 >export; echo $?; cat <gpio5/value'");
   EXPECT_EQ(outcome.output, "gpio10 gpio5 gpio6 gpio64 gpio7 gpio8 gpio9 gpiochip0\n1\n1\n0\n");
 }
 

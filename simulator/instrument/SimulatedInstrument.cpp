@@ -8,12 +8,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
+#include "simulator/instrument/RunningInstruments.h"
+#include "simulator/parts/Changes.h"
 #include "simulator/parts/Part.h"
 #include "simulator/shared/Clock.h"
 #include "simulator/shared/State.h"
@@ -23,9 +24,6 @@ namespace simulator {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Held locked by the process of an instrument for as long as it lives.
-constexpr char lockName[] = "talvero-sim.lock";
 
 int createLock(const fs::path& root) {
   // Named only once it is locked, so that nobody takes the new instrument for an abandoned one.
@@ -46,12 +44,16 @@ void initialise(State& state, const std::string& root, const std::string& traceF
   pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
   pthread_mutex_init(&state.mutex, &attributes);
   pthread_mutexattr_destroy(&attributes);
+  state.process = getpid();
+  options.name.copy(state.name, sizeof state.name - 1);
   root.copy(state.root, sizeof state.root - 1);
   traceFile.copy(state.trace, sizeof state.trace - 1);
   state.timestamps = options.timestamps;
   state.fast = options.fast;
   state.started = hostTime();
+  state.moment = -1;
   state.hardware = hardware;
+  state.hardware.random = options.seed;
 }
 
 std::string ownLibrary() {
@@ -92,16 +94,15 @@ SimulatedInstrument::SimulatedInstrument(const Hardware& hardware, const Options
       throw std::runtime_error(traceFile + ": cannot be written");
     }
     lock = createLock(root);
-    for (const Part* part : parts) {
-      if (part->createTree != nullptr) {
-        part->createTree(hardware, root);
-      }
-    }
     const std::string stateFile = root + "/state";
-    createFile(stateFile);
+    std::ofstream(stateFile).close();
     fs::resize_file(stateFile, sizeof(State));
-    attach(stateFile.c_str());
-    initialise(*state(), root, traceFile, hardware, options);
+    State& shared = attach(stateFile.c_str());
+    initialise(shared, root, traceFile, hardware, options);
+    settle(shared);
+    shared.hardware.running = true;
+    changeFiles(root, {}, treeOf(shared.hardware));
+    requireTree();
   } catch (...) {
     release();
     throw;
@@ -142,6 +143,23 @@ void SimulatedInstrument::requireTrace() const {
 
 std::int64_t SimulatedInstrument::milliseconds() const { return now(*Locked()) / 1000; }
 
+void SimulatedInstrument::set(const std::vector<std::string>& settings) { setKeys(settings); }
+
+std::chrono::microseconds SimulatedInstrument::makeChanges() {
+  const std::int64_t second = 1000000;
+  const Locked state;
+  simulator::makeChanges(*state);
+  const std::int64_t next = nextChange(state->hardware);
+  return std::chrono::microseconds(std::clamp<std::int64_t>(next - now(*state), 0, second));
+}
+
+Hardware SimulatedInstrument::hardware() const {
+  const Locked state;
+  simulator::makeChanges(*state);
+  state->hardware.time = now(*state);
+  return state->hardware;
+}
+
 void SimulatedInstrument::setProgramEnvironment() const {
   const std::string library = ownLibrary();
   if (library.find_first_of(" :") != std::string::npos) {
@@ -153,33 +171,6 @@ void SimulatedInstrument::setProgramEnvironment() const {
   }
   setenv("LD_PRELOAD", preload.c_str(), 1);
   setenv(stateVariable, (root + "/state").c_str(), 1);
-}
-
-namespace {
-
-/// Tells the programs that have outlived it of an instrument's end.
-void tellPrograms(const fs::path& stateFile) {
-  const int fd = ::open(stateFile.c_str(), O_WRONLY | O_CLOEXEC);
-  const bool ended = true;
-  (void)!pwrite(fd, &ended, sizeof ended, offsetof(State, ended));
-  ::close(fd);
-}
-
-}  // namespace
-
-void removeAbandonedInstruments() {
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(g_get_tmp_dir(), ignored)) {
-    const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
-      continue;
-    }
-    if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
-      tellPrograms(entry.path() / "state");
-      fs::remove_all(entry.path(), ignored);
-    }
-    ::close(fd);
-  }
 }
 
 }  // namespace simulator

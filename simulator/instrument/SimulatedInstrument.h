@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <ios>
 #include <string>
@@ -20,7 +21,9 @@ class SimulatedInstrument {
   struct Options {
     bool fast = true;         ///< sleeps advance a virtual clock
     std::string trace;        ///< file that receives the trace; empty for takeTrace() alone
+    std::string name;         ///< by which others find it
     bool timestamps = false;  ///< lines of the trace begin with time and process
+    std::uint64_t seed = 0;   ///< of failures by chance, which are the same with the same seed
   };
 
   explicit SimulatedInstrument(const Hardware& hardware);
@@ -34,6 +37,18 @@ class SimulatedInstrument {
 
   /// Throws std::runtime_error when a line of the trace was lost.
   void requireTrace() const;
+
+  /// Changes the instrument: each setting gives a key of its description a new value, as in
+  /// "pci port1 link=down". Throws std::runtime_error with the reason if one of them cannot be, and
+  /// then has changed nothing.
+  void set(const std::vector<std::string>& settings);
+
+  /// Makes the changes of the description that are due; returns the time until the next one, a
+  /// second at most. Accesses and, on the virtual clock, sleeps do the same by themselves.
+  std::chrono::microseconds makeChanges();
+
+  /// What has become of the instrument. Its times are told from now on: see describe().
+  Hardware hardware() const;
 
   /// Time on the instrument's clock, milliseconds.
   std::int64_t milliseconds() const;
@@ -51,8 +66,5 @@ class SimulatedInstrument {
   std::streamoff traceTaken = 0;
   int lock = -1;
 };
-
-/// Removes what instruments have left behind whose process was killed.
-void removeAbandonedInstruments();
 
 }  // namespace simulator

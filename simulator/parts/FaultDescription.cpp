@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <iterator>
+
 #include "simulator/parts/Part.h"
 #include "simulator/parts/Values.h"
 
@@ -15,10 +17,18 @@ void setFault(Hardware& hardware, const std::string& /*instance*/, const std::st
   hardware.faults[fault] = choice(value, "on", "off");
 }
 
-constexpr Group groups[] = {{"faults", false, nullptr, setFault}};
+Entries describeFaults(const Hardware& hardware) {
+  Entries entries;
+  for (std::size_t fault = 0; fault < faultCount; ++fault) {
+    entries.push_back({"", faultNames[fault], hardware.faults[fault] ? "on" : "off"});
+  }
+  return entries;
+}
+
+constexpr Group groups[] = {{"faults", false, nullptr, setFault, describeFaults}};
 
 }  // namespace
 
-const Part faultsPart = {groups, std::size(groups), nullptr, {}};
+const Part faultsPart = {groups, std::size(groups), nullptr, {}, nullptr};
 
 }  // namespace simulator

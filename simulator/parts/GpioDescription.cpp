@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <regex>
+#include <iterator>
 
 #include "simulator/parts/GpioLines.h"
 #include "simulator/parts/Part.h"
@@ -25,43 +25,79 @@ void setBoard(Hardware& hardware, const std::string& /*instance*/, const std::st
   }
 }
 
+Entries describeBoard(const Hardware& hardware) {
+  std::string straps;
+  for (const int line : strapLines) {
+    straps += hardware.lines[line].level ? '1' : '0';
+  }
+  return {{"", "straps", straps}};
+}
+
 void setLine(Hardware& hardware, const std::string& /*instance*/, const std::string& key,
              const std::string& value) {
-  static const std::regex number("[0-9]{1,9}");
-  if (!std::regex_match(key, number) || std::stoi(key) >= gpioLineCount) {
-    throw std::runtime_error("not a line number from 0 to " + std::to_string(gpioLineCount - 1));
+  if (key.empty() || key.size() > 9 || key.find_first_not_of("0123456789") != std::string::npos ||
+      std::stoi(key) >= boardLineCount) {
+    throw std::runtime_error("not a line number from 0 to " + std::to_string(boardLineCount - 1));
   }
-  constexpr const char* conditions[] = {"", "missing", "no-direction", "no-value"};
-  static_assert(std::size(conditions) == GpioLine::conditionCount, "each condition has a name");
-  GpioLine& line = hardware.lines[std::stoi(key)];
-  if (value == "low" || value == "high") {
-    line.level = value == "high";
-    return;
-  }
-  const std::size_t condition = indexOf(conditions, value);
-  if (value.empty() || condition == std::size(conditions)) {
-    throw mustBe("low, high, missing, no-direction or no-value", value);
-  }
-  line.condition = static_cast<GpioLine::Condition>(condition);
+  gpio::setLine(hardware.lines[std::stoi(key)], value);
 }
 
-void createTree(const Hardware& /*hardware*/, const std::filesystem::path& root) {
-  const std::filesystem::path directory = root / "sys/class/gpio";
-  createFile(directory / ".talvero-sim");
-  createFile(directory / "export");
-  createFile(directory / "unexport");
-  createFile(directory / "gpiochip0/base", "0\n");
-  createFile(directory / "gpiochip0/label", "talvero-sim\n");
-  createFile(directory / "gpiochip0/ngpio", std::to_string(gpioLineCount) + "\n");
+Entries describeLines(const Hardware& hardware) {
+  Entries entries;
+  for (int line = 0; line < boardLineCount; ++line) {
+    entries.push_back({"", std::to_string(line), gpio::wordsOf(hardware.lines[line])});
+  }
+  return entries;
 }
 
-constexpr Group groups[] = {{"board", false, nullptr, setBoard}, {"gpio", false, nullptr, setLine}};
+void addLine(const GpioLine& line, const std::string& directory, Tree& tree) {
+  addFile(tree, directory + "/value", "", 0644);
+  addFile(tree, directory + "/active_low", "", 0644);
+  addFile(tree, directory + "/edge", "", 0644);
+  if (line.condition != GpioLine::Condition::noDirection) {
+    addFile(tree, directory + "/direction", "", 0644);
+  }
+}
+
+void addChip(const Hardware& hardware, const gpio::Chip& chip, Tree& tree) {
+  const std::string gpioClass = "/sys/class/gpio";
+  const std::string name = "/gpiochip" + std::to_string(chip.base);
+  const std::string directory = chip.directory + name;
+  if (!chip.baseText.empty()) {
+    addFile(tree, directory + "/base", chip.baseText + "\n");
+  }
+  addFile(tree, directory + "/label", chip.label + "\n");
+  addFile(tree, directory + "/ngpio", std::to_string(chip.count) + "\n");
+  if (chip.directory != gpioClass) {
+    addLink(tree, gpioClass + name, directory);
+  }
+  for (int number = chip.base; number < chip.base + chip.count; ++number) {
+    const GpioLine& line = *gpio::lineOf(hardware, number);
+    if (line.exported && line.condition != GpioLine::Condition::missing) {
+      addLine(line, gpioClass + "/gpio" + std::to_string(number), tree);
+    }
+  }
+}
+
+void addFiles(const Hardware& hardware, Tree& tree) {
+  const std::string directory = "/sys/class/gpio";
+  addFile(tree, directory + "/.talvero-sim", "");
+  addFile(tree, directory + "/export", "", 0200);
+  addFile(tree, directory + "/unexport", "", 0200);
+  for (const gpio::Chip& chip : gpio::chipsOf(hardware)) {
+    addChip(hardware, chip, tree);
+  }
+}
+
+constexpr Group groups[] = {{"board", false, nullptr, setBoard, describeBoard},
+                            {"gpio", false, nullptr, setLine, describeLines}};
 
 }  // namespace
 
 const Part gpioPart = {groups,
                        std::size(groups),
-                       createTree,
-                       {"/sys/class/gpio/", gpio::owns, gpio::open, gpio::store}};
+                       addFiles,
+                       {"/sys/class/gpio/", gpio::owns, gpio::open, gpio::store},
+                       nullptr};
 
 }  // namespace simulator

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <algorithm>
+#include <cstdio>
+#include <iterator>
 #include <map>
 #include <regex>
+#include <sstream>
+#include <utility>
 
+#include "simulator/parts/GpioLines.h"
 #include "simulator/parts/I2cDevices.h"
 #include "simulator/parts/Part.h"
 #include "simulator/parts/Values.h"
@@ -11,108 +16,203 @@ namespace simulator {
 
 namespace {
 
-namespace fs = std::filesystem;
+using Kind = I2cDevice::Kind;
+
+// What a device of a kind is called, and the driver that takes one that answers.
+struct KindOfDevice {
+  const char* group;
+  const char* name;
+  const char* driver;
+};
+
+constexpr KindOfDevice kinds[] = {  // by I2cDevice::Kind
+    {"i2c", "", nullptr},
+    {"mux", "mux", "pca954x"},
+    {"module", "module", nullptr},
+    {"expander", "pca9536", "pca953x"}};
+
+constexpr const char* gpioNames[] = {"none", "empty", "chip"};  // by I2cDevice::Gpio
+
+constexpr Key<I2cDevice> deviceKeys[] = {
+    {"present", &I2cDevice::absent, {"no", "yes"}},
+};
+
+constexpr Key<I2cDevice> moduleKeys[] = {
+    {"openable", &I2cDevice::unopenable, {"no", "yes"}},
+};
 
 std::string busName(unsigned int bus) { return "i2c-" + std::to_string(bus); }
 
-std::string deviceName(const I2cDevice& device) {
-  char name[16];
-  std::snprintf(name, sizeof name, "%u-%04x", device.bus, device.address);
-  return name;
-}
-
 /// The device of a name such as "0-0074", which is a new one at its first mention.
 I2cDevice& device(Hardware& hardware, const std::string& name) {
-  static const std::regex pattern("(0|[1-9][0-9]{0,3})-([0-9a-f]{4})");
+  static const auto& pattern = *new std::regex("(0|[1-9][0-9]{0,3})-([0-9a-f]{4})");
   std::smatch match;
   if (!std::regex_match(name, match, pattern)) {
     throw std::runtime_error("not an I2C device such as 0-0074 (bus, address): \"" + name + "\"");
   }
   for (I2cDevice& device : hardware.i2cDevices) {
-    if (!device.present) {
-      device.present = true;
+    if (!device.described) {
+      device.described = true;
       device.bus = number(match[1]);
       device.address = number("0x" + match[2].str());
     }
-    if (deviceName(device) == name) {
+    if (i2c::nameOf(device) == name) {
       return device;
     }
   }
   throw std::runtime_error("more than " + std::to_string(i2cDeviceCount) + " I2C devices");
 }
 
-I2cDevice& namedDevice(Hardware& hardware, const std::string& place, const char* name) {
-  I2cDevice& result = device(hardware, place);
-  setText(result.name, sizeof result.name, name);
-  return result;
+/// Makes a device one of a kind.
+template <Kind kind>
+void begin(Hardware& hardware, const std::string& instance) {
+  const auto isIt = [&](const I2cDevice& known) {
+    return known.described && i2c::nameOf(known) == instance;
+  };
+  if (hardware.running &&
+      std::none_of(std::begin(hardware.i2cDevices), std::end(hardware.i2cDevices), isIt)) {
+    throw std::runtime_error("no such device; describe it, with present=no until it is there");
+  }
+  I2cDevice& result = device(hardware, instance);
+  if (result.kind != Kind::plain && result.kind != kind) {
+    throw std::runtime_error(std::string("is a [") +
+                             kinds[static_cast<std::size_t>(result.kind)].group + "] already");
+  }
+  if (result.kind == kind) {
+    return;
+  }
+  result.kind = kind;
+  if (result.name[0] == '\0') {
+    setText(result.name, sizeof result.name, kinds[static_cast<std::size_t>(kind)].name);
+  }
+  result.gpio = kind == Kind::expander ? I2cDevice::Gpio::chip : I2cDevice::Gpio::none;
 }
 
 void setDevice(Hardware& hardware, const std::string& /*instance*/, const std::string& key,
                const std::string& value) {
-  namedDevice(hardware, key, value.c_str());
+  I2cDevice& result = device(hardware, key);
+  setText(result.name, sizeof result.name, value);
+  result.absent = result.kind == Kind::plain ? value.empty() : result.absent;
 }
 
-void beginMux(Hardware& hardware, const std::string& instance) {
-  namedDevice(hardware, instance, "mux");
-}
-
-/// The multiplexer that has a bus behind one of its channels; null for none.
-const I2cDevice* muxBefore(const Hardware& hardware, unsigned int bus) {
+Entries describeDevices(const Hardware& hardware) {
+  Entries entries;
   for (const I2cDevice& device : hardware.i2cDevices) {
-    for (const I2cDevice::Channel& channel : device.channels) {
-      if (channel.given && channel.bus == bus) {
-        return &device;
-      }
+    if (device.described) {
+      const bool isPulled = device.kind == Kind::plain && device.absent;
+      entries.push_back({"", i2c::nameOf(device), isPulled ? "" : device.name});
     }
   }
-  return nullptr;
+  return entries;
+}
+
+/// The entries of the devices of one kind, each with its group and what `add` says of it.
+template <typename Add>
+Entries describe(const Hardware& hardware, Kind kind, Add add) {
+  Entries entries;
+  for (const I2cDevice& device : hardware.i2cDevices) {
+    if (device.described && device.kind == kind) {
+      const std::string name = i2c::nameOf(device);
+      entries.push_back({name, "", ""});
+      add(device, [&](const std::string& key, const std::string& value) {
+        entries.push_back({name, key, value});
+      });
+    }
+  }
+  return entries;
 }
 
 void setMux(Hardware& hardware, const std::string& instance, const std::string& key,
             const std::string& value) {
-  static const std::regex pattern("i2c-(0|[1-9][0-9]{0,3})");
+  I2cDevice& mux = device(hardware, instance);
+  if (key == "present") {
+    return setKey(deviceKeys, mux, key, value);
+  }
+  static const auto& pattern = *new std::regex("i2c-(0|[1-9][0-9]{0,3})");
   std::smatch match;
   if (!std::regex_match(value, match, pattern)) {
     throw mustBe("a bus such as i2c-9", value);
   }
-  I2cDevice& mux = device(hardware, instance);
   const std::uint32_t channel = number(key);
   if (channel >= std::size(mux.channels)) {
     throw std::runtime_error("not a channel number from 0 to " +
                              std::to_string(std::size(mux.channels) - 1));
   }
   const std::uint32_t bus = number(match[1]);
-  if (muxBefore(hardware, bus) != nullptr) {
-    throw std::runtime_error(busName(bus) + " is behind another channel already");
-  }
-  // Up from the multiplexer's own bus.
-  for (const I2cDevice* above = &mux; above != nullptr; above = muxBefore(hardware, above->bus)) {
-    if (above->bus == bus) {
-      throw std::runtime_error("leads back to " + busName(bus) + ", which it is behind");
+  const I2cDevice::Channel before = std::exchange(mux.channels[channel], {});
+  try {
+    if (i2c::muxBefore(hardware, bus) != nullptr) {
+      throw std::runtime_error(busName(bus) + " is behind another channel already");
     }
+    // Up from the multiplexer's own bus.
+    for (const I2cDevice* above = &mux; above != nullptr;
+         above = i2c::muxBefore(hardware, above->bus)) {
+      if (above->bus == bus) {
+        throw std::runtime_error("leads back to " + busName(bus) + ", which it is behind");
+      }
+    }
+  } catch (...) {
+    mux.channels[channel] = before;
+    throw;
   }
   mux.channels[channel] = {true, bus};
 }
 
-void beginExpander(Hardware& hardware, const std::string& instance) {
-  namedDevice(hardware, instance, "pca9536").gpio = I2cDevice::Gpio::chip;
+Entries describeMuxes(const Hardware& hardware) {
+  return describe(hardware, Kind::multiplexer, [](const I2cDevice& mux, const auto& add) {
+    for (std::size_t channel = 0; channel < std::size(mux.channels); ++channel) {
+      if (mux.channels[channel].given) {
+        add(std::to_string(channel), busName(mux.channels[channel].bus));
+      }
+    }
+    describeKeys(deviceKeys, mux, add);
+  });
 }
 
 void setExpander(Hardware& hardware, const std::string& instance, const std::string& key,
                  const std::string& value) {
-  constexpr const char* states[] = {"none", "empty", "chip"};  // by I2cDevice::Gpio
-  const std::size_t state = indexOf(states, value);
-  if (key != "gpio") {
-    throw unknownKey();
+  I2cDevice& expander = device(hardware, instance);
+  const bool isLine = key.size() == 1 && key[0] >= '0' && key[0] < '0' + expanderLineCount;
+  if (isLine) {
+    gpio::setLine(expander.lines[key[0] - '0'], value);
+  } else if (key == "base") {
+    setText(expander.base, sizeof expander.base, value);
+  } else if (key == "gpio") {
+    const std::size_t state = indexOf(gpioNames, value);
+    if (state == std::size(gpioNames)) {
+      throw mustBe("chip, empty or none", value);
+    }
+    expander.gpio = static_cast<I2cDevice::Gpio>(state);
+  } else {
+    setKey(deviceKeys, expander, key, value);
   }
-  if (state == std::size(states)) {
-    throw mustBe("chip, empty or none", value);
-  }
-  device(hardware, instance).gpio = static_cast<I2cDevice::Gpio>(state);
 }
 
-void beginModule(Hardware& hardware, const std::string& instance) {
-  namedDevice(hardware, instance, "module");
+Entries describeExpanders(const Hardware& hardware) {
+  return describe(hardware, Kind::expander, [](const I2cDevice& expander, const auto& add) {
+    add("gpio", gpioNames[static_cast<std::size_t>(expander.gpio)]);
+    add("base", expander.base);
+    for (int line = 0; line < expanderLineCount; ++line) {
+      add(std::to_string(line), gpio::wordsOf(expander.lines[line]));
+    }
+    describeKeys(deviceKeys, expander, add);
+  });
+}
+
+/// What a device-tree property holds: a text with its end or, for "<1 2>", cells of 32 bits.
+std::string propertyContent(const std::string& text) {
+  if (text.size() < 2 || text.front() != '<' || text.back() != '>') {
+    return text + '\0';
+  }
+  std::string content;
+  std::istringstream cells(text.substr(1, text.size() - 2));
+  for (std::string cell; cells >> cell;) {
+    const std::uint32_t value = number(cell);
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      content += static_cast<char>(value >> shift & 0xFF);
+    }
+  }
+  return content;
 }
 
 void setModule(Hardware& hardware, const std::string& instance, const std::string& key,
@@ -121,122 +221,139 @@ void setModule(Hardware& hardware, const std::string& instance, const std::strin
   const std::size_t index = indexOf(nodePropertyNames, key);
   if (index < std::size(nodePropertyNames)) {
     NodeProperty& property = module.properties[index];
+    propertyContent(value);  // throws where the cells are no numbers
     property.given = true;
     setText(property.text, sizeof property.text, value);
-  } else if (key == "openable") {
-    module.unopenable = !choice(value, "yes", "no");
   } else {
-    throw unknownKey();
+    key == "openable" ? setKey(moduleKeys, module, key, value)
+                      : setKey(deviceKeys, module, key, value);
   }
 }
 
-/// The buses and devices as the kernel and udev show them.
-class Tree {
- public:
-  Tree(const Hardware& hardware, fs::path rootDirectory) : root(std::move(rootDirectory)) {
-    for (const I2cDevice& device : hardware.i2cDevices) {
-      if (device.present) {
-        devices[deviceName(device)] = &device;
+Entries describeModules(const Hardware& hardware) {
+  return describe(hardware, Kind::module, [](const I2cDevice& module, const auto& add) {
+    for (std::size_t index = 0; index < std::size(nodePropertyNames); ++index) {
+      if (module.properties[index].given) {
+        add(nodePropertyNames[index], module.properties[index].text);
+      }
+    }
+    describeKeys(moduleKeys, module, add);
+    describeKeys(deviceKeys, module, add);
+  });
+}
+
+/// The files of a bus or device of the subsystem, as the kernel and udev show them.
+void addToSubsystem(const std::string& directory, const std::string& name, Tree& tree) {
+  const std::string subsystem = "/sys/bus/i2c";
+  addFile(tree, directory + "/name", name + "\n");
+  addFile(tree, directory + "/uevent", "", 0644);
+  addLink(tree, directory + "/subsystem", subsystem);
+  addLink(tree, subsystem + "/devices" + directory.substr(directory.rfind('/')), directory);
+}
+
+void addDriver(const std::string& directory, const char* driver, Tree& tree) {
+  const std::string driverDirectory = std::string("/sys/bus/i2c/drivers/") + driver;
+  addLink(tree, directory + "/driver", driverDirectory);
+  addLink(tree, driverDirectory + directory.substr(directory.rfind('/')), directory);
+}
+
+/// A bus, with those that lead to it.
+void addBus(const std::string& directory, Tree& tree) {
+  if (directory != "/sys/devices" && tree.count(directory + "/name") == 0) {
+    addBus(directory.substr(0, directory.rfind('/')), tree);
+    addToSubsystem(directory, "simulated bus", tree);
+  }
+}
+
+void addChannels(const I2cDevice& mux, const std::string& directory, Tree& tree) {
+  for (std::size_t number = 0; number < std::size(mux.channels); ++number) {
+    if (mux.channels[number].given) {
+      const std::string bus =
+          directory.substr(0, directory.rfind('/')) + "/" + busName(mux.channels[number].bus);
+      addBus(bus, tree);
+      addLink(tree, directory + "/channel-" + std::to_string(number), bus);
+      addLink(tree, bus + "/mux_device", directory);
+    }
+  }
+}
+
+void addDevice(const Hardware& hardware, const I2cDevice& device, Tree& tree) {
+  const std::string directory = i2c::directoryOf(hardware, device);
+  addBus(directory.substr(0, directory.rfind('/')), tree);
+  addToSubsystem(directory, device.name, tree);
+  for (std::size_t index = 0; index < std::size(device.properties); ++index) {
+    if (device.properties[index].given) {
+      addFile(tree, directory + "/of_node/" + nodePropertyNames[index],
+              propertyContent(device.properties[index].text));
+    }
+  }
+  addChannels(device, directory, tree);
+  const bool answers = device.kind != Kind::expander || device.gpio != I2cDevice::Gpio::none;
+  const char* const driver = kinds[static_cast<std::size_t>(device.kind)].driver;
+  if (driver != nullptr && answers) {
+    addDriver(directory, driver, tree);
+  }
+  if (device.gpio == I2cDevice::Gpio::emptyDirectory) {
+    addDirectory(tree, directory + "/gpio");
+  }
+  if (device.gpioBase != 0) {
+    addFile(tree, directory + "/gpiochip0/dev", "254:0\n");
+  }
+}
+
+void addFiles(const Hardware& hardware, Tree& tree) {
+  for (const I2cDevice& device : hardware.i2cDevices) {
+    if (i2c::isThere(hardware, device)) {
+      addDevice(hardware, device, tree);
+    }
+  }
+}
+
+bool hasChip(const Hardware& hardware, const I2cDevice& device) {
+  return device.gpio == I2cDevice::Gpio::chip && i2c::isThere(hardware, device);
+}
+
+/// The number of the first line of a new chip: the kernel assigns them at run time, from 512
+/// upward.
+int freeBase(const Hardware& hardware) {
+  int base = 512;
+  while (std::any_of(std::begin(hardware.i2cDevices), std::end(hardware.i2cDevices),
+                     [&](const I2cDevice& device) { return device.gpioBase == base; })) {
+    base += expanderLineCount;
+  }
+  return base;
+}
+
+/// Numbers the lines of chips that have appeared and takes the numbers of those that are gone.
+void numberChips(State& state) {
+  std::map<std::string, I2cDevice*> appeared;  // in the order of their names
+  for (I2cDevice& device : state.hardware.i2cDevices) {
+    const bool has = hasChip(state.hardware, device);
+    if (has && device.gpioBase == 0) {
+      appeared[i2c::nameOf(device)] = &device;
+    } else if (!has && device.gpioBase != 0) {
+      device.gpioBase = 0;
+      for (GpioLine& line : device.lines) {
+        const GpioLine before = line;
+        line = {};  // what the kernel had of it is gone
+        line.condition = before.condition;
+        line.level = before.level;
       }
     }
   }
-
-  void create() {
-    for (const auto& [name, device] : devices) {
-      for (const I2cDevice::Channel& channel : device->channels) {
-        if (channel.given) {
-          multiplexers[channel.bus] = device;
-        }
-      }
-    }
-    for (const auto& [name, device] : devices) {
-      createDevice(name, *device);
-    }
+  for (const auto& [name, device] : appeared) {
+    device->gpioBase = freeBase(state.hardware);
   }
+}
 
- private:
-  /// A device of the subsystem below another, or below /sys/devices.
-  fs::path add(const std::string& name, const fs::path& parent, const std::string& text) {
-    fs::path directory = parent / name;
-    createFile(directory / "name", text + "\n");
-    createFile(directory / "uevent");
-    const fs::path subsystem = root / "sys/bus/i2c";
-    fs::create_directories(subsystem / "devices");
-    fs::create_symlink(fs::relative(subsystem, directory), directory / "subsystem");
-    fs::create_symlink(fs::relative(directory, subsystem / "devices"),
-                       subsystem / "devices" / name);
-    return directory;
-  }
-
-  /// The directory of a bus, which is created if it is not there yet. A bus behind a multiplexer
-  /// lies below the multiplexer's bus.
-  fs::path bus(unsigned int number) {
-    if (buses.count(number) == 0) {
-      const auto mux = multiplexers.find(number);
-      const fs::path parent =
-          mux == multiplexers.end() ? root / "sys/devices" : bus(mux->second->bus);
-      buses[number] = add(busName(number), parent, "simulated bus");
-    }
-    return buses[number];
-  }
-
-  void createDevice(const std::string& name, const I2cDevice& device) {
-    const fs::path directory = add(name, bus(device.bus), device.name);
-    for (std::size_t index = 0; index < std::size(device.properties); ++index) {
-      if (device.properties[index].given) {
-        createFile(directory / "of_node" / nodePropertyNames[index], device.properties[index].text);
-      }
-    }
-    for (std::size_t number = 0; number < std::size(device.channels); ++number) {
-      if (device.channels[number].given) {
-        const unsigned int behind = device.channels[number].bus;
-        fs::create_symlink("../" + busName(behind),
-                           directory / ("channel-" + std::to_string(number)));
-        fs::create_symlink("../" + name, bus(behind) / "mux_device");
-      }
-    }
-    createGpio(directory, device.gpio);
-  }
-
-  void createGpio(const fs::path& directory, I2cDevice::Gpio gpio) {
-    if (gpio == I2cDevice::Gpio::none) {
-      return;
-    }
-    fs::create_directories(directory / "gpio");
-    if (gpio == I2cDevice::Gpio::chip) {
-      // The kernel assigns the numbers at run time, from 512 upward.
-      const std::string base = std::to_string(nextGpioBase);
-      nextGpioBase += linesOfAnExpander;
-      createFile(directory / "gpio" / ("gpiochip" + base) / "base", base + "\n");
-      createFile(directory / "gpiochip0" / "dev", "254:0\n");
-    }
-  }
-
-  static constexpr int linesOfAnExpander = 4;
-
-  fs::path root;
-  std::map<std::string, const I2cDevice*> devices;
-  std::map<unsigned int, const I2cDevice*> multiplexers;  // by the bus behind
-  std::map<unsigned int, fs::path> buses;
-  int nextGpioBase = 512;
-};
-
-void createTree(const Hardware& hardware, const fs::path& root) { Tree(hardware, root).create(); }
-
-constexpr Group groups[] = {{"i2c", false, nullptr, setDevice},
-                            {"mux", true, beginMux, setMux},
-                            {"expander", true, beginExpander, setExpander},
-                            {"module", true, beginModule, setModule}};
+constexpr Group groups[] = {
+    {"mux", true, begin<Kind::multiplexer>, setMux, describeMuxes},
+    {"expander", true, begin<Kind::expander>, setExpander, describeExpanders},
+    {"module", true, begin<Kind::module>, setModule, describeModules},
+    {"i2c", false, nullptr, setDevice, describeDevices}};
 
 }  // namespace
 
-bool i2c::canBeOpened(const Hardware& hardware, const std::string& path) {
-  const std::string name = path.substr(path.rfind('/') + 1);
-  return std::none_of(
-      std::begin(hardware.i2cDevices), std::end(hardware.i2cDevices),
-      [&](const I2cDevice& device) { return device.unopenable && deviceName(device) == name; });
-}
-
-const Part i2cPart = {groups, std::size(groups), createTree, {}};
+const Part i2cPart = {groups, std::size(groups), addFiles, {}, numberChips};
 
 }  // namespace simulator

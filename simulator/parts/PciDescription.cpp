@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <linux/pci_regs.h>
 
+#include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <regex>
-#include <sstream>
+#include <string>
 
+#include "simulator/parts/Changes.h"
 #include "simulator/parts/Part.h"
 #include "simulator/parts/PciRegisters.h"
 #include "simulator/parts/Values.h"
@@ -30,22 +33,21 @@ void setClassCode(PciDevice& device, std::uint32_t code) {
   pci::putBits(device, PCI_CLASS_REVISION, code << 8, true);
 }
 
-void describeDevice(PciDevice (&devices)[pciPlaceCount], PciPlace place, int bus, int number,
-                    int secondary, int subordinate) {
+void describeDevice(PciDevice (&devices)[pciPlaceCount], PciPlace place, PciPlace above, int bus,
+                    int number, int secondary, int subordinate) {
   PciDevice& device = devices[place];
   device = {};
-  device.present = true;
+  device.described = true;
   device.bus = static_cast<std::uint8_t>(bus);
   device.device = static_cast<std::uint8_t>(number);
+  device.above = above;
   device.linkUp = true;
   device.linkStatus = goodLink;
-  device.linkLostAfter = never;
   device.prbsErrorsAfter = never;
-  device.prbsSince = never;
+  pci::reset(device, place);
   put(device, PCI_VENDOR_ID, vendorId);
   put(device, PCI_DEVICE_ID, static_cast<std::uint16_t>(firstDeviceId + place));
   setClassCode(device, bridgeClass);
-  put(device, PCI_HEADER_TYPE, std::uint8_t{PCI_HEADER_TYPE_BRIDGE});
   put(device, PCI_PRIMARY_BUS, device.bus);
   put(device, PCI_SECONDARY_BUS, static_cast<std::uint8_t>(secondary));
   put(device, PCI_SUBORDINATE_BUS, static_cast<std::uint8_t>(subordinate));
@@ -58,13 +60,16 @@ void beginPci(Hardware& hardware, const std::string& /*instance*/) {
   constexpr int deviceNumbers[] = {1, 5, 7, 9};  // from port1 on
   constexpr int ports = static_cast<int>(std::size(deviceNumbers));
   constexpr int last = firstBus + ports * busesBehindPort - 1;
+  if (hardware.pciSystem) {
+    return;
+  }
   hardware.pciSystem = true;
-  describeDevice(hardware.pci, rootPort, 0, 0, 1, last);
-  describeDevice(hardware.pci, switchUpstream, 1, 0, 2, last);
+  describeDevice(hardware.pci, rootPort, rootPort, 0, 0, 1, last);
+  describeDevice(hardware.pci, switchUpstream, rootPort, 1, 0, 2, last);
   for (int port = 0; port < ports; ++port) {
     const int bus = firstBus + port * busesBehindPort;
-    describeDevice(hardware.pci, static_cast<PciPlace>(port1 + static_cast<unsigned int>(port)), 2,
-                   deviceNumbers[port], bus, bus + busesBehindPort - 1);
+    describeDevice(hardware.pci, static_cast<PciPlace>(port1 + static_cast<unsigned int>(port)),
+                   switchUpstream, 2, deviceNumbers[port], bus, bus + busesBehindPort - 1);
   }
 }
 
@@ -77,34 +82,60 @@ void setPci(Hardware& hardware, const std::string& /*instance*/, const std::stri
   if (module >= std::size(modulePorts)) {
     throw mustBe("a module number from 0 to 3", value);
   }
-  const int bus = hardware.pci[modulePorts[module]].config[PCI_SECONDARY_BUS];
-  describeDevice(hardware.pci, shimUpstream, bus, 0, bus + 1, bus + 3);
-  describeDevice(hardware.pci, shimPort1, bus + 1, 1, bus + 2, bus + 2);
-  describeDevice(hardware.pci, shimPort5, bus + 1, 5, bus + 3, bus + 3);
+  if (hardware.running) {
+    throw std::runtime_error("stays as it is while the instrument runs");
+  }
+  const PciPlace port = modulePorts[module];
+  const int bus = hardware.pci[port].config[PCI_SECONDARY_BUS];
+  describeDevice(hardware.pci, shimUpstream, port, bus, 0, bus + 1, bus + 3);
+  describeDevice(hardware.pci, shimPort1, shimUpstream, bus + 1, 1, bus + 2, bus + 2);
+  describeDevice(hardware.pci, shimPort5, shimUpstream, bus + 1, 5, bus + 3, bus + 3);
 }
 
-PciDevice& deviceAt(Hardware& hardware, const std::string& name) {
+Entries describePci(const Hardware& hardware) {
+  Entries entries;
+  if (hardware.pciSystem) {
+    entries.push_back({"", "", ""});
+  }
+  for (std::size_t module = 0; module < std::size(modulePorts); ++module) {
+    if (hardware.pci[shimUpstream].described &&
+        hardware.pci[shimUpstream].above == modulePorts[module]) {
+      entries.push_back({"", "shim", std::to_string(module)});
+    }
+  }
+  return entries;
+}
+
+PciPlace placeOf(const std::string& name) {
   const std::size_t place = indexOf(pciPlaceNames, name);
   if (place == pciPlaceCount) {
     throw std::runtime_error("unknown group");
   }
-  return hardware.pci[place];
+  return static_cast<PciPlace>(place);
 }
 
 void beginDevice(Hardware& hardware, const std::string& instance) {
-  if (!deviceAt(hardware, instance).present) {
+  if (!hardware.pci[placeOf(instance)].described) {
     throw std::runtime_error("no such device; describe [pci] and its shim first");
   }
 }
 
 constexpr Key<PciDevice> deviceKeys[] = {
-    {"present", &PciDevice::present, {"yes", "no"}},
+    {"present", &PciDevice::absent, {"no", "yes"}},
     {"readable", &PciDevice::unreadable, {"no", "yes"}},
-    {"link", &PciDevice::linkUp, {"up", "down"}},
-    {"link-lost-after", &PciDevice::linkLostAfter, {"never"}},
     {"link-status", &PciDevice::linkStatus},
     {"uncorrectable", &PciDevice::uncorrectable},
     {"correctable", &PciDevice::correctable},
+};
+
+// Of those that have a link below them.
+constexpr Key<PciDevice> linkKeys[] = {
+    {"link", &PciDevice::linkUp, {"up", "down"}},
+    {"trained", &PciDevice::untrained, {"no", "yes"}},
+};
+
+// Of the downstream ports of a switch.
+constexpr Key<PciDevice> portKeys[] = {
     {"loopback", &PciDevice::loopbackRefused, {"refused", "ok"}},
     {"prbs", &PciDevice::prbsOutOfSync, {"no-sync", "sync"}},
     {"prbs-errors-after", &PciDevice::prbsErrorsAfter, {"never"}},
@@ -119,67 +150,135 @@ std::uint32_t registerOffset(const std::string& digits) {
   return offset;
 }
 
+void setRegister(std::uint8_t* bytes, PciPlace place, std::uint32_t offset, std::uint32_t bits) {
+  const std::uint32_t madeUp = pci::madeUpBits(place, offset);
+  if (madeUp == ~0U || (bits & madeUp) != 0) {
+    throw std::runtime_error("no effect: bits " + hexText(madeUp) + " show what the hardware does");
+  }
+  std::memcpy(bytes + offset, &bits, sizeof bits);
+}
+
+/// Takes a key of some devices, which has no effect on the others.
+template <std::size_t count>
+void setKeyOf(bool hasIt, const Key<PciDevice> (&keys)[count], PciDevice& device,
+              const std::string& key, const std::string& value) {
+  if (!hasIt) {
+    throw std::runtime_error("no effect on this device");
+  }
+  setKey(keys, device, key, value);
+}
+
 void setDevice(Hardware& hardware, const std::string& instance, const std::string& key,
                const std::string& value) {
-  PciDevice& device = deviceAt(hardware, instance);
-  static const std::regex perRegister("(register|stuck)-([0-9a-f]{1,3})");
+  const PciPlace place = placeOf(instance);
+  PciDevice& device = hardware.pci[place];
+  static const auto& perRegister = *new std::regex("(register|stuck)-([0-9a-f]{1,3})");
   std::smatch match;
   if (std::regex_match(key, match, perRegister)) {
-    const std::uint32_t bits = number(value);
-    std::uint8_t* const bytes = match[1] == "register" ? device.config : device.stuck;
-    std::memcpy(bytes + registerOffset(match[2]), &bits, sizeof bits);
+    setRegister(match[1] == "register" ? device.config : device.stuck, place,
+                registerOffset(match[2]), number(value));
   } else if (key == "class") {
     const std::uint32_t code = number(value);
     if (code > 0xFFFFFF) {
       throw mustBe("a class code from 0 to 0xffffff", value);
     }
     setClassCode(device, code);
+  } else if (key == "link-lost-after") {
+    PciDevice scratch = device;
+    setKeyOf(!pci::isSwitch(place), linkKeys, scratch, "link", "down");
+    changeAt(hardware, value == "never" ? never : hardware.time + duration(value),
+             {"pci " + instance, "link", "down"});
+  } else if (key == "latch-uncorrectable" || key == "latch-correctable") {
+    const bool isCorrectable = key == "latch-correctable";
+    pci::latch(hardware, place, isCorrectable ? 0 : number(value),
+               isCorrectable ? number(value) : 0);
+  } else if (key == "prbs-since") {
+    device.prbsSince = hardware.time - duration(value);
+  } else if (hasKey(linkKeys, key)) {
+    setKeyOf(!pci::isSwitch(place), linkKeys, device, key, value);
+  } else if (hasKey(portKeys, key)) {
+    setKeyOf(pci::isDownstreamPort(place), portKeys, device, key, value);
   } else {
     setKey(deviceKeys, device, key, value);
   }
 }
 
-std::string hexText(std::uint32_t number) {
-  std::ostringstream text;
-  text << "0x" << std::hex << number << "\n";  // libpciaccess wants the line end
-  return text.str();
+Entries describeDevices(const Hardware& hardware) {
+  Entries entries;
+  for (unsigned int index = 0; index < pciPlaceCount; ++index) {
+    const auto place = static_cast<PciPlace>(index);
+    const PciDevice& device = hardware.pci[place];
+    const auto add = [&](const std::string& key, const std::string& value) {
+      entries.push_back({pciPlaceNames[place], key, value});
+    };
+    if (!device.described) {
+      continue;
+    }
+    describeKeys(deviceKeys, device, add);
+    if (!pci::isSwitch(place)) {
+      describeKeys(linkKeys, device, add);
+    }
+    if (pci::isDownstreamPort(place)) {
+      describeKeys(portKeys, device, add);
+      if (pci::prbsIsOn(hardware, place)) {
+        add("prbs-since", secondsText(hardware.time - device.prbsSince));
+      }
+    }
+    for (std::uint32_t offset = 0; offset < sizeof device.config; offset += 4) {
+      const std::uint32_t madeUp = pci::madeUpBits(place, offset);
+      if (madeUp != ~0U) {
+        add("register-" + hexText(offset).substr(2),
+            hexText(load<std::uint32_t>(device, offset) & ~madeUp));
+        std::uint32_t stuck = 0;
+        std::memcpy(&stuck, device.stuck + offset, sizeof stuck);
+        add("stuck-" + hexText(offset).substr(2), hexText(stuck));
+      }
+    }
+  }
+  return entries;
 }
 
-/// What libpciaccess reads when it discovers a device.
-void createDevice(const std::filesystem::path& devices, const PciDevice& device) {
+/// What libpciaccess reads when it discovers a device; it wants the line ends.
+void addDevice(const PciDevice& device, Tree& tree) {
   char name[32];
-  std::snprintf(name, sizeof name, "0000:%02x:%02x.0", device.bus, device.device);
-  const std::filesystem::path directory = devices / name;
-  createFile(directory / "config",
-             std::string(reinterpret_cast<const char*>(device.config), sizeof device.config));
-  createFile(directory / "vendor", hexText(load<std::uint16_t>(device, PCI_VENDOR_ID)));
-  createFile(directory / "device", hexText(load<std::uint16_t>(device, PCI_DEVICE_ID)));
-  createFile(directory / "class", hexText(load<std::uint32_t>(device, PCI_CLASS_REVISION) >> 8));
-  createFile(directory / "revision", hexText(device.config[PCI_REVISION_ID]));
-  createFile(directory / "subsystem_vendor", hexText(0));
-  createFile(directory / "subsystem_device", hexText(0));
-  createFile(directory / "irq", "0\n");
-  createFile(directory / "resource", "");
+  std::snprintf(name, sizeof name, "/0000:%02x:%02x.0", device.bus, device.device);
+  const std::string directory = std::string("/sys/bus/pci/devices") + name;
+  const auto add = [&](const char* file, std::uint32_t value) {
+    addFile(tree, directory + file, hexText(value) + "\n");
+  };
+  addFile(tree, directory + "/config", std::string(sizeof device.config, '\0'), 0644);
+  add("/vendor", load<std::uint16_t>(device, PCI_VENDOR_ID));
+  add("/device", load<std::uint16_t>(device, PCI_DEVICE_ID));
+  add("/class", load<std::uint32_t>(device, PCI_CLASS_REVISION) >> 8);
+  add("/revision", device.config[PCI_REVISION_ID]);
+  add("/subsystem_vendor", 0);
+  add("/subsystem_device", 0);
+  addFile(tree, directory + "/irq", "0\n");
+  addFile(tree, directory + "/resource", "");
 }
 
-void createTree(const Hardware& hardware, const std::filesystem::path& root) {
+void addFiles(const Hardware& hardware, Tree& tree) {
   if (!hardware.pciSystem) {
     return;
   }
-  const std::filesystem::path devices = root / "sys/bus/pci/devices";
-  std::filesystem::create_directories(devices);
+  addDirectory(tree, "/sys/bus/pci/devices");
   for (const PciDevice& device : hardware.pci) {
-    if (device.present) {
-      createDevice(devices, device);
+    if (device.listed) {
+      addDevice(device, tree);
     }
   }
 }
 
-constexpr Group groups[] = {{"pci", false, beginPci, setPci},
-                            {"pci", true, beginDevice, setDevice}};
+constexpr Group groups[] = {{"pci", false, beginPci, setPci, describePci},
+                            {"pci", true, beginDevice, setDevice, describeDevices}};
 
 }  // namespace
 
-const Part pciPart = {groups, std::size(groups), createTree, {}};
+const Part pciPart = {
+    groups,
+    std::size(groups),
+    addFiles,
+    {"/sys/bus/pci/devices/", pci::owns, pci::open, pci::store, sizeof PciDevice::config},
+    pci::settle};
 
 }  // namespace simulator

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <iterator>
 
 #include "simulator/parts/PowerLinks.h"
@@ -32,6 +33,10 @@ constexpr std::uint32_t loopbackRegister = 0x224;
 constexpr std::uint32_t diagnosticRegister = 0x244;
 constexpr std::uint32_t prbsRegister = 0x25C;
 constexpr std::uint32_t syncRegister = 0xB84;
+
+constexpr std::uint32_t serialNumber = PCI_CFG_SPACE_SIZE + 4;  // in its capability
+
+constexpr std::uint16_t receivedSystemError = 0x4000;  // in Secondary Status
 
 constexpr std::uint32_t counterValid = 0x40000000;
 constexpr std::uint32_t counterMask = 0x00FF0000;
@@ -64,68 +69,82 @@ PciPlace placeOf(const State& state, const PciDevice& device) {
 
 const Layout& layoutOf(PciPlace place) { return place == rootPort ? rootLayout : switchLayout; }
 
-bool linkIsUp(const State& state, const PciDevice& device) {
-  for (std::uint32_t module = 0; module < std::size(modulePorts); ++module) {
-    if (&device == &state.hardware.pci[modulePorts[module]] && !power::isUp(state, module)) {
-      return false;
-    }
+/// The wiring of a downstream port.
+const PortWiring& wiringOf(PciPlace port) {
+  return *std::find_if(std::begin(wiring), std::end(wiring),
+                       [=](const PortWiring& row) { return row.port == port; });
+}
+
+/// The module that a port leads to; the number of modules for none.
+std::uint32_t moduleOf(PciPlace place) {
+  const PciPlace* const found = std::find(std::begin(modulePorts), std::end(modulePorts), place);
+  return found == std::end(modulePorts)
+             ? moduleCount
+             : static_cast<std::uint32_t>(found - std::begin(modulePorts));
+}
+
+/// Whether a port is told to reset what is below it.
+bool holdsReset(const PciDevice& port) {
+  return (load<std::uint16_t>(port, PCI_BRIDGE_CONTROL) & PCI_BRIDGE_CTL_BUS_RESET) != 0;
+}
+
+/// Whether accesses reach a device: it is there, and so is all that leads to it.
+bool isReached(const State& state, PciPlace place) {
+  const PciDevice& device = state.hardware.pci[place];
+  if (!device.described || device.absent) {
+    return false;
   }
-  return device.present && device.linkUp &&
-         (device.linkLostAfter < 0 || now(state) < device.linkLostAfter);
+  const PciPlace above = device.above;
+  return place == rootPort ||
+         (isReached(state, above) && (isSwitch(above) || linkIsUp(state, above)));
 }
 
-bool prbsIsOn(const State& state, const PortWiring& port) {
-  const PciDevice& upstream = state.hardware.pci[port.upstream];
-  return (load<std::uint32_t>(upstream, prbsRegister) & port.prbsEnable) != 0;
-}
-
-bool isLoopbackMaster(const State& state, const PortWiring& port) {
-  const PciDevice& upstream = state.hardware.pci[port.upstream];
-  return (load<std::uint32_t>(upstream, loopbackRegister) & port.loopbackEnable) != 0 &&
-         !state.hardware.pci[port.port].loopbackRefused;
-}
-
-bool inSync(const State& state, const PortWiring& port) {
-  const PciDevice& device = state.hardware.pci[port.port];
-  return prbsIsOn(state, port) && isLoopbackMaster(state, port) && linkIsUp(state, device) &&
-         !device.prbsOutOfSync;
+bool inSync(const State& state, PciPlace port) {
+  return prbsIsOn(state.hardware, port) && isLoopbackMaster(state.hardware, port) &&
+         linkIsUp(state, port) && !state.hardware.pci[port].prbsOutOfSync;
 }
 
 std::uint32_t errorCount(const State& state, const PciDevice& device) {
   if (device.prbsErrorsAfter < 0) {
     return 0;
   }
-  const std::int64_t time = now(state) - device.prbsSince - device.prbsErrorsAfter;
-  const std::int64_t count = time <= 0 ? 0 : time * device.prbsErrorsPerSecond / second;
-  return static_cast<std::uint32_t>(std::min<std::int64_t>(count, 255));
+  constexpr std::int64_t most = 255;
+  const std::int64_t rate = device.prbsErrorsPerSecond;
+  const std::int64_t time =
+      std::max<std::int64_t>(now(state) - device.prbsSince - device.prbsErrorsAfter, 0);
+  return static_cast<std::uint32_t>(
+      rate != 0 && time > most * second / rate ? most : time * rate / second);
 }
 
 // The registers that show what the ports do are made up when they are read.
 void showPort(State& state, const PortWiring& port) {
   PciDevice& upstream = state.hardware.pci[port.upstream];
-  putBits(upstream, linkRegister, port.link, linkIsUp(state, state.hardware.pci[port.port]));
-  putBits(upstream, loopbackRegister, port.loopbackStatus, !isLoopbackMaster(state, port));
-  putBits(upstream, syncRegister, port.prbsSync, inSync(state, port));
+  putBits(upstream, linkRegister, port.link, linkIsUp(state, port.port));
+  putBits(upstream, loopbackRegister, port.loopbackStatus,
+          !isLoopbackMaster(state.hardware, port.port));
+  putBits(upstream, syncRegister, port.prbsSync, inSync(state, port.port));
   const auto diagnostic = load<std::uint32_t>(upstream, diagnosticRegister);
-  if ((diagnostic & selectMask) == port.select && prbsIsOn(state, port)) {
+  if ((diagnostic & selectMask) == port.select && prbsIsOn(state.hardware, port.port)) {
     put(upstream, diagnosticRegister,
         diagnostic | counterValid | errorCount(state, state.hardware.pci[port.port]) << 16);
   }
 }
 
-void showLink(const State& state, PciDevice& device, const Layout& layout) {
-  const std::uint32_t offset = layout.pcie + PCI_EXP_LNKSTA;
-  std::uint16_t status = linkIsUp(state, device) ? device.linkStatus : std::uint16_t{0};
+void showLink(const State& state, PciDevice& device, PciPlace place) {
+  const PciPlace port = isSwitch(place) ? device.above : place;
+  std::uint16_t status = linkIsUp(state, port) ? device.linkStatus : std::uint16_t{0};
   if (now(state) < device.trainingUntil) {
     status |= PCI_EXP_LNKSTA_LT;
   }
-  put(device, offset, status);
+  if (isSwitch(place)) {  // the port above shows these
+    status &= static_cast<std::uint16_t>(~(PCI_EXP_LNKSTA_DLLLA | PCI_EXP_LNKSTA_LT));
+  }
+  put(device, layoutOf(place).pcie + PCI_EXP_LNKSTA, status);
 }
 
 void showHardware(State& state, PciDevice& device) {
   const PciPlace place = placeOf(state, device);
-  const Layout& layout = layoutOf(place);
-  if (place == switchUpstream || place == shimUpstream) {
+  if (isSwitch(place)) {
     putBits(device, diagnosticRegister, counterMask | counterValid, false);
   }
   for (const PortWiring& port : wiring) {
@@ -133,9 +152,110 @@ void showHardware(State& state, PciDevice& device) {
       showPort(state, port);
     }
   }
-  showLink(state, device, layout);
-  putBits(device, layout.aer + PCI_ERR_UNCOR_STATUS, device.uncorrectable, true);
-  putBits(device, layout.aer + PCI_ERR_COR_STATUS, device.correctable, true);
+  showLink(state, device, place);
+}
+
+/// Errors that a description keeps latched, on all devices: the root port shows those below.
+void latchAgain(State& state) {
+  for (unsigned int place = 0; place < pciPlaceCount; ++place) {
+    const PciDevice& device = state.hardware.pci[place];
+    if ((device.uncorrectable | device.correctable) != 0 &&
+        isReached(state, static_cast<PciPlace>(place))) {
+      latch(state.hardware, static_cast<PciPlace>(place), device.uncorrectable, device.correctable);
+    }
+  }
+}
+
+// Bits of Root Error Status and the half of Error Source Identification that an error message
+// brings about; the second bit is for another one of the same kind.
+struct Message {
+  std::uint32_t received;
+  std::uint32_t more;
+  std::uint32_t kind;
+  std::uint32_t source;
+};
+
+constexpr Message correctableMessage = {PCI_ERR_ROOT_COR_RCV, PCI_ERR_ROOT_MULTI_COR_RCV, 0,
+                                        PCI_ERR_ROOT_ERR_SRC};
+constexpr Message nonFatalMessage = {PCI_ERR_ROOT_UNCOR_RCV, PCI_ERR_ROOT_MULTI_UNCOR_RCV,
+                                     PCI_ERR_ROOT_NONFATAL_RCV, PCI_ERR_ROOT_ERR_SRC + 2};
+constexpr Message fatalMessage = {PCI_ERR_ROOT_UNCOR_RCV, PCI_ERR_ROOT_MULTI_UNCOR_RCV,
+                                  PCI_ERR_ROOT_FATAL_RCV, PCI_ERR_ROOT_ERR_SRC + 2};
+
+void putStatus(PciDevice& device, std::uint32_t offset, std::uint16_t bits) {
+  put(device, offset, static_cast<std::uint16_t>(load<std::uint16_t>(device, offset) | bits));
+}
+
+bool reportsSystemErrors(const PciDevice& device) {
+  return (load<std::uint16_t>(device, PCI_COMMAND) & PCI_COMMAND_SERR) != 0;
+}
+
+void receive(PciDevice& root, const PciDevice& source, const Message& message) {
+  const std::uint32_t offset = rootLayout.aer + PCI_ERR_ROOT_STATUS;
+  auto status = load<std::uint32_t>(root, offset);
+  if ((status & message.received) != 0) {
+    status |= message.more;
+  } else {
+    const auto id = static_cast<std::uint16_t>(source.bus << 8 | source.device << 3);
+    put(root, rootLayout.aer + message.source, id);
+    if (message.kind == PCI_ERR_ROOT_FATAL_RCV) {
+      status |= PCI_ERR_ROOT_FIRST_FATAL;
+    }
+  }
+  put(root, offset, status | message.received | message.kind);
+}
+
+/// Sends a message to the root port. Bridges pass it on where they are told to.
+void send(Hardware& hardware, PciPlace source, const Message& message) {
+  PciPlace place = source;
+  const bool isCorrectable = message.kind == 0;
+  if (!isCorrectable && reportsSystemErrors(hardware.pci[place])) {
+    putStatus(hardware.pci[place], PCI_STATUS, PCI_STATUS_SIG_SYSTEM_ERROR);
+  }
+  while (place != rootPort) {
+    place = hardware.pci[place].above;
+    PciDevice& bridge = hardware.pci[place];
+    if (!isCorrectable) {
+      putStatus(bridge, PCI_SEC_STATUS, receivedSystemError);
+    }
+    const auto control = load<std::uint16_t>(bridge, PCI_BRIDGE_CONTROL);
+    const bool passesOn =
+        (control & PCI_BRIDGE_CTL_SERR) != 0 && (isCorrectable || reportsSystemErrors(bridge));
+    if (place != rootPort && !passesOn) {
+      return;
+    }
+    if (!isCorrectable && reportsSystemErrors(bridge)) {
+      putStatus(bridge, PCI_STATUS, PCI_STATUS_SIG_SYSTEM_ERROR);
+    }
+  }
+  receive(hardware.pci[rootPort], hardware.pci[source], message);
+}
+
+/// Latches one kind of error: the status bits, the detected bit of Device Status and, unless all
+/// are masked or the kind is not reported, a message.
+void latchKind(Hardware& hardware, PciPlace place, std::uint32_t statusOffset, std::uint32_t bits,
+               std::uint16_t detected, std::uint16_t enable, const Message& message) {
+  PciDevice& device = hardware.pci[place];
+  const Layout& layout = layoutOf(place);
+  const std::uint32_t status = layout.aer + statusOffset;
+  const std::uint32_t fresh = bits & ~load<std::uint32_t>(device, status);
+  if (fresh == 0) {
+    return;
+  }
+  const std::uint32_t pointer = layout.aer + PCI_ERR_CAP;
+  const auto mask = load<std::uint32_t>(device, status + 4);  // stands after its status
+  if (message.kind != 0 && (fresh & ~mask) != 0 &&
+      (load<std::uint32_t>(device, status) & ~mask) == 0) {
+    putBits(device, pointer, PCI_ERR_CAP_FEP(~0U), false);
+    putBits(device, pointer, static_cast<std::uint32_t>(__builtin_ctz(fresh & ~mask)), true);
+  }
+  putBits(device, status, fresh, true);
+  putStatus(device, layout.pcie + PCI_EXP_DEVSTA, detected);
+  const bool reported = (load<std::uint16_t>(device, layout.pcie + PCI_EXP_DEVCTL) & enable) != 0 ||
+                        (message.kind != 0 && reportsSystemErrors(device));
+  if ((fresh & ~mask) != 0 && reported) {
+    send(hardware, place, message);
+  }
 }
 
 struct WriteRule {
@@ -146,11 +266,47 @@ struct WriteRule {
 /// How the 32-bit word at an offset takes a write.
 WriteRule ruleFor(PciPlace place, std::uint32_t word) {
   const Layout& layout = layoutOf(place);
-  if (word == PCI_VENDOR_ID || word == PCI_CLASS_REVISION || word == (PCI_HEADER_TYPE & ~3U)) {
+  const std::uint32_t constant[] = {PCI_VENDOR_ID,
+                                    PCI_CLASS_REVISION,
+                                    PCI_BASE_ADDRESS_0,
+                                    PCI_BASE_ADDRESS_1,
+                                    PCI_CAPABILITY_LIST,
+                                    layout.pcie,
+                                    layout.pcie + PCI_EXP_DEVCAP,
+                                    layout.pcie + PCI_EXP_LNKCAP,
+                                    layout.pcie + PCI_EXP_DEVCAP2,
+                                    layout.pcie + PCI_EXP_LNKCAP2,
+                                    layout.aer,
+                                    layout.aer + PCI_ERR_HEADER_LOG,
+                                    layout.aer + PCI_ERR_HEADER_LOG + 4,
+                                    layout.aer + PCI_ERR_HEADER_LOG + 8,
+                                    layout.aer + PCI_ERR_HEADER_LOG + 12,
+                                    PCI_CFG_SPACE_SIZE,
+                                    serialNumber,
+                                    serialNumber + 4};
+  const std::uint32_t errors[] = {layout.aer + PCI_ERR_UNCOR_STATUS,
+                                  layout.aer + PCI_ERR_COR_STATUS,
+                                  layout.aer + PCI_ERR_ROOT_STATUS};
+  const auto isOneOf = [&](const auto& words) {
+    return std::find(std::begin(words), std::end(words), word) != std::end(words);
+  };
+  if (isOneOf(errors)) {
+    return {~0U, 0};
+  }
+  if (word == PCI_CACHE_LINE_SIZE) {
+    return {0, 0xFFFFFF00};
+  }
+  if (word == layout.aer + PCI_ERR_CAP) {
+    return {0, PCI_ERR_CAP_FEP(~0U) | PCI_ERR_CAP_ECRC_GENC | PCI_ERR_CAP_ECRC_CHKC};
+  }
+  if (place == rootPort && word == layout.aer + PCI_ERR_ROOT_ERR_SRC) {
     return {0, ~0U};
   }
   // A control register and, in the upper half, its status.
   if (word == PCI_COMMAND) {
+    return {0xF9000000, 0x06FF0000};
+  }
+  if (word == (PCI_SEC_STATUS & ~3U)) {
     return {0xF9000000, 0x06FF0000};
   }
   if (word == layout.pcie + PCI_EXP_DEVCTL) {
@@ -159,13 +315,7 @@ WriteRule ruleFor(PciPlace place, std::uint32_t word) {
   if (word == layout.pcie + PCI_EXP_LNKCTL) {
     return {0, 0xFFFF0000};
   }
-  const std::uint32_t errors[] = {PCI_ERR_UNCOR_STATUS, PCI_ERR_COR_STATUS, PCI_ERR_ROOT_STATUS};
-  for (const std::uint32_t status : errors) {
-    if (word == layout.aer + status) {
-      return {~0U, 0};
-    }
-  }
-  return {0, 0};
+  return {0, isOneOf(constant) ? ~0U : 0};
 }
 
 void startPrbs(State& state, PciPlace upstream, std::uint32_t before) {
@@ -183,13 +333,14 @@ void retrain(const State& state, PciDevice& device, const Layout& layout) {
   if ((value & PCI_EXP_LNKCTL_RL) != 0) {
     put(device, control, static_cast<std::uint16_t>(value & ~PCI_EXP_LNKCTL_RL));
     device.trainingUntil = now(state) + trainingTime;
+    device.untrained = false;
   }
 }
 
-/// The device at an address; null when there is none.
+/// The device that the kernel has at an address; null when there is none.
 PciDevice* find(State& state, std::uint32_t bus, std::uint32_t number) {
   for (PciDevice& device : state.hardware.pci) {
-    if (device.present && device.bus == bus && device.device == number) {
+    if (device.listed && device.bus == bus && device.device == number) {
       return &device;
     }
   }
@@ -206,6 +357,28 @@ int refusal(const PciDevice* device, std::uint32_t offset, std::uint32_t size, i
   return offset > sizeof device->config - size ? outside : 0;
 }
 
+/// Resets all devices below a port. What the kernel writes anew after that, the numbers of their
+/// buses, is among what they had when the instrument started.
+void resetBelow(Hardware& hardware, PciPlace port) {
+  for (unsigned int place = port + 1; place < pciPlaceCount; ++place) {
+    PciDevice& device = hardware.pci[place];
+    if (device.described && device.above == port) {
+      std::memcpy(device.config, device.afterReset, sizeof device.config);
+      resetBelow(hardware, static_cast<PciPlace>(place));
+    }
+  }
+}
+
+/// The device of a path such as "0000:02:01.0/config"; null for none.
+PciDevice* deviceOfFile(State& state, const std::string& path) {
+  unsigned int bus = 0;
+  unsigned int number = 0;
+  int end = 0;
+  std::sscanf(path.c_str(), "0000:%2x:%2x.0/config%n", &bus, &number, &end);
+  return end != 0 && static_cast<std::size_t>(end) == path.size() ? find(state, bus, number)
+                                                                  : nullptr;
+}
+
 }  // namespace
 
 void putBits(PciDevice& device, std::uint32_t offset, std::uint32_t mask, bool set) {
@@ -213,16 +386,144 @@ void putBits(PciDevice& device, std::uint32_t offset, std::uint32_t mask, bool s
   put(device, offset, set ? value | mask : value & ~mask);
 }
 
+bool isDownstreamPort(PciPlace place) { return place != rootPort && !isSwitch(place); }
+
+bool isSwitch(PciPlace place) { return place == switchUpstream || place == shimUpstream; }
+
+void reset(PciDevice& device, PciPlace place) {
+  constexpr std::uint32_t fatal = PCI_ERR_UNC_DLP | PCI_ERR_UNC_SURPDN | PCI_ERR_UNC_FCP |
+                                  PCI_ERR_UNC_RX_OVER | PCI_ERR_UNC_MALF_TLP | PCI_ERR_UNC_INTN;
+  const Layout& layout = layoutOf(place);
+  const std::uint32_t type = place == rootPort ? PCI_EXP_TYPE_ROOT_PORT
+                             : isSwitch(place) ? PCI_EXP_TYPE_UPSTREAM
+                                               : PCI_EXP_TYPE_DOWNSTREAM;
+  const std::uint32_t reporting =
+      isSwitch(place) ? 0 : PCI_EXP_LNKCAP_SDERC | PCI_EXP_LNKCAP_DLLLARC;
+  put(device, PCI_STATUS, std::uint16_t{PCI_STATUS_CAP_LIST});
+  put(device, PCI_HEADER_TYPE, std::uint8_t{PCI_HEADER_TYPE_BRIDGE});
+  put(device, PCI_CAPABILITY_LIST, static_cast<std::uint8_t>(layout.pcie));
+  put(device, layout.pcie, PCI_CAP_ID_EXP | 2U << 16 | type << 20);
+  put(device, layout.pcie + PCI_EXP_DEVCAP, std::uint32_t{PCI_EXP_DEVCAP_RBER});
+  put(device, layout.pcie + PCI_EXP_LNKCAP,
+      std::uint32_t{PCI_EXP_LNKCAP_SLS_5_0GB} | 1U << 4 | reporting |
+          std::uint32_t{device.device} << 24);
+  put(device, layout.pcie + PCI_EXP_LNKCTL2, std::uint32_t{PCI_EXP_LNKCTL2_TLS_5_0GT});
+  if (layout.aer != PCI_CFG_SPACE_SIZE) {
+    // The list of extended capabilities begins with the serial number of the switch.
+    put(device, PCI_CFG_SPACE_SIZE, PCI_EXT_CAP_ID_DSN | 1U << 16 | layout.aer << 20);
+    put(device, serialNumber, std::uint32_t{device.bus});
+  }
+  put(device, layout.aer, PCI_EXT_CAP_ID_ERR | 1U << 16);
+  put(device, layout.aer + PCI_ERR_UNCOR_SEVER, fatal);
+  put(device, layout.aer + PCI_ERR_COR_MASK, std::uint32_t{PCI_ERR_COR_ADV_NFAT});
+  put(device, layout.aer + PCI_ERR_CAP,
+      std::uint32_t{PCI_ERR_CAP_ECRC_GENC | PCI_ERR_CAP_ECRC_CHKC});
+}
+
+std::uint32_t madeUpBits(PciPlace place, std::uint32_t word) {
+  if (word == layoutOf(place).pcie + PCI_EXP_LNKCTL) {
+    return 0xFFFF0000;
+  }
+  if (!isSwitch(place)) {
+    return 0;
+  }
+  std::uint32_t loopback = 0;
+  std::uint32_t sync = 0;
+  for (const PortWiring& port : wiring) {
+    loopback |= port.upstream == place ? port.loopbackStatus : 0;
+    sync |= port.upstream == place ? port.prbsSync : 0;
+  }
+  switch (word) {
+    case linkRegister:
+      return ~0U;  // a status register as a whole
+    case loopbackRegister:
+      return loopback;
+    case syncRegister:
+      return sync;
+    case diagnosticRegister:
+      return counterMask | counterValid;
+    default:
+      return 0;
+  }
+}
+
+bool linkIsUp(const State& state, PciPlace place) {
+  const PciDevice& device = state.hardware.pci[place];
+  const std::uint32_t module = moduleOf(place);
+  const auto control = load<std::uint16_t>(device, layoutOf(place).pcie + PCI_EXP_LNKCTL);
+  const bool moduleRuns = module == moduleCount ||
+                          (power::isUp(state, module) && power::hasClock(state.hardware, module));
+  const PciDevice& below = state.hardware.pci[place == rootPort ? switchUpstream : shimUpstream];
+  const bool isPulled = below.above == place && below.listed && below.absent;
+  return device.described && !device.absent && device.linkUp && !device.untrained && moduleRuns &&
+         (control & PCI_EXP_LNKCTL_LD) == 0 && !holdsReset(device) && !isPulled;
+}
+
+bool prbsIsOn(const Hardware& hardware, PciPlace port) {
+  const PortWiring& row = wiringOf(port);
+  return (load<std::uint32_t>(hardware.pci[row.upstream], prbsRegister) & row.prbsEnable) != 0;
+}
+
+bool isLoopbackMaster(const Hardware& hardware, PciPlace port) {
+  const PortWiring& row = wiringOf(port);
+  const auto enabled = load<std::uint32_t>(hardware.pci[row.upstream], loopbackRegister);
+  return (enabled & row.loopbackEnable) != 0 && !hardware.pci[port].loopbackRefused;
+}
+
+void latch(Hardware& hardware, PciPlace place, std::uint32_t uncorrectable,
+           std::uint32_t correctable) {
+  const auto fatal =
+      load<std::uint32_t>(hardware.pci[place], layoutOf(place).aer + PCI_ERR_UNCOR_SEVER);
+  latchKind(hardware, place, PCI_ERR_COR_STATUS, correctable, PCI_EXP_DEVSTA_CED,
+            PCI_EXP_DEVCTL_CERE, correctableMessage);
+  latchKind(hardware, place, PCI_ERR_UNCOR_STATUS, uncorrectable & ~fatal, PCI_EXP_DEVSTA_NFED,
+            PCI_EXP_DEVCTL_NFERE, nonFatalMessage);
+  latchKind(hardware, place, PCI_ERR_UNCOR_STATUS, uncorrectable & fatal, PCI_EXP_DEVSTA_FED,
+            PCI_EXP_DEVCTL_FERE, fatalMessage);
+}
+
+void settle(State& state) {
+  for (unsigned int index = 0; index < pciPlaceCount; ++index) {
+    const auto place = static_cast<PciPlace>(index);
+    PciDevice& device = state.hardware.pci[place];
+    const std::uint32_t module = moduleOf(place);
+    if (!state.hardware.running) {
+      device.listed = device.described && !device.absent;
+      std::memcpy(device.afterReset, device.config, sizeof device.config);
+    } else if (module != moduleCount) {
+      // Without power the module forgets that it needs retraining.
+      device.untrained = power::isUp(state, module) &&
+                         (device.untrained || !power::hasClock(state.hardware, module));
+    }
+    const bool up = device.described && !isSwitch(place) && linkIsUp(state, place);
+    const auto control = load<std::uint16_t>(device, layoutOf(place).pcie + PCI_EXP_LNKCTL);
+    const bool told = (control & PCI_EXP_LNKCTL_LD) != 0 || holdsReset(device);
+    if (device.linkWasUp && !up) {
+      resetBelow(state.hardware, place);
+      if (!told && isReached(state, place)) {
+        latch(state.hardware, place, PCI_ERR_UNC_SURPDN, 0);
+      }
+    }
+    device.linkWasUp = up;
+  }
+}
+
 int read(State& state, std::uint32_t bus, std::uint32_t number, std::uint32_t offset,
          std::uint32_t size, std::uint32_t& value) {
   PciDevice* const device = find(state, bus, number);
   const int error = refusal(device, offset, size, ENXIO);
-  if (error == 0) {
+  if (error != 0) {
+    return error;
+  }
+  settle(state);
+  latchAgain(state);
+  value = ~0U >> (32 - size * 8);
+  if (isReached(state, placeOf(state, *device))) {
     showHardware(state, *device);
     value = 0;
     std::memcpy(&value, device->config + offset, size);
   }
-  return error;
+  return 0;
 }
 
 int write(State& state, std::uint32_t bus, std::uint32_t number, std::uint32_t offset,
@@ -232,8 +533,13 @@ int write(State& state, std::uint32_t bus, std::uint32_t number, std::uint32_t o
   if (error != 0) {
     return error;
   }
+  settle(state);
+  latchAgain(state);
   PciDevice& device = *found;
   const PciPlace place = placeOf(state, device);
+  if (!isReached(state, place)) {
+    return 0;
+  }
   const auto prbsBefore = load<std::uint32_t>(device, prbsRegister);
   showHardware(state, device);
   for (std::uint32_t index = offset; index < offset + size; ++index, value >>= 8) {
@@ -248,8 +554,50 @@ int write(State& state, std::uint32_t bus, std::uint32_t number, std::uint32_t o
     device.config[index] = static_cast<std::uint8_t>((before & fixed) | (after & ~fixed));
   }
   startPrbs(state, place, prbsBefore);
-  retrain(state, device, layoutOf(place));
+  if (!isSwitch(place)) {
+    retrain(state, device, layoutOf(place));
+  }
   return 0;
+}
+
+bool owns(const std::string& path) {
+  return path.size() > 6 && path.compare(path.size() - 7, 7, "/config") == 0;
+}
+
+int open(const std::string& path, bool /*writing*/, std::string& content) {
+  const Locked state;
+  PciDevice* const device = deviceOfFile(*state, path);
+  if (device == nullptr || device->unreadable) {
+    return device == nullptr ? ENOENT : EIO;
+  }
+  settle(*state);
+  latchAgain(*state);
+  content.assign(sizeof device->config, '\xFF');
+  if (isReached(*state, placeOf(*state, *device))) {
+    showHardware(*state, *device);
+    std::memcpy(content.data(), device->config, sizeof device->config);
+  }
+  return 0;
+}
+
+int store(const std::string& path, const std::string& text, std::size_t offset) {
+  const Locked state;
+  const PciDevice* const device = deviceOfFile(*state, path);
+  if (device == nullptr) {
+    return ENODEV;
+  }
+  int error = 0;
+  for (std::size_t done = 0, size = 0; error == 0 && done < text.size(); done += size) {
+    // In the widest pieces that begin where a register of their width may.
+    const std::size_t place = offset + done;
+    size = text.size() - done;
+    size = place % 2 != 0 || size == 1 ? 1 : place % 4 != 0 || size < 4 ? 2 : 4;
+    std::uint32_t value = 0;
+    std::memcpy(&value, text.data() + done, size);
+    error = write(*state, device->bus, device->device, static_cast<std::uint32_t>(place),
+                  static_cast<std::uint32_t>(size), value);
+  }
+  return error;
 }
 
 }  // namespace simulator::pci

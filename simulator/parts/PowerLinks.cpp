@@ -2,8 +2,11 @@
 #include "simulator/parts/PowerLinks.h"
 
 #include <cerrno>
-#include <optional>
+#include <iterator>
 
+#include "simulator/parts/GpioLines.h"
+#include "simulator/parts/I2cDevices.h"
+#include "simulator/parts/Part.h"
 #include "simulator/shared/Clock.h"
 
 namespace simulator::power {
@@ -42,25 +45,40 @@ constexpr bool areModules(const Links (&table)[std::size(links)]) {
 
 static_assert(areModules(links), "power links of a module that there is not");
 
-struct Line {
+/// A module's line and one of its attributes.
+struct LineAttribute {
   std::uint32_t module;
   bool isEnable;
+  std::string name;
 };
 
-std::optional<Line> lineOf(const std::string& path) {
-  for (const Links& link : links) {
-    if (path == enableLink(link.module) + "/value") {
-      return Line{link.module, true};
-    }
-    if (path == doneLink(link.module) + "/value") {
-      return Line{link.module, false};
+/// The line and attribute of a path such as "gpio_module1_power_en/value".
+std::optional<LineAttribute> lineAttribute(const std::string& path) {
+  const std::size_t slash = path.find('/');
+  const std::string link = path.substr(0, slash);
+  if (slash == std::string::npos || !gpio::isLineAttribute(path.substr(slash + 1))) {
+    return std::nullopt;
+  }
+  for (const Links& row : links) {
+    if (link == enableLink(row.module) || link == doneLink(row.module)) {
+      return LineAttribute{row.module, link == enableLink(row.module), path.substr(slash + 1)};
     }
   }
   return std::nullopt;
 }
 
+int numberOf(const Hardware& hardware, const LineAttribute& attribute) {
+  const PowerSequence& power = hardware.power[attribute.module];
+  const bool missing = attribute.isEnable ? power.enableMissing : power.doneMissing;
+  const int first = firstLine(hardware, attribute.module);
+  return !power.present || missing || first < 0 ? -1 : first + (attribute.isEnable ? 0 : 1);
+}
+
 bool sequenceIsDone(const State& state, const PowerSequence& power) {
   const std::int64_t time = now(state) - power.switchedAt;
+  if (power.failed) {
+    return false;
+  }
   if (!power.enabled) {
     return power.offDelay < 0 || time < power.offDelay;
   }
@@ -69,6 +87,17 @@ bool sequenceIsDone(const State& state, const PowerSequence& power) {
   }
   const std::int64_t sinceDone = time - power.onDelay;
   return !power.flickers || sinceDone < flickerStart || sinceDone >= flickerEnd;
+}
+
+/// The platform exports the lines of a module as it finds them, and drives power enable.
+void connect(Hardware& hardware, std::uint32_t module) {
+  PowerSequence& power = hardware.power[module];
+  const int first = firstLine(hardware, module);
+  GpioLine& enable = *gpio::lineOf(hardware, first);
+  enable.exported = enable.output = true;
+  enable.driven = power.enabled;
+  gpio::lineOf(hardware, first + 1)->exported = true;
+  power.connected = true;
 }
 
 }  // namespace
@@ -84,37 +113,77 @@ bool isUp(const State& state, std::uint32_t module) {
   return !power.present || (power.enabled && sequenceIsDone(state, power));
 }
 
-bool owns(const std::string& path) { return lineOf(path).has_value(); }
-
-int open(const std::string& path, bool /*writing*/, std::string& content) {
-  const Line line = *lineOf(path);
-  const Locked state;
-  const PowerSequence& power = state->hardware.power[line.module];
-  if (!power.present || (line.isEnable ? power.enableMissing : power.doneMissing)) {
-    return ENOENT;
+int firstLine(const Hardware& hardware, std::uint32_t module) {
+  constexpr int ownChips = 496;  // below those that the kernel numbers at run time
+  const PowerSequence& power = hardware.power[module];
+  if (power.expander < 0) {
+    return ownChips + static_cast<int>(module) * powerLineCount;
   }
-  // Sequence done is active low.
-  const bool high = line.isEnable ? power.enabled : !sequenceIsDone(*state, power);
-  content = high ? "1\n" : "0\n";
-  return 0;
+  const int base = hardware.i2cDevices[power.expander].gpioBase;
+  return base == 0 ? -1 : base;
 }
 
-int store(const std::string& path, const std::string& text) {
-  const Line line = *lineOf(path);
-  if (!line.isEnable) {
-    return EPERM;
+std::optional<bool> drivenLevel(const State& state, int number) {
+  for (std::uint32_t module = 0; module < moduleCount; ++module) {
+    const PowerSequence& power = state.hardware.power[module];
+    if (power.connected && number == firstLine(state.hardware, module) + 1) {
+      return !sequenceIsDone(state, power);  // active low
+    }
   }
-  if (text.empty() || (text[0] != '0' && text[0] != '1')) {
-    return EINVAL;
+  return std::nullopt;
+}
+
+bool hasClock(const Hardware& hardware, std::uint32_t module) {
+  const ClockSource& clock = hardware.clocks[module];
+  const PowerSequence& power = hardware.power[module];
+  // Unless it is described, it is on where the module is when the instrument starts.
+  return clock.described || hardware.running ? clock.on : !power.present || power.enabled;
+}
+
+void switchClock(State& state, std::uint32_t module, bool on) {
+  if (module < moduleCount) {
+    simulator::settle(state);
+    state.hardware.clocks[module].on = on;
+    simulator::settle(state);
   }
+}
+
+void settle(State& state) {
+  Hardware& hardware = state.hardware;
+  for (std::uint32_t module = 0; module < moduleCount; ++module) {
+    PowerSequence& power = hardware.power[module];
+    hardware.clocks[module].on = hasClock(hardware, module);
+    if (!power.present) {
+      continue;
+    }
+    if (power.expander == PowerSequence::unknown) {
+      power.expander = i2c::powerExpander(hardware, module);
+    }
+    const int enable = firstLine(hardware, module);
+    if (enable >= 0 && !power.connected) {
+      connect(hardware, module);
+    }
+    power.connected = enable >= 0;
+    const bool enabled = enable >= 0 && gpio::levelOf(state, enable);
+    if (enabled != power.enabled) {
+      power.enabled = enabled;
+      power.switchedAt = now(state);
+    }
+  }
+}
+
+bool owns(const std::string& path) { return lineAttribute(path).has_value(); }
+
+int open(const std::string& path, bool /*writing*/, std::string& content) {
+  const LineAttribute attribute = *lineAttribute(path);
   const Locked state;
-  PowerSequence& power = state->hardware.power[line.module];
-  const bool enabled = text[0] == '1';
-  if (enabled != power.enabled) {
-    power.enabled = enabled;
-    power.switchedAt = now(*state);
-  }
-  return 0;
+  return gpio::openLine(*state, numberOf(state->hardware, attribute), attribute.name, content);
+}
+
+int store(const std::string& path, const std::string& text, std::size_t /*offset*/) {
+  const LineAttribute attribute = *lineAttribute(path);
+  const Locked state;
+  return gpio::storeLine(*state, numberOf(state->hardware, attribute), attribute.name, text);
 }
 
 }  // namespace simulator::power

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <regex>
 
@@ -32,6 +33,21 @@ std::int64_t duration(const std::string& value) {
     throw mustBe("a time in seconds such as 2.5", value);
   }
   return std::llround(std::stod(value) * 1e6);
+}
+
+std::string secondsText(std::int64_t microseconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%lld.%06lld", static_cast<long long>(microseconds / 1000000),
+                static_cast<long long>(microseconds % 1000000));
+  std::string result = text;
+  result.erase(result.find_last_not_of('0') + 1);
+  return result.back() == '.' ? result + "0" : result;
+}
+
+std::string hexText(std::uint32_t number) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%x", number);
+  return text;
 }
 
 bool choice(const std::string& value, const char* first, const char* second) {

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -20,6 +22,11 @@ std::uint32_t number(const std::string& value);
 
 /// Seconds with a fraction, as microseconds.
 std::int64_t duration(const std::string& value);
+
+/// Microseconds as seconds with a fraction.
+std::string secondsText(std::int64_t microseconds);
+
+std::string hexText(std::uint32_t number);
 
 /// Which of two words the value is; true for the first.
 bool choice(const std::string& value, const char* first, const char* second);
@@ -57,6 +64,12 @@ void setField(Number& field, const std::string& value, const char* const (&/*wor
 }
 
 template <typename Object, std::size_t count>
+bool hasKey(const Key<Object> (&keys)[count], const std::string& name) {
+  return std::any_of(std::begin(keys), std::end(keys),
+                     [&](const Key<Object>& key) { return name == key.name; });
+}
+
+template <typename Object, std::size_t count>
 void setKey(const Key<Object> (&keys)[count], Object& object, const std::string& name,
             const std::string& value) {
   for (const Key<Object>& key : keys) {
@@ -66,6 +79,29 @@ void setKey(const Key<Object> (&keys)[count], Object& object, const std::string&
     }
   }
   throw unknownKey();
+}
+
+// A field's value as the description has it.
+
+inline std::string textOf(bool field, const char* const (&words)[2]) {
+  return words[field ? 0 : 1];
+}
+
+inline std::string textOf(std::int64_t field, const char* const (&words)[2]) {
+  return field < 0 ? words[0] : secondsText(field);
+}
+
+template <typename Number>
+std::string textOf(Number field, const char* const (&/*words*/)[2]) {
+  return hexText(field);
+}
+
+/// Calls `add` with the name and value of each key.
+template <typename Object, std::size_t count, typename Add>
+void describeKeys(const Key<Object> (&keys)[count], const Object& object, const Add& add) {
+  for (const Key<Object>& key : keys) {
+    std::visit([&](auto field) { add(key.name, textOf(object.*field, key.words)); }, key.field);
+  }
 }
 
 /// The place of a name in a table of names; the table's size where it has none.

@@ -11,8 +11,11 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <iomanip>
+#include <sstream>
 #include <vector>
 
+#include "simulator/parts/Changes.h"
 #include "simulator/shared/State.h"
 #include "simulator/shared/Trace.h"
 
@@ -26,6 +29,11 @@ constexpr char modes[] = {'r', 'w', 'u'};  // O_RDONLY, O_WRONLY, O_RDWR
 
 // Whether this process has had an attribute open: one that has not pays nothing.
 std::atomic<bool> attributesInUse{false};
+
+// Errors of the next reads, by descriptor, and whether there has been one.
+constexpr int mostReadErrors = 1024;
+std::atomic<int> readErrors[mostReadErrors];
+std::atomic<bool> readsFail{false};
 
 /// The descriptor's attribute and access mode, if it is a memory file of ours.
 struct OpenAttribute {
@@ -95,18 +103,59 @@ bool isWritten(int fd) {
   return fstat(fd, &status) == 0 && (status.st_mtim.tv_sec != 0 || status.st_mtim.tv_nsec != 0);
 }
 
-std::string contentOf(const SysfsPath& path, char mode) {
-  std::string content;
-  if (mode != 'w') {
-    path.attributes->open(path.relative, false, content);
-  }
-  return content;
+/// What an open attribute holds; 0 or an errno value, ENODEV where it is gone.
+int readContent(const SysfsPath& path, std::string& content) {
+  const int error = path.attributes->open(path.relative, false, content);
+  content = error == 0 ? content : "";
+  return error == ENOENT ? ENODEV : error;
 }
 
-int store(const SysfsPath& path, const std::string& text) {
-  const int error = path.attributes->store(path.relative, text);
-  traceResult("write " + path.full + " " + inQuotes(text), error);
+std::string inHex(const std::string& bytes, std::size_t offset) {
+  std::ostringstream text;
+  text << std::hex << offset << std::setfill('0');
+  for (const char byte : bytes) {
+    text << ' ' << std::setw(2) << int{static_cast<unsigned char>(byte)};
+  }
+  return text.str();
+}
+
+int store(const SysfsPath& path, const std::string& text, std::size_t offset) {
+  const std::string line = "write " + path.full + " " +
+                           (path.attributes->size != 0 ? inHex(text, offset) : inQuotes(text));
+  int error = admit(line);
+  if (error == 0) {
+    error = path.attributes->store(path.relative, text, offset);
+  }
+  traceResult(line, error);
   return error;
+}
+
+/// Stores those of the first bytes that differ from what the attribute holds: stdio does not tell
+/// which ones it has written.
+int storeBytes(const SysfsPath& path, const std::string& bytes) {
+  std::string before;
+  readContent(path, before);
+  before.resize(bytes.size());
+  int error = 0;
+  for (std::size_t begin = 0, end = 0; begin < bytes.size() && error == 0; begin = end + 1) {
+    begin = static_cast<std::size_t>(
+        std::mismatch(bytes.begin() + static_cast<std::ptrdiff_t>(begin), bytes.end(),
+                      before.begin() + static_cast<std::ptrdiff_t>(begin))
+            .first -
+        bytes.begin());
+    end = begin;
+    while (end < bytes.size() && bytes[end] != before[end]) {
+      ++end;
+    }
+    error = begin == end ? 0 : store(path, bytes.substr(begin, end - begin), begin);
+  }
+  return error;
+}
+
+/// Moves the position of a descriptor, and says where it is then.
+off_t position(int fd, off_t distance) {
+  const Nested nested;
+  return lseek(fd, distance, SEEK_CUR);
 }
 
 std::vector<int> openDescriptors() {
@@ -120,10 +169,17 @@ std::vector<int> openDescriptors() {
 
 }  // namespace
 
+void traceReading(const SysfsPath& path, const std::string& content, int error) {
+  const bool isText = path.attributes == nullptr || path.attributes->size == 0;
+  const std::string line = "read " + path.full;
+  traceResult(error == 0 && isText ? line + " " + inQuotes(content) : line, error);
+}
+
 int openAttribute(const SysfsPath& path, int flags) {
   const char mode = modes[flags & O_ACCMODE];
   std::string content;
-  int error = (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0 ? EEXIST : 0;
+  int error = (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0 ? EEXIST : admit("open " + path.full);
+  const int readError = mode == 'w' ? 0 : admit("read " + path.full);
   for (const bool writing : {false, true}) {
     if (error == 0 && mode != (writing ? 'r' : 'w')) {
       error = path.attributes->open(path.relative, writing, content);
@@ -135,7 +191,10 @@ int openAttribute(const SysfsPath& path, int flags) {
     return -1;
   }
   if (mode != 'w') {
-    trace("read " + path.full + " " + inQuotes(content));
+    traceReading(path, content, readError);
+  }
+  if (readError != 0) {
+    return openUnreadable(flags);
   }
   attributesInUse = true;
   return createMemoryFile(path, mode == 'w' ? "" : content, flags);
@@ -146,7 +205,7 @@ bool isWritableAttribute(int fd) {
   return attribute.path && attribute.mode != 'r';
 }
 
-std::optional<ssize_t> writeAttribute(int fd, const iovec* texts, int count) {
+std::optional<ssize_t> writeAttribute(int fd, const iovec* texts, int count, off_t offset) {
   const OpenAttribute attribute = attributeOf(fd);
   if (!attribute.path || attribute.mode == 'r') {
     return std::nullopt;
@@ -155,10 +214,20 @@ std::optional<ssize_t> writeAttribute(int fd, const iovec* texts, int count) {
   for (int index = 0; index < count; ++index) {
     text.append(static_cast<const char*>(texts[index].iov_base), texts[index].iov_len);
   }
-  const int error = text.empty() ? 0 : store(*attribute.path, text);
+  const std::size_t size = attribute.path->attributes->size;
+  const bool atPosition = offset < 0 && size != 0;
+  const off_t place = atPosition ? position(fd, 0) : offset;
+  if (size != 0) {  // no more than there is
+    text.resize(std::min(text.size(), size - std::min(size, static_cast<std::size_t>(place))));
+  }
+  const int error =
+      text.empty() ? 0 : store(*attribute.path, text, static_cast<std::size_t>(place));
   if (error != 0) {
     errno = error;
     return -1;
+  }
+  if (atPosition) {
+    position(fd, static_cast<off_t>(text.size()));
   }
   return static_cast<ssize_t>(text.size());
 }
@@ -169,8 +238,14 @@ int takeWritten(int fd) {
     return 0;
   }
   const std::string text = writtenText(fd, attribute.mode);
-  const int error = text.empty() ? 0 : store(*attribute.path, text);
-  setContent(fd, contentOf(*attribute.path, attribute.mode));
+  const int error = attribute.path->attributes->size != 0 ? storeBytes(*attribute.path, text)
+                    : text.empty()                        ? 0
+                                                          : store(*attribute.path, text, 0);
+  std::string content;
+  if (attribute.mode != 'w') {
+    readContent(*attribute.path, content);
+  }
+  setContent(fd, content);
   return error;
 }
 
@@ -193,18 +268,40 @@ int takeAllWritten(void (*flush)()) {
   return error;
 }
 
-void readAnew(int fd) {
+int readAnew(int fd, bool fromStart) {
   const OpenAttribute attribute = attributeOf(fd);
-  if (!attribute.path || attribute.mode == 'w') {
-    return;
+  if (!attribute.path || attribute.mode == 'w' ||
+      (!fromStart && attribute.path->attributes->size == 0)) {
+    return 0;
   }
   takeWritten(fd);
-  const std::string content = contentOf(*attribute.path, attribute.mode);
-  trace("read " + attribute.path->full + " " + inQuotes(content));
+  int error = admit("read " + attribute.path->full);
+  std::string content;
+  if (error == 0) {
+    error = readContent(*attribute.path, content);
+  }
+  traceReading(*attribute.path, content, error);
   const Nested nested;
   const int file = ::open(linkOf(fd).c_str(), O_RDWR | O_CLOEXEC);
   setContent(file, content);
   ::close(file);
+  return error;
+}
+
+void failNextRead(int fd, int error) {
+  if (fd >= 0 && fd < mostReadErrors && (error != 0 || readErrors[fd] != 0)) {
+    readErrors[fd] = error;
+    readsFail = true;
+  }
+}
+
+int takeReadError(int fd) {
+  return readsFail && fd >= 0 && fd < mostReadErrors ? readErrors[fd].exchange(0) : 0;
+}
+
+int openUnreadable(int flags) {
+  const Nested nested;
+  return ::open("/proc/self/mem", flags & (O_ACCMODE | O_CLOEXEC));
 }
 
 void findInheritedAttributes() {

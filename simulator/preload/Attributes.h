@@ -27,7 +27,8 @@ bool isWritableAttribute(int fd);
 
 /// Writes to such an attribute, which takes all or nothing, as write does; nothing for any other
 /// descriptor.
-std::optional<ssize_t> writeAttribute(int fd, const iovec* texts, int count);
+/// An offset counts for one that holds bytes: negative for where the descriptor is.
+std::optional<ssize_t> writeAttribute(int fd, const iovec* texts, int count, off_t offset = -1);
 
 /// Takes what stdio has written to a descriptor past the write function; returns 0 or an errno
 /// value.
@@ -37,8 +38,21 @@ int takeWritten(int fd);
 /// from.
 int takeAllWritten(void (*flush)());
 
-/// Makes up anew what reading an attribute from its start gives.
-void readAnew(int fd);
+/// Makes up anew what reading an attribute from its start gives or, of one that holds bytes, from
+/// anywhere. Returns 0 or the errno value with which it fails.
+int readAnew(int fd, bool fromStart);
+
+/// Lets the next read from a descriptor fail, or not for 0.
+void failNextRead(int fd, int error);
+
+/// The errno value with which a read fails that comes now; 0 if it does not.
+int takeReadError(int fd);
+
+/// Traces the reading of a file below /sys: what it gives, if that is text, or its error.
+void traceReading(const SysfsPath& path, const std::string& content, int error);
+
+/// A descriptor whose reading fails with EIO: nobody has memory at the very beginning.
+int openUnreadable(int flags);
 
 /// Looks for attributes that the program was started with, as a shell does it to redirect output.
 void findInheritedAttributes();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Clocks: in fast mode they include the time that sleeps have skipped. The host's own kernel knows
-// nothing of that, so a wait until a time of such a clock is made to end by the host's clock.
+// nothing of that, so a wait until a time of such a clock is made to end by the host's clock, and
+// no sleep skips its end.
 
 #include <linux/futex.h>
 #include <pthread.h>
@@ -10,14 +11,19 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "simulator/preload/Next.h"
 #include "simulator/shared/Clock.h"
 #include "simulator/shared/State.h"
+#include "simulator/shared/VirtualClock.h"
 
 using simulator::next;
 
@@ -59,6 +65,85 @@ class HostTime {
   timespec value{};
 };
 
+std::int64_t nanosecondsUntil(const timespec& time, clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return (std::int64_t{time.tv_sec} - now.tv_sec) * 1000000000 + time.tv_nsec - now.tv_nsec;
+}
+
+/// The clock of a wait that does not tell: the one that is nearer to the time.
+clockid_t clockOf(const timespec* time) {
+  return time != nullptr && std::abs(nanosecondsUntil(*time, CLOCK_MONOTONIC)) <
+                                std::abs(nanosecondsUntil(*time, CLOCK_REALTIME))
+             ? CLOCK_MONOTONIC
+             : CLOCK_REALTIME;
+}
+
+/// The host's time in a slice.
+timespec endOfSlice(clockid_t clock) {
+  timespec time{};
+  ::syscall(SYS_clock_gettime, clock, &time);
+  add(time, simulator::TimedWait::slice / 1000);
+  return time;
+}
+
+/// Waits for threads until a time of a clock by `wait`, which takes a time of the host's and
+/// returns 0 or an errno value. When `mayHaveMissed` says so after a slice, the wait ends as if by
+/// chance.
+template <typename Wait, typename Missed>
+int waitUntil(const timespec* time, clockid_t clock, Wait wait, Missed mayHaveMissed) {
+  const std::int64_t duration = time == nullptr ? 0 : nanosecondsUntil(*time, clock);
+  if (duration <= 0 || !simulator::isVirtual()) {
+    return wait(HostTime(time).get());
+  }
+  simulator::TimedWait guard(simulator::TimedWait::Source::threads, duration);
+  while (true) {
+    const timespec end = endOfSlice(clock);
+    const int error = wait(&end);
+    if (error != ETIMEDOUT || guard.isOver()) {
+      return error;
+    }
+    if (mayHaveMissed()) {
+      return 0;
+    }
+  }
+}
+
+template <typename Wait>
+int waitUntil(const timespec* time, clockid_t clock, Wait wait) {
+  return waitUntil(time, clock, wait, [] { return false; });
+}
+
+/// The same for a function that returns -1 with errno.
+template <typename Wait>
+int waitWithErrno(const timespec* time, clockid_t clock, Wait wait) {
+  const int error =
+      waitUntil(time, clock, [&](const timespec* host) { return wait(host) == 0 ? 0 : errno; });
+  if (error != 0) {
+    errno = error;
+    return -1;
+  }
+  return 0;
+}
+
+// How often condition variables have been signalled, by their addresses: who waits in slices would
+// miss what comes between two of them.
+std::atomic<unsigned int> signalCounts[256];
+
+std::atomic<unsigned int>& signalsOf(const pthread_cond_t* condition) {
+  return signalCounts[reinterpret_cast<std::uintptr_t>(condition) / sizeof(pthread_cond_t) %
+                      std::size(signalCounts)];
+}
+
+/// Waits for a condition variable, which `wait` does with its mutex.
+template <typename Wait>
+int waitForCondition(const pthread_cond_t* condition, const timespec* time, clockid_t clock,
+                     Wait wait) {
+  const std::atomic<unsigned int>& signals = signalsOf(condition);
+  const unsigned int before = signals;
+  return waitUntil(time, clock, wait, [&] { return signals != before; });
+}
+
 }  // namespace
 
 extern "C" {
@@ -97,39 +182,57 @@ int timespec_get(timespec* time, int base) noexcept {
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                            const timespec* time) {
   static const auto real = next(&pthread_cond_timedwait, "pthread_cond_timedwait");
-  return real(condition, mutex, HostTime(time).get());
+  return waitForCondition(condition, time, clockOf(time),
+                          [&](const timespec* host) { return real(condition, mutex, host); });
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                            const timespec* time) {
   static const auto real = next(&pthread_cond_clockwait, "pthread_cond_clockwait");
-  return real(condition, mutex, clock, HostTime(time).get());
+  return waitForCondition(condition, time, clock, [&](const timespec* host) {
+    return real(condition, mutex, clock, host);
+  });
+}
+
+int pthread_cond_signal(pthread_cond_t* condition) noexcept {
+  static const auto real = next(&pthread_cond_signal, "pthread_cond_signal");
+  ++signalsOf(condition);
+  return real(condition);
+}
+
+int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
+  static const auto real = next(&pthread_cond_broadcast, "pthread_cond_broadcast");
+  ++signalsOf(condition);
+  return real(condition);
 }
 
 int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* time) noexcept {
   static const auto real = next(&pthread_mutex_timedlock, "pthread_mutex_timedlock");
-  return real(mutex, HostTime(time).get());
+  return waitUntil(time, CLOCK_REALTIME, [&](const timespec* host) { return real(mutex, host); });
 }
 
 int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,
                             const timespec* time) noexcept {
   static const auto real = next(&pthread_mutex_clocklock, "pthread_mutex_clocklock");
-  return real(mutex, clock, HostTime(time).get());
+  return waitUntil(time, clock, [&](const timespec* host) { return real(mutex, clock, host); });
 }
 
 int pthread_timedjoin_np(pthread_t thread, void** result, const timespec* time) {
   static const auto real = next(&pthread_timedjoin_np, "pthread_timedjoin_np");
-  return real(thread, result, HostTime(time).get());
+  return waitUntil(time, CLOCK_REALTIME,
+                   [&](const timespec* host) { return real(thread, result, host); });
 }
 
 int sem_timedwait(sem_t* semaphore, const timespec* time) {
   static const auto real = next(&sem_timedwait, "sem_timedwait");
-  return real(semaphore, HostTime(time).get());
+  return waitWithErrno(time, CLOCK_REALTIME,
+                       [&](const timespec* host) { return real(semaphore, host); });
 }
 
 int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* time) {
   static const auto real = next(&sem_clockwait, "sem_clockwait");
-  return real(semaphore, clock, HostTime(time).get());
+  return waitWithErrno(time, clock,
+                       [&](const timespec* host) { return real(semaphore, clock, host); });
 }
 
 int timerfd_settime(int timer, int flags, const itimerspec* setting, itimerspec* before) noexcept {
@@ -154,12 +257,16 @@ __attribute__((no_sanitize("address"))) long syscall(long number, ...) noexcept 
     value = va_arg(arguments, long);
   }
   va_end(arguments);
+  if (number != SYS_futex || (values[1] & FUTEX_CMD_MASK) != FUTEX_WAIT_BITSET) {
+    return real(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+  }
   const timespec* time = nullptr;
   std::memcpy(&time, &values[3], sizeof time);
-  const bool untilTime = number == SYS_futex && (values[1] & FUTEX_CMD_MASK) == FUTEX_WAIT_BITSET;
-  const HostTime host(untilTime ? time : nullptr);
-  return real(number, values[0], values[1], values[2],
-              untilTime ? reinterpret_cast<long>(host.get()) : values[3], values[4], values[5]);
+  const bool isWall = (values[1] & FUTEX_CLOCK_REALTIME) != 0;
+  return waitWithErrno(time, isWall ? CLOCK_REALTIME : CLOCK_MONOTONIC, [&](const timespec* host) {
+    return static_cast<int>(real(number, values[0], values[1], values[2],
+                                 reinterpret_cast<long>(host), values[4], values[5]));
+  });
 }
 
 }  // extern "C"

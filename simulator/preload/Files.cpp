@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "simulator/parts/Changes.h"
 #include "simulator/preload/Attributes.h"
 #include "simulator/preload/Next.h"
 #include "simulator/preload/Paths.h"
@@ -59,21 +60,24 @@ std::string contentOf(const SysfsPath& path) {
 /// Opens a plain file below /sys by `real`. Its attributes are read-only, and nobody creates one.
 template <typename Open>
 int openPlain(const SysfsPath& path, int flags, Open real) {
-  const bool nested = simulator::nested();
-  if ((flags & O_ACCMODE) != O_RDONLY && !nested) {
-    simulator::traceResult("write " + path.full, EACCES);
-    return fail(EACCES);
+  if (simulator::nested()) {
+    return real(simulator::treePath(path).c_str());
   }
-  const int fd = real(simulator::treePath(path).c_str());
-  if (nested) {
+  const bool writing = (flags & O_ACCMODE) != O_RDONLY;
+  int error = writing ? EACCES : simulator::admit("open " + path.full);
+  const int readError = writing ? 0 : simulator::admit("read " + path.full);
+  const int fd = error != 0 ? -1 : real(simulator::treePath(path).c_str());
+  if (fd < 0) {
+    error = error != 0 ? error : errno;
+    simulator::traceResult((writing ? "write " : "read ") + path.full, error);
+    return fail(error);
+  }
+  simulator::traceReading(path, contentOf(path), readError);
+  if (readError == 0) {
     return fd;
   }
-  const int error = errno;
-  const std::string line = "read " + path.full;
-  simulator::traceResult(fd < 0 ? line : line + " " + simulator::inQuotes(contentOf(path)),
-                         fd < 0 ? error : 0);
-  errno = error;
-  return fd;
+  close(fd);
+  return simulator::openUnreadable(flags);
 }
 
 /// Opens a file below /sys, plain ones by `real`.
@@ -172,6 +176,7 @@ __attribute__((constructor)) void start() {
   }
   if (const char* stateFile = std::getenv(simulator::stateVariable)) {
     simulator::attach(stateFile);
+    simulator::requireTree();
     simulator::takePartAlone();
     simulator::findInheritedAttributes();
   }
@@ -250,12 +255,15 @@ int posix_spawn_file_actions_addopen(posix_spawn_file_actions_t* actions, int fd
 
 DIR* opendir(const char* name) {
   static const auto real = next(&opendir, "opendir");
-  DIR* directory = real(name);
-  if (const auto path = simulator::sysfsPath(simulator::absolutePath(AT_FDCWD, name))) {
-    const int error = errno;
-    simulator::traceResult("list " + path->full, directory == nullptr ? error : 0);
-    errno = error;
+  const auto path = simulator::sysfsPath(simulator::absolutePath(AT_FDCWD, name));
+  if (!path) {
+    return real(name);
   }
+  int error = simulator::admit("list " + path->full);
+  DIR* const directory = error != 0 ? nullptr : real(name);
+  error = error != 0 || directory != nullptr ? error : errno;
+  simulator::traceResult("list " + path->full, error);
+  errno = error;
   return directory;
 }
 
@@ -269,7 +277,7 @@ ssize_t write(int fd, const void* data, size_t size) {
 ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
   static const auto real = next(&pwrite, "pwrite");
   const iovec text{const_cast<void*>(data), size};
-  const auto taken = simulator::writeAttribute(fd, &text, 1);
+  const auto taken = simulator::writeAttribute(fd, &text, 1, offset);
   return taken ? *taken : real(fd, data, size, offset);
 }
 
@@ -279,30 +287,38 @@ ssize_t writev(int fd, const iovec* parts, int count) {
   return taken ? *taken : real(fd, parts, count);
 }
 
-// An attribute is read anew by a program that returns to its start.
+// An attribute is read anew by a program that returns to its start, and one that holds bytes by one
+// that goes anywhere.
 off_t lseek(int fd, off_t offset, int whence) noexcept {
   static const auto real = next(&lseek, "lseek");
-  if (offset == 0 && whence == SEEK_SET) {
-    simulator::readAnew(fd);
-  }
+  simulator::failNextRead(fd, simulator::readAnew(fd, offset == 0 && whence == SEEK_SET));
   return real(fd, offset, whence);
+}
+
+ssize_t read(int fd, void* data, size_t size) {
+  static const auto real = next(&read, "read");
+  const int error = simulator::takeReadError(fd);
+  return error != 0 ? fail(error) : real(fd, data, size);
 }
 
 ssize_t pread(int fd, void* data, size_t size, off_t offset) {
   static const auto real = next(&pread, "pread");
-  if (offset == 0) {
-    simulator::readAnew(fd);
-  }
-  return real(fd, data, size, offset);
+  const int error = simulator::readAnew(fd, offset == 0);
+  return error != 0 ? fail(error) : real(fd, data, size, offset);
 }
 
 // What it becomes in programs built with -D_FORTIFY_SOURCE.
+ssize_t __read_chk(int fd, void* data, size_t size, size_t /*room*/) {
+  return read(fd, data, size);
+}
+
 ssize_t __pread_chk(int fd, void* data, size_t size, off_t offset, size_t /*room*/) {
   return pread(fd, data, size, offset);
 }
 
 int close(int fd) {
   static const auto real = next(&close, "close");
+  simulator::takeReadError(fd);
   const int error = simulator::takeWritten(fd);
   const int result = real(fd);
   return error != 0 ? fail(error) : result;

@@ -5,10 +5,12 @@
 
 #include <pciaccess.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <string>
 
+#include "simulator/parts/Changes.h"
 #include "simulator/parts/PciRegisters.h"
 #include "simulator/preload/Next.h"
 #include "simulator/shared/Trace.h"
@@ -43,10 +45,13 @@ std::string accessText(const char* name, const pci_device& device, std::uint32_t
 template <typename Value>
 int readValue(const pci_device* device, Value* value, pciaddr_t place) {
   requireInstrument("PCI configuration space");
-  const auto offset = static_cast<std::uint32_t>(place);
+  const auto offset = static_cast<std::uint32_t>(std::min<pciaddr_t>(place, ~0U));
   std::uint32_t read = 0;
-  const int error = pci::read(*Locked(), device->bus, device->dev, offset, sizeof(Value), read);
   const std::string text = accessText("read", *device, offset, sizeof(Value));
+  int error = admit(text);
+  if (error == 0) {
+    error = pci::read(*Locked(), device->bus, device->dev, offset, sizeof(Value), read);
+  }
   traceResult(error == 0 ? text + " " + hex(read) : text, error);
   if (error == 0) {
     *value = static_cast<Value>(read);
@@ -57,9 +62,13 @@ int readValue(const pci_device* device, Value* value, pciaddr_t place) {
 template <typename Value>
 int writeValue(const pci_device* device, Value value, pciaddr_t place) {
   requireInstrument("PCI configuration space");
-  const auto offset = static_cast<std::uint32_t>(place);
-  const int error = pci::write(*Locked(), device->bus, device->dev, offset, sizeof(Value), value);
-  traceResult(accessText("write", *device, offset, sizeof(Value)) + " " + hex(value), error);
+  const auto offset = static_cast<std::uint32_t>(std::min<pciaddr_t>(place, ~0U));
+  const std::string text = accessText("write", *device, offset, sizeof(Value)) + " " + hex(value);
+  int error = admit(text);
+  if (error == 0) {
+    error = pci::write(*Locked(), device->bus, device->dev, offset, sizeof(Value), value);
+  }
+  traceResult(text, error);
   return error;
 }
 
@@ -75,8 +84,8 @@ extern "C" {
 int pci_system_init() {
   static const auto real = next(&pci_system_init, "pci_system_init");
   simulator::requireInstrument("the PCI system");
-  int error = 0;
-  {
+  int error = simulator::admit("pci_system_init");
+  if (error == 0) {
     const Nested nested;
     error = real();
   }
@@ -87,21 +96,23 @@ int pci_system_init() {
 pci_device* pci_device_find_by_slot(std::uint32_t domain, std::uint32_t bus, std::uint32_t device,
                                     std::uint32_t function) {
   static const auto real = next(&pci_device_find_by_slot, "pci_device_find_by_slot");
-  pci_device* const found = real(domain, bus, device, function);
-  simulator::traceResult("pci find " + simulator::addressOf(domain, bus, device, function),
-                         found == nullptr ? ENODEV : 0);
+  const std::string text = "pci find " + simulator::addressOf(domain, bus, device, function);
+  const int error = simulator::admit(text);
+  pci_device* const found = error != 0 ? nullptr : real(domain, bus, device, function);
+  simulator::traceResult(text, error != 0 ? error : found == nullptr ? ENODEV : 0);
   return found;
 }
 
 int pci_device_get_bridge_buses(pci_device* device, int* primary, int* secondary,
                                 int* subordinate) {
   static const auto real = next(&pci_device_get_bridge_buses, "pci_device_get_bridge_buses");
-  int error = 0;
-  {
+  const std::string text = "pci buses " + simulator::addressOf(*device);
+  int error = simulator::admit(text);
+  if (error == 0) {
     const Nested nested;
     error = real(device, primary, secondary, subordinate);
   }
-  simulator::traceResult("pci buses " + simulator::addressOf(*device), error);
+  simulator::traceResult(text, error);
   return error;
 }
 

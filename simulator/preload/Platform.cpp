@@ -7,6 +7,8 @@
 
 #include "platform/I2CDev.h"
 #include "platform/SpbFPGA.h"
+#include "simulator/parts/Changes.h"
+#include "simulator/parts/PowerLinks.h"
 #include "simulator/preload/Next.h"
 #include "simulator/shared/State.h"
 #include "simulator/shared/Trace.h"
@@ -20,14 +22,19 @@ namespace {
 
 void switchClock(unsigned int slot, bool on) {
   simulator::requireInstrument("the board FPGA");
-  trace((on ? "clock on " : "clock off ") + std::to_string(slot));
+  const std::string text = (on ? "clock on " : "clock off ") + std::to_string(slot);
+  const int error = simulator::admit(text);
+  if (error == 0) {
+    simulator::power::switchClock(*simulator::Locked(), slot, on);
+  }
+  simulator::traceResult(text, error);
 }
 
 }  // namespace
 
 SpbFPGA::SpbFPGA() {
   simulator::requireInstrument("the board FPGA");
-  if (simulator::faultIsOn(simulator::fpgaAccess)) {
+  if (simulator::admit("fpga open") != 0) {
     trace("fpga open: refused");
     throw std::runtime_error("no access to the FPGA");
   }
@@ -46,7 +53,7 @@ std::string I2CDev::FindI2CBusNameOfMuxChannel(std::string busName, int channel)
                                            "cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi");
   simulator::requireInstrument("the I2C buses");
   const std::string question = "bus behind " + busName + " channel " + std::to_string(channel);
-  if (simulator::faultIsOn(simulator::busLookup)) {
+  if (simulator::admit(question) != 0) {
     trace(question + ": refused");
     throw std::runtime_error("no access to the I2C buses");
   }

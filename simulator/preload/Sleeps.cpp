@@ -2,11 +2,13 @@
 // Sleeps: in fast mode the virtual clock takes them. A wait for descriptors that names none is one.
 
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -14,6 +16,7 @@
 #include <optional>
 #include <string>
 
+#include "simulator/parts/Changes.h"
 #include "simulator/preload/Next.h"
 #include "simulator/shared/State.h"
 #include "simulator/shared/Trace.h"
@@ -30,7 +33,7 @@ constexpr std::int64_t microsecond = 1000;
 constexpr std::int64_t longestUninterrupted = 10 * millisecond;
 
 /// Who sleeps this long, ten years, waits for a signal: no clock need show that end.
-constexpr std::int64_t forEver = 10 * 365 * 86400 * second;
+constexpr std::int64_t forEver = std::int64_t{10} * 365 * 86400 * second;
 
 std::int64_t nanoseconds(const timespec& time) {
   return std::min<std::int64_t>(time.tv_sec, forEver / second) * second + time.tv_nsec;
@@ -44,8 +47,9 @@ bool isValid(const timespec& time) {
   return time.tv_sec >= 0 && time.tv_nsec >= 0 && time.tv_nsec < second;
 }
 
-std::int64_t roundedUp(std::int64_t duration, std::int64_t unit) {
-  return (duration + unit - 1) / unit * unit;
+/// Microseconds, in full milliseconds.
+std::int64_t roundedUp(std::int64_t duration) {
+  return (duration + millisecond - 1) / millisecond * (millisecond / microsecond);
 }
 
 std::int64_t monotonicTime() {
@@ -54,9 +58,10 @@ std::int64_t monotonicTime() {
   return std::int64_t{time.tv_sec} * second + time.tv_nsec;
 }
 
-/// Sleeps on the virtual clock, rounded up to a unit on the instrument's. What is left of the sleep
-/// when a signal handler has run, and 0 at its end; nothing where the host's clock is to take it.
-std::optional<std::int64_t> sleepFor(std::int64_t duration, std::int64_t unit,
+/// Sleeps on the virtual clock, `onInstrument` microseconds on the instrument's. What is left of
+/// the sleep when a signal handler has run, and 0 at its end; nothing where the host's clock is to
+/// take it.
+std::optional<std::int64_t> sleepFor(std::int64_t duration, std::int64_t onInstrument,
                                      const sigset_t* mask) {
   if (!simulator::attached()) {
     return std::nullopt;
@@ -67,17 +72,32 @@ std::optional<std::int64_t> sleepFor(std::int64_t duration, std::int64_t unit,
   }
   const int error = errno;
   const std::int64_t start = monotonicTime();
-  const bool slept =
-      simulator::sleepVirtually(roundedUp(duration, unit) / microsecond, duration, mask);
+  const bool slept = simulator::sleepVirtually(onInstrument, duration, mask);
+  simulator::keepUp();
   errno = error;
   return slept ? 0 : std::max<std::int64_t>(start + duration - monotonicTime(), 1);
 }
 
-/// The same, in the trace.
-std::optional<std::int64_t> tracedSleep(std::int64_t duration, const sigset_t* mask = nullptr) {
-  simulator::trace("sleep " + std::to_string(roundedUp(duration, microsecond) / microsecond) +
-                   " us");
-  return sleepFor(duration, microsecond, mask);
+std::string sleepText(std::int64_t duration) {
+  return "sleep " + std::to_string(duration / microsecond) + " us";
+}
+
+/// The same, in the trace; interrupted half-way where sleeps fail.
+std::optional<std::int64_t> tracedSleep(std::int64_t duration, const sigset_t* mask = nullptr,
+                                        bool interrupted = false) {
+  static const auto real = next(&nanosleep, "nanosleep");
+  if (simulator::admit(sleepText(duration)) == 0 && !interrupted) {
+    simulator::trace(sleepText(duration));
+    return sleepFor(duration, duration / microsecond, mask);
+  }
+  const std::int64_t half = duration / 2 / microsecond * microsecond;
+  simulator::trace(sleepText(half));
+  const auto left = sleepFor(half, half / microsecond, mask);
+  if (!left) {
+    const timespec time = timespecOf(half);
+    real(&time, nullptr);
+  }
+  return duration - half + left.value_or(0);
 }
 
 int fail(int error) {
@@ -98,6 +118,47 @@ int resultOf(std::int64_t left, timespec* remaining) {
 
 int waitResultOf(std::int64_t left) { return left == 0 ? 0 : fail(EINTR); }
 
+/// Waits for descriptors by `wait`, which takes nanoseconds, negative for no end, and returns 0 at
+/// theirs.
+template <typename Wait>
+int waitFor(std::int64_t duration, Wait wait) {
+  if (duration <= 0 || !simulator::isVirtual()) {
+    return wait(duration);
+  }
+  simulator::TimedWait guard(simulator::TimedWait::Source::outside, duration);
+  while (true) {
+    const int result = wait(std::min(simulator::TimedWait::slice, guard.left()));
+    if (result != 0 || guard.isOver()) {
+      return result;
+    }
+  }
+}
+
+int millisecondsOf(std::int64_t duration) {
+  return duration < 0 ? -1 : static_cast<int>((duration + millisecond - 1) / millisecond);
+}
+
+std::int64_t durationOf(const timespec* time) {
+  return time == nullptr || !isValid(*time) ? -1 : nanoseconds(*time);
+}
+
+/// The same with sets of descriptors, of which each wait leaves those that it has found.
+template <typename Wait>
+int waitForSets(std::int64_t duration, std::array<fd_set*, 3> sets, Wait wait) {
+  fd_set wanted[3];
+  for (std::size_t index = 0; index < sets.size(); ++index) {
+    wanted[index] = sets[index] == nullptr ? fd_set{} : *sets[index];
+  }
+  return waitFor(duration, [&](std::int64_t time) {
+    for (std::size_t index = 0; index < sets.size(); ++index) {
+      if (sets[index] != nullptr) {
+        *sets[index] = wanted[index];
+      }
+    }
+    return wait(time);
+  });
+}
+
 bool hasDescriptors(int count, const fd_set* read, const fd_set* write, const fd_set* except) {
   return count > 0 && (read != nullptr || write != nullptr || except != nullptr);
 }
@@ -112,16 +173,9 @@ int nanosleep(const timespec* request, timespec* remaining) {
     return real(request, remaining);
   }
   const std::int64_t duration = nanoseconds(*request);
-  if (duration > longestUninterrupted && simulator::faultIsOn(simulator::interruptedSleep)) {
-    const std::int64_t half = duration / 2 / microsecond * microsecond;
-    const timespec hostHalf = timespecOf(half);
-    const auto left = tracedSleep(half);
-    if (!left) {
-      real(&hostHalf, nullptr);
-    }
-    return resultOf(duration - half + left.value_or(0), remaining);
-  }
-  const auto left = tracedSleep(duration);
+  const bool interrupted =
+      duration > longestUninterrupted && simulator::faultIsOn(simulator::interruptedSleep);
+  const auto left = tracedSleep(duration, nullptr, interrupted);
   return left ? resultOf(*left, remaining) : real(request, remaining);
 }
 
@@ -138,10 +192,15 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* request, timespe
                                              : EINTR;
   }
   // How long depends on how fast the program runs: neither the trace nor the instrument's clock do.
-  simulator::trace("sleep until a time");
-  const std::int64_t duration =
-      nanoseconds({request->tv_sec - time.tv_sec, 0}) + request->tv_nsec - time.tv_nsec;
-  const auto left = sleepFor(std::max<std::int64_t>(duration, 0), millisecond, nullptr);
+  const char* const text = "sleep until a time";
+  const int error = simulator::admit(text);
+  simulator::trace(text);
+  if (error != 0) {
+    return EINTR;
+  }
+  const std::int64_t duration = std::max<std::int64_t>(
+      nanoseconds({request->tv_sec - time.tv_sec, 0}) + request->tv_nsec - time.tv_nsec, 0);
+  const auto left = sleepFor(duration, roundedUp(duration), nullptr);
   return !left ? real(clock, flags, request, remaining) : *left == 0 ? 0 : EINTR;
 }
 
@@ -160,7 +219,9 @@ unsigned int sleep(unsigned int seconds) {
 int poll(pollfd* descriptors, nfds_t count, int timeout) {
   static const auto real = next(&poll, "poll");
   const auto left = count == 0 && timeout >= 0 ? tracedSleep(timeout * millisecond) : std::nullopt;
-  return left ? waitResultOf(*left) : real(descriptors, count, timeout);
+  return left ? waitResultOf(*left) : waitFor(timeout * millisecond, [&](std::int64_t time) {
+    return real(descriptors, count, millisecondsOf(time));
+  });
 }
 
 int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigset_t* mask) {
@@ -168,16 +229,25 @@ int ppoll(pollfd* descriptors, nfds_t count, const timespec* timeout, const sigs
   const auto left = count == 0 && timeout != nullptr && isValid(*timeout)
                         ? tracedSleep(nanoseconds(*timeout), mask)
                         : std::nullopt;
-  return left ? waitResultOf(*left) : real(descriptors, count, timeout, mask);
+  return left ? waitResultOf(*left) : waitFor(durationOf(timeout), [&](std::int64_t time) {
+    const timespec end = timespecOf(time);
+    return real(descriptors, count, time < 0 ? timeout : &end, mask);
+  });
 }
 
 int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
   static const auto real = next(&select, "select");
-  if (hasDescriptors(count, read, write, except) || timeout == nullptr || timeout->tv_sec < 0 ||
-      timeout->tv_usec < 0) {
-    return real(count, read, write, except, timeout);
+  const timespec time =
+      timeout == nullptr ? timespec{-1, 0} : timespec{timeout->tv_sec, timeout->tv_usec * 1000};
+  if (hasDescriptors(count, read, write, except) || !isValid(time)) {
+    return waitForSets(durationOf(&time), {read, write, except}, [&](std::int64_t left) {
+      if (left >= 0) {
+        *timeout = {left / second, left % second / microsecond};
+      }
+      return real(count, read, write, except, timeout);
+    });
   }
-  const auto left = tracedSleep(nanoseconds({timeout->tv_sec, 0}) + timeout->tv_usec * microsecond);
+  const auto left = tracedSleep(nanoseconds(time));
   if (!left) {
     return real(count, read, write, except, timeout);
   }
@@ -191,7 +261,25 @@ int pselect(int count, fd_set* read, fd_set* write, fd_set* except, const timesp
   const bool sleeps =
       !hasDescriptors(count, read, write, except) && timeout != nullptr && isValid(*timeout);
   const auto left = sleeps ? tracedSleep(nanoseconds(*timeout), mask) : std::nullopt;
-  return left ? waitResultOf(*left) : real(count, read, write, except, timeout, mask);
+  return left ? waitResultOf(*left)
+              : waitForSets(durationOf(timeout), {read, write, except}, [&](std::int64_t time) {
+                  const timespec end = timespecOf(time);
+                  return real(count, read, write, except, time < 0 ? timeout : &end, mask);
+                });
+}
+
+int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
+  static const auto real = next(&epoll_wait, "epoll_wait");
+  return waitFor(timeout * millisecond, [&](std::int64_t time) {
+    return real(epoll, events, count, millisecondsOf(time));
+  });
+}
+
+int epoll_pwait(int epoll, epoll_event* events, int count, int timeout, const sigset_t* mask) {
+  static const auto real = next(&epoll_pwait, "epoll_pwait");
+  return waitFor(timeout * millisecond, [&](std::int64_t time) {
+    return real(epoll, events, count, millisecondsOf(time), mask);
+  });
 }
 
 // What they become in programs built with -D_FORTIFY_SOURCE.

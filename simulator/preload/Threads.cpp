@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <new>
 
 #include "simulator/preload/Next.h"
 #include "simulator/shared/VirtualClock.h"
@@ -65,8 +66,8 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
   if (place == nullptr) {
     return EAGAIN;
   }
-  auto* const start = new Start{routine, argument, place};
-  const int error = real(thread, attributes, &begin, start);
+  auto* const start = new (std::nothrow) Start{routine, argument, place};
+  const int error = start == nullptr ? EAGAIN : real(thread, attributes, &begin, start);
   if (error != 0) {
     delete start;
     simulator::giveBack(place);

@@ -7,12 +7,13 @@
 #include <cerrno>
 #include <string>
 
+#include "simulator/parts/Changes.h"
 #include "simulator/parts/I2cDevices.h"
 #include "simulator/preload/Next.h"
 #include "simulator/shared/State.h"
 #include "simulator/shared/Trace.h"
 
-using simulator::faultIsOn;
+using simulator::admit;
 using simulator::inQuotes;
 using simulator::Nested;
 using simulator::next;
@@ -24,18 +25,23 @@ namespace {
 /// libudev takes null for "any".
 const char* textOf(const char* argument) { return argument == nullptr ? "" : argument; }
 
+/// Admits a call and traces it; true, with errno, when it fails.
+bool refuses(const std::string& call) {
+  const int error = admit(call);
+  traceResult(call, error);
+  errno = error != 0 ? error : errno;
+  return error != 0;
+}
+
 }  // namespace
 
 extern "C" {
 
 udev* udev_new() {
   static const auto real = next(&udev_new, "udev_new");
-  if (faultIsOn(simulator::udevContext)) {
-    traceResult("udev_new", ENOMEM);
-    errno = ENOMEM;
+  if (refuses("udev_new")) {
     return nullptr;
   }
-  trace("udev_new");
   const Nested nested;
   return real();
 }
@@ -48,12 +54,9 @@ udev* udev_unref(udev* context) {
 
 udev_enumerate* udev_enumerate_new(udev* context) {
   static const auto real = next(&udev_enumerate_new, "udev_enumerate_new");
-  if (faultIsOn(simulator::udevEnumeration)) {
-    traceResult("udev_enumerate_new", ENOMEM);
-    errno = ENOMEM;
+  if (refuses("udev_enumerate_new")) {
     return nullptr;
   }
-  trace("udev_enumerate_new");
   return real(context);
 }
 
@@ -66,7 +69,9 @@ udev_enumerate* udev_enumerate_unref(udev_enumerate* enumeration) {
 int udev_enumerate_add_match_subsystem(udev_enumerate* enumeration, const char* subsystem) {
   static const auto real =
       next(&udev_enumerate_add_match_subsystem, "udev_enumerate_add_match_subsystem");
-  trace(std::string("udev_enumerate_add_match_subsystem ") + textOf(subsystem));
+  if (refuses(std::string("udev_enumerate_add_match_subsystem ") + textOf(subsystem))) {
+    return -errno;
+  }
   return real(enumeration, subsystem);
 }
 
@@ -74,41 +79,51 @@ int udev_enumerate_add_match_sysattr(udev_enumerate* enumeration, const char* at
                                      const char* value) {
   static const auto real =
       next(&udev_enumerate_add_match_sysattr, "udev_enumerate_add_match_sysattr");
-  trace(std::string("udev_enumerate_add_match_sysattr ") + textOf(attribute) + " " +
-        inQuotes(textOf(value)));
+  if (refuses(std::string("udev_enumerate_add_match_sysattr ") + textOf(attribute) + " " +
+              inQuotes(textOf(value)))) {
+    return -errno;
+  }
   return real(enumeration, attribute, value);
 }
 
 int udev_enumerate_scan_devices(udev_enumerate* enumeration) {
   static const auto real = next(&udev_enumerate_scan_devices, "udev_enumerate_scan_devices");
-  trace("udev_enumerate_scan_devices");
+  if (refuses("udev_enumerate_scan_devices")) {
+    return -errno;
+  }
   const Nested nested;
   return real(enumeration);
 }
 
 udev_device* udev_device_new_from_syspath(udev* context, const char* path) {
   static const auto real = next(&udev_device_new_from_syspath, "udev_device_new_from_syspath");
-  const std::string line = std::string("udev_device_new_from_syspath ") + path;
-  if (simulator::attached() && !simulator::i2c::canBeOpened(simulator::Locked()->hardware, path)) {
-    traceResult(line, ENODEV);
-    errno = ENODEV;
+  const std::string call = std::string("udev_device_new_from_syspath ") + textOf(path);
+  int error = admit(call);
+  if (error == 0 && simulator::attached() &&
+      !simulator::i2c::canBeOpened(simulator::Locked()->hardware, textOf(path))) {
+    error = ENODEV;
+  }
+  traceResult(call, error);
+  if (error != 0) {
+    errno = error;
     return nullptr;
   }
-  trace(line);
   const Nested nested;
   return real(context, path);
 }
 
 const char* udev_device_get_sysattr_value(udev_device* device, const char* attribute) {
   static const auto real = next(&udev_device_get_sysattr_value, "udev_device_get_sysattr_value");
+  const std::string line = std::string("udev_device_get_sysattr_value ") + textOf(attribute);
+  const int error = admit(line);
   const char* value = nullptr;
-  {
+  if (error == 0) {
     const Nested nested;
     value = real(device, attribute);
   }
-  const std::string line = std::string("udev_device_get_sysattr_value ") + attribute;
-  traceResult(value == nullptr ? line : line + " " + inQuotes(value),
-              value == nullptr ? ENOENT : 0);
+  traceResult(value == nullptr ? line : line + " " + inQuotes(value), error != 0         ? error
+                                                                      : value == nullptr ? ENOENT
+                                                                                         : 0);
   return value;
 }
 

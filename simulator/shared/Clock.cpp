@@ -9,6 +9,9 @@
 namespace simulator {
 
 std::int64_t now(const State& state) {
+  if (state.moment >= 0) {
+    return state.moment;
+  }
   return state.fast ? state.clock.slept.load() : hostTime() - state.started;
 }
 

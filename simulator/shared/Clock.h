@@ -8,7 +8,7 @@
 namespace simulator {
 
 /// Time since the instrument started, microseconds, on the host's clock or, in fast mode, on the
-/// instrument's own.
+/// instrument's own; while a change is made, when it was due.
 std::int64_t now(const State& state);
 
 /// The host's clock, microseconds.

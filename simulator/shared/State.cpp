@@ -26,7 +26,7 @@ void endProcess(const std::string& reason) {
   _exit(2);
 }
 
-void attach(const char* stateFile) {
+State& attach(const char* stateFile) {
   const int fd = ::open(stateFile, O_RDWR | O_CLOEXEC);
   if (fd < 0) {
     endProcess(errno == EACCES ? "the instrument is another user's"
@@ -40,9 +40,13 @@ void attach(const char* stateFile) {
     endProcess("the instrument's state cannot be mapped");
   }
   shared = static_cast<State*>(memory);
+  return *shared;
+}
+
+void requireTree() {
   // Answered by umockdev: the same file must be there through /sys and through the tree itself.
   const char* root = std::getenv(rootVariable);
-  if (root == nullptr || std::string(root) + "/state" != stateFile ||
+  if (root == nullptr || std::string(root) != shared->root ||
       ::access("/sys/class/gpio/.talvero-sim", F_OK) != 0) {
     endProcess("the simulated /sys is not in place (is libumockdev-preload.so.0 loaded?)");
   }
@@ -78,6 +82,7 @@ Locked::Locked() {
   pthread_sigmask(SIG_BLOCK, &all, &signals);
   if (pthread_mutex_lock(&shared->mutex) == EOWNERDEAD) {
     pthread_mutex_consistent(&shared->mutex);  // a program was killed inside a call
+    shared->moment = -1;
   }
 }
 

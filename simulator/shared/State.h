@@ -20,14 +20,17 @@ namespace simulator {
 
 struct State {
   pthread_mutex_t mutex;
-  char root[PATH_MAX];              ///< umockdev's directory; the simulated /sys is below it
-  char trace[PATH_MAX];             ///< file that receives the trace; empty for none
-  bool timestamps;                  ///< its lines begin with time and process
-  std::atomic<bool> traceLost;      ///< a line could not be written
-  std::atomic<bool> ended;          ///< talvero-sim is gone, and the tree with it
-  bool fast;                        ///< sleeps advance the clock instead of sleeping
-  std::int64_t started;             ///< host's clock when the instrument started, microseconds
-  VirtualClock clock;               ///< in fast mode
+  pid_t process;                ///< that talvero-sim, or another instrument, is
+  char name[textSize];          ///< by which it is found; empty for none
+  char root[PATH_MAX];          ///< umockdev's directory; the simulated /sys is below it
+  char trace[PATH_MAX];         ///< file that receives the trace; empty for none
+  bool timestamps;              ///< its lines begin with time and process
+  std::atomic<bool> traceLost;  ///< a line could not be written
+  std::atomic<bool> ended;      ///< talvero-sim is gone, and the tree with it
+  bool fast;                    ///< sleeps advance the clock instead of sleeping
+  std::int64_t started;         ///< host's clock when the instrument started, microseconds
+  std::int64_t moment;          ///< of a change while it is made, late perhaps; or negative
+  VirtualClock clock;           ///< in fast mode
   Hardware hardware;
 };
 
@@ -39,8 +42,11 @@ constexpr char rootVariable[] = "UMOCKDEV_DIR";
 
 /// Puts the instrument of the given state file behind this process, which has umockdev's directory,
 /// the parent directory of the file, in its environment. Ends the process with one line on standard
-/// error when the simulated /sys is not in place.
-void attach(const char* stateFile);
+/// error if it cannot.
+State& attach(const char* stateFile);
+
+/// Ends the process with one line on standard error when the simulated /sys is not in place.
+void requireTree();
 
 /// Takes the instrument away again, if there is one.
 void detach();

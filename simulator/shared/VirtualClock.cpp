@@ -148,6 +148,7 @@ bool look(VirtualClock& clock) {
 }
 
 void stayAwake(Participant& thread) {
+  thread.waits = false;
   thread.asleep = 0;
   thread.leftOut = false;
   thread.grace = firstGrace;
@@ -179,11 +180,36 @@ void wake(VirtualClock& clock, Participant& sleeper, const Participant& self) {
   }
 }
 
+/// Whether a sleeper that waits for something may just have got it.
+bool hasRun(Participant& waiting) {
+  const auto activity = activityOf(waiting);
+  if (!activity) {
+    release(waiting);
+    return false;
+  }
+  const bool ran = activity->ran != waiting.ran || !isWaiting(*activity);
+  waiting.ran = activity->ran;
+  return ran;
+}
+
+/// Whether the next sleeper would sleep on after the end of another thread's wait.
+bool passesWait(VirtualClock& clock) {
+  const std::int64_t time = nextSleeper(clock)->wakeAt;
+  return std::any_of(begin(clock), end(clock), [&](const Participant& place) {
+    return isAwake(place) && place.waits && place.waitsUntil < time;
+  });
+}
+
 /// Wakes the next sleeper if nobody holds the clock.
 void advance(VirtualClock& clock, const Participant& self) {
   if (std::none_of(begin(clock), end(clock), holdsClock) &&
       std::none_of(begin(clock), end(clock),
-                   [](Participant& place) { return isAwake(place) && isBack(place); })) {
+                   [](Participant& place) { return isAwake(place) && isBack(place); }) &&
+      std::none_of(begin(clock), end(clock),
+                   [&](Participant& place) {
+                     return &place != &self && place.asleep != 0 && place.waits && hasRun(place);
+                   }) &&
+      !passesWait(clock)) {
     wake(clock, *nextSleeper(clock), self);
   }
 }
@@ -198,7 +224,7 @@ void serve(VirtualClock& clock, const Participant& self) {
   if (self.asleep != 0 && look(clock)) {
     advance(clock, self);
   }
-  while (self.asleep != 0 && isHeldTooLong(clock, self)) {
+  while (self.asleep != 0 && isHeldTooLong(clock, self) && !passesWait(clock)) {
     wake(clock, *nextSleeper(clock), self);
   }
 }
@@ -375,6 +401,53 @@ void waitForFirstTurn(Participant* place) {
     signals.waitWith(signals.before, *place);
     serve(Locked()->clock, *place);
   }
+}
+
+TimedWait::TimedWait(Source waitsFor, std::int64_t duration) : source(waitsFor) {
+  const Locked state;
+  end = hostNanoseconds() + state->clock.skipped + duration;
+  place = placeOf(state->clock, getpid(), gettid());
+  if (place == nullptr) {
+    endProcess("more than " + std::to_string(participantCount) + " threads on the instrument");
+  }
+  if (source == Source::threads) {
+    fallAsleep(state->clock, *place, duration / 1000, duration);
+  }
+  place->waitsUntil = state->clock.slept + duration / 1000;
+  place->ran = 0;
+  place->waits = true;
+}
+
+TimedWait::~TimedWait() {
+  if (attached()) {
+    const int error = errno;
+    const Locked state;
+    stayAwake(*place);
+    errno = error;
+  }
+}
+
+bool TimedWait::isOver() {
+  if (!isVirtual()) {
+    return left() == 0;
+  }
+  const Locked state;
+  if (source == Source::threads) {
+    if (place->asleep != 0) {
+      serve(state->clock, *place);
+    }
+    return place->asleep == 0;
+  }
+  const bool over = hostNanoseconds() + state->clock.skipped >= end;
+  if (over) {
+    state->clock.slept = std::max(state->clock.slept.load(), place->waitsUntil);
+  }
+  return over;
+}
+
+std::int64_t TimedWait::left() const {
+  const std::int64_t skipped = attached() ? state()->clock.skipped.load() : 0;
+  return std::max<std::int64_t>(end - hostNanoseconds() - skipped, 0);
 }
 
 bool sleepVirtually(std::int64_t duration, std::int64_t programDuration, const sigset_t* mask) {

@@ -23,6 +23,9 @@ struct Participant {
   pid_t thread;                       ///< zero until a new one has begun
   std::atomic<std::uint32_t> asleep;  ///< 1 or 0; sleepers wait for it as a futex
 
+  bool waits;               ///< for something, until a time at most
+  std::int64_t waitsUntil;  ///< of one that is awake: instrument's clock, microseconds
+
   // Of one that sleeps.
   std::int64_t wakeAt;        ///< instrument's clock, microseconds
   std::int64_t programTime;   ///< program's monotonic clock at the end, nanoseconds
@@ -69,8 +72,36 @@ void giveBack(Participant* place);
 void waitForFirstTurn(Participant* place);
 
 /// Sleeps on the virtual clock: `duration`, microseconds, on the instrument's, and
-/// `programDuration`, nanoseconds, on the program's. With `signals`, these are blocked meanwhile
+/// `programDuration`, nanoseconds, on the program's. With `mask`, its signals are blocked meanwhile
 /// instead of those that are. False when a signal handler has run before the end.
 bool sleepVirtually(std::int64_t duration, std::int64_t programDuration, const sigset_t* mask);
+
+/// While one exists, this thread waits for something until a time at most. The host's kernel knows
+/// nothing of the clock, so the thread waits in slices, and asks after each whether the end has
+/// come. Requires a virtual clock.
+class TimedWait {
+ public:
+  enum class Source {
+    threads,  ///< it waits for threads that take part: the clock moves to the end when all sleep
+    outside,  ///< or for anything: the clock does not pass the end before it has come by itself
+  };
+  static constexpr std::int64_t slice = 5000000;  ///< nanoseconds
+
+  /// `duration` is nanoseconds.
+  TimedWait(Source source, std::int64_t duration);
+  ~TimedWait();
+  TimedWait(const TimedWait&) = delete;
+  TimedWait& operator=(const TimedWait&) = delete;
+
+  bool isOver();
+
+  /// What is left on the program's clock, nanoseconds, if nothing moves it.
+  std::int64_t left() const;
+
+ private:
+  Source source;
+  std::int64_t end;  ///< program's monotonic clock, nanoseconds
+  Participant* place;
+};
 
 }  // namespace simulator
