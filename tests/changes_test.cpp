@@ -492,6 +492,18 @@ TEST(Fabric, LatchesALinkThatIsLostByTheWay) {
   }
 }
 
+TEST(Fabric, KeepsALinkThatIsNotToBeLost) {
+  Instrument instrument(
+      "[pci]\n[pci port1]\nlink-lost-after=2\n[at 1 for 3]\npci port1 link=down\n");
+  EXPECT_EQ(pci_system_init(), 0);
+  usleep(1500000);
+  instrument.set({"pci port1 link-lost-after=never"});
+  usleep(2000000);
+  EXPECT_EQ(readRegister("02:01.0", 0x78), "0") << "for three seconds";
+  usleep(1000000);
+  EXPECT_EQ(readRegister("02:01.0", 0x78), upAndTrained) << "and then as before";
+}
+
 TEST(Fabric, LosesPrbsSyncAlone) {
   Instrument instrument("[pci]\n[at 1]\npci port1 prbs=no-sync\n");
   PCIeDiagnostics diagnostics;

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -212,7 +211,8 @@ void setSetting(Change& change, const Setting& setting) {
 void changeAt(Hardware& hardware, std::int64_t time, const Setting& setting) {
   for (std::size_t index = 0; index < hardware.changesUsed; ++index) {
     Change& change = hardware.changes[index];
-    if (change.at >= 0 && setting.group == change.group && setting.key == change.key &&
+    const bool lasts = change.at >= 0 && change.duration == 0;
+    if (lasts && setting.group == change.group && setting.key == change.key &&
         setting.value == change.value) {
       change.phase = Phase::over;
     }

@@ -43,8 +43,8 @@ Change& newChange(Hardware& hardware);
 
 void setSetting(Change& change, const Setting& setting);
 
-/// Gives a key a value at a time, in place of another time at which it was to have it; never for a
-/// negative time.
+/// Gives a key a value for ever from a time on, in place of another time at which it was to have
+/// it; never for a negative time.
 void changeAt(Hardware& hardware, std::int64_t time, const Setting& setting);
 
 /// When the next change is due that comes with time; the largest number for never.

@@ -303,10 +303,7 @@ WriteRule ruleFor(PciPlace place, std::uint32_t word) {
     return {0, ~0U};
   }
   // A control register and, in the upper half, its status.
-  if (word == PCI_COMMAND) {
-    return {0xF9000000, 0x06FF0000};
-  }
-  if (word == (PCI_SEC_STATUS & ~3U)) {
+  if (word == PCI_COMMAND || word == (PCI_SEC_STATUS & ~3U)) {
     return {0xF9000000, 0x06FF0000};
   }
   if (word == layout.pcie + PCI_EXP_DEVCTL) {

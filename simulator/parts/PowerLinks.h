@@ -32,6 +32,7 @@ bool isUp(const State& state, std::uint32_t module);
 /// Whether the clock source of a module is on.
 bool hasClock(const Hardware& hardware, std::uint32_t module);
 
+/// Switches it, with what follows for the module's link; nothing for a number that is no slot's.
 void switchClock(State& state, std::uint32_t module, bool on);
 
 /// Takes up the lines of modules that have appeared, and what the enable lines say.
