@@ -35,7 +35,6 @@ bool isSanitized() {
 void takePartAtOnce(pthread_t thread) {
   clockid_t clock{};
   if (simulator::isVirtual() && pthread_getcpuclockid(thread, &clock) == 0) {
-    simulator::takePart(getpid(), gettid());
     simulator::takePart(getpid(), ~(clock >> 3));
   }
 }
@@ -56,6 +55,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
                    void* argument) noexcept {
   static const auto real = next(&pthread_create, "pthread_create");
   if (!simulator::isVirtual() || isSanitized()) {
+    simulator::takePart(getpid(), gettid());  // before the new one, whose sleep might end at once
     const int error = real(thread, attributes, routine, argument);
     if (error == 0) {
       takePartAtOnce(*thread);
