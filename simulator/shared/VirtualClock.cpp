@@ -112,6 +112,10 @@ bool isBack(Participant& thread) {
 /// the machine, which does not run it.
 bool lookAt(Participant& thread) {
   const auto activity = activityOf(thread);
+  if (!activity && thread.grace > 1) {
+    thread.grace = 1;  // who waits for its end may not be awake yet
+    return false;
+  }
   if (!activity) {
     release(thread);
     return false;
