@@ -277,7 +277,7 @@ TEST(TalveroBist, ReportsEveryFaultAndNoOther) {
 TEST(TalveroBist, ShowsAndSwitchesSlots) {
   const json slots = json::parse(bist("full", "slots --json").output)["slots"];
   EXPECT_EQ(slots[1], json::parse(R"({"slot": 1, "present": true, "on": true, "linkUp": true,
-      "controller": "/sys/devices/i2c-2/i2c-11/i2c-30/30-0041/gpio/gpiochip520"})"));
+      "controller": "/sys/devices/i2c-2/i2c-11/i2c-30/30-0041/gpio/gpiochip516"})"));
   EXPECT_EQ(slots[0]["controller"], nullptr);
   EXPECT_EQ(slots[5]["linkUp"], false);
 
@@ -306,7 +306,7 @@ TEST(TalveroBist, ShowsAndSwitchesSlots) {
 TEST(TalveroBist, ShowsTheTopologyOfAModule) {
   EXPECT_EQ(json::parse(bist("full", "topology 2 --json").output)["topology"], json::parse(R"({
     "module": 2, "topBus": "i2c-12", "systemBus": "i2c-32", "solutionBus": "i2c-33",
-    "is2k4k": false, "expander": "/sys/devices/i2c-2/i2c-12/i2c-32/32-0041/gpio/gpiochip524"})"));
+    "is2k4k": false, "expander": "/sys/devices/i2c-2/i2c-12/i2c-32/32-0041/gpio/gpiochip520"})"));
   EXPECT_THAT(bist("full", "topology 3").output,
               HasSubstr("  device tree   does not describe it  FAIL\n"
                         "  top bus       -\n"
@@ -574,7 +574,7 @@ TEST(TalveroBist, SetsUpTheShimSwitchAndTheTransmitter) {
   EXPECT_EQ(shim.status, 0);
   EXPECT_THAT(shim.output, HasSubstr("Module Downstream: 5"));
   EXPECT_EQ(json::parse(bist(file, "shim 1 --json").output)["messages"].back(), json::parse(R"({
-      "section": "shim", "module": 1, "text": "Could not find device: 15"})"));
+      "section": "shim", "module": 1, "text": "Could not find device: 9"})"));
   const struct {
     const char* setting;
     int status;

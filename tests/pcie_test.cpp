@@ -25,12 +25,12 @@ constexpr PCIeDownstreamPorts allPorts[] = {DownstreamPort1, DownstreamPort5, Do
 
 // The shim switch is on module 1, behind DownstreamPort9.
 const char* const portAddresses[] = {"0000:02:01.0", "0000:02:05.0", "0000:02:07.0",
-                                     "0000:02:09.0", "0000:10:01.0", "0000:10:05.0"};
+                                     "0000:02:09.0", "0000:07:01.0", "0000:07:05.0"};
 
 const std::string rootAddress = "0000:00:00.0";
 
 std::string upstreamAddress(PCIeDownstreamPorts port) {
-  return port < ShimPort1 ? "0000:01:00.0" : "0000:0f:00.0";
+  return port < ShimPort1 ? "0000:01:00.0" : "0000:06:00.0";
 }
 
 /// The start of the description of the port's switch.
@@ -281,8 +281,8 @@ TEST(PortBits, PrintEachLineAroundItsAccessAndFlushIt) {
   diagnostics.setupShimSwitch(1);
   EXPECT_THAT(timeline.take(),
               ElementsAre("Module Downstream: 9\n", "pci find 0000:02:09.0",
-                          "pci buses 0000:02:09.0", "primary: 2 secondary: 15 subordinate: 18\n",
-                          "pci find 0000:0f:00.0: ENODEV", "Could not find device: 15\n"));
+                          "pci buses 0000:02:09.0", "primary: 2 secondary: 6 subordinate: 9\n",
+                          "pci find 0000:06:00.0: ENODEV", "Could not find device: 6\n"));
 }
 
 /// Calls every operation that takes a port.
@@ -742,18 +742,18 @@ TEST(ShimSwitch, IsFoundBehindTheModulesPort) {
   diagnostics.setupShimSwitch(1);
   EXPECT_EQ(console.output(),
             "Module Downstream: 9\n"
-            "primary: 2 secondary: 15 subordinate: 18\n"
-            "shim_primary: 15 shim_secondary: 16 shim_subordinate: 18\n"
-            "shim_primary: 16 shim_secondary: 17 shim_subordinate: 17\n"
-            "shim_primary: 16 shim_secondary: 18 shim_subordinate: 18\n");
+            "primary: 2 secondary: 6 subordinate: 9\n"
+            "shim_primary: 6 shim_secondary: 7 shim_subordinate: 9\n"
+            "shim_primary: 7 shim_secondary: 8 shim_subordinate: 8\n"
+            "shim_primary: 7 shim_secondary: 9 shim_subordinate: 9\n");
   EXPECT_THAT(instrument.takeTrace(),
               ElementsAreArray(
-                  join({{"pci find 0000:02:09.0", "pci buses 0000:02:09.0", "pci find 0000:0f:00.0",
-                         "pci buses 0000:0f:00.0", "pci find 0000:10:01.0", "pci find 0000:10:05.0",
-                         "pci buses 0000:10:01.0", "pci buses 0000:10:05.0"},
-                        bridgeSetUp("0000:0f:00.0"),
-                        bridgeSetUp("0000:10:01.0"),
-                        bridgeSetUp("0000:10:05.0")})));
+                  join({{"pci find 0000:02:09.0", "pci buses 0000:02:09.0", "pci find 0000:06:00.0",
+                         "pci buses 0000:06:00.0", "pci find 0000:07:01.0", "pci find 0000:07:05.0",
+                         "pci buses 0000:07:01.0", "pci buses 0000:07:05.0"},
+                        bridgeSetUp("0000:06:00.0"),
+                        bridgeSetUp("0000:07:01.0"),
+                        bridgeSetUp("0000:07:05.0")})));
   EXPECT_EQ(console.errors(), "");
   EXPECT_TRUE(diagnostics.shimUpstreamFound);
   EXPECT_NE(diagnostics.shimUpstreamPort, nullptr);
@@ -795,13 +795,13 @@ TEST(ShimSwitch, SaysWhereTheWalkEnds) {
       {1, "[pci port9]\nclass=0x028000", 1, "Device was not a bridge\n", {}},
       {1, "[pci port9]\nclass=0x060000", 2, "Could not find device: -1\n", {}},
       {1, "[pci port9]\nclass=0x068000", 2, "Could not find device: -1\n", {}},
-      {1, "[pci shim]\npresent=no", 2, "Could not find device: 15\n", {}},
+      {1, "[pci shim]\npresent=no", 2, "Could not find device: 6\n", {}},
       {0, "", 2, "Could not find device: 3\n", {}},
-      {2, "", 2, "Could not find device: 11\n", {}},
-      {3, "", 2, "Could not find device: 7\n", {}},
+      {2, "", 2, "Could not find device: 5\n", {}},
+      {3, "", 2, "Could not find device: 4\n", {}},
       {1, "[pci shim]\nclass=0x028000", 2, "Device was not a bridge\n", {true}},
-      {1, "[pci shim-port1]\npresent=no", 3, "Could not find device: 16.1\n", {true, false, true}},
-      {1, "[pci shim-port5]\npresent=no", 3, "Could not find device: 16.5\n", {true, true, false}},
+      {1, "[pci shim-port1]\npresent=no", 3, "Could not find device: 7.1\n", {true, false, true}},
+      {1, "[pci shim-port5]\npresent=no", 3, "Could not find device: 7.5\n", {true, true, false}},
       {1, "[pci shim-port1]\nclass=0x028000", 3, "Device was not a bridge\n", {true, true, true}},
       {1, "[pci shim-port5]\nclass=0x028000", 4, "Device was not a bridge\n", {true, true, true}},
   };

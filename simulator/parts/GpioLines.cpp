@@ -75,8 +75,9 @@ void setExported(State& state, GpioLine& line, bool exported) {
 }
 
 const GpioLine* find(const Hardware& hardware, long wanted) {
+  const auto number = static_cast<std::uint32_t>(wanted);  // of the kernel's numbers, too
   const GpioLine* const line =
-      wanted >= 0 && wanted < 0x10000 ? lineOf(hardware, static_cast<int>(wanted)) : nullptr;
+      number < 0x10000 ? lineOf(hardware, static_cast<int>(number)) : nullptr;
   return line != nullptr && line->condition != Condition::missing ? line : nullptr;
 }
 
@@ -118,9 +119,6 @@ int unexportLine(State& state, const std::string& text) {
 int storeDirection(GpioLine& line, const std::string& text) {
   if (text != "in" && text != "out" && text != "low" && text != "high") {
     return EINVAL;
-  }
-  if (text != "in" && line.edge != Edge::none) {
-    return EIO;  // the line is an interrupt
   }
   line.output = text != "in";
   line.driven = text == "high";

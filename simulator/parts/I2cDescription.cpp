@@ -43,6 +43,15 @@ constexpr Key<I2cDevice> moduleKeys[] = {
 
 std::string busName(unsigned int bus) { return "i2c-" + std::to_string(bus); }
 
+unsigned int busNumber(const std::string& name) {
+  static const auto& pattern = *new std::regex("i2c-(0|[1-9][0-9]{0,3})");
+  std::smatch match;
+  if (!std::regex_match(name, match, pattern)) {
+    throw mustBe("a bus such as i2c-9", name);
+  }
+  return number(match[1]);
+}
+
 /// The device of a name such as "0-0074", which is a new one at its first mention.
 I2cDevice& device(Hardware& hardware, const std::string& name) {
   static const auto& pattern = *new std::regex("(0|[1-9][0-9]{0,3})-([0-9a-f]{4})");
@@ -128,17 +137,18 @@ void setMux(Hardware& hardware, const std::string& instance, const std::string& 
   if (key == "present") {
     return setKey(deviceKeys, mux, key, value);
   }
-  static const auto& pattern = *new std::regex("i2c-(0|[1-9][0-9]{0,3})");
-  std::smatch match;
-  if (!std::regex_match(value, match, pattern)) {
-    throw mustBe("a bus such as i2c-9", value);
-  }
   const std::uint32_t channel = number(key);
   if (channel >= std::size(mux.channels)) {
     throw std::runtime_error("not a channel number from 0 to " +
                              std::to_string(std::size(mux.channels) - 1));
   }
-  const std::uint32_t bus = number(match[1]);
+  const unsigned int bus = busNumber(value);
+  const auto* const adapter = std::find_if(
+      std::begin(hardware.i2cBuses), std::end(hardware.i2cBuses),
+      [bus](const I2cBus& described) { return described.described && described.bus == bus; });
+  if (adapter != std::end(hardware.i2cBuses)) {
+    throw std::runtime_error(busName(bus) + " has an adapter of its own");
+  }
   const I2cDevice::Channel before = std::exchange(mux.channels[channel], {});
   try {
     if (i2c::muxBefore(hardware, bus) != nullptr) {
@@ -259,7 +269,8 @@ void addDriver(const std::string& directory, const char* driver, Tree& tree) {
 
 /// A bus, with those that lead to it.
 void addBus(const std::string& directory, Tree& tree) {
-  if (directory != "/sys/devices" && tree.count(directory + "/name") == 0) {
+  const bool isBus = directory.compare(directory.rfind('/'), 5, "/i2c-") == 0;
+  if (isBus && tree.count(directory + "/name") == 0) {
     addBus(directory.substr(0, directory.rfind('/')), tree);
     addToSubsystem(directory, "simulated bus", tree);
   }
@@ -326,11 +337,11 @@ int freeBase(const Hardware& hardware) {
 
 /// Numbers the lines of chips that have appeared and takes the numbers of those that are gone.
 void numberChips(State& state) {
-  std::map<std::string, I2cDevice*> appeared;  // in the order of their names
+  std::map<std::vector<unsigned int>, I2cDevice*> appeared;  // as the kernel finds them
   for (I2cDevice& device : state.hardware.i2cDevices) {
     const bool has = hasChip(state.hardware, device);
     if (has && device.gpioBase == 0) {
-      appeared[i2c::nameOf(device)] = &device;
+      appeared[i2c::placeOf(state.hardware, device)] = &device;
     } else if (!has && device.gpioBase != 0) {
       device.gpioBase = 0;
       for (GpioLine& line : device.lines) {
@@ -341,12 +352,56 @@ void numberChips(State& state) {
       }
     }
   }
-  for (const auto& [name, device] : appeared) {
+  for (const auto& [place, device] : appeared) {
     device->gpioBase = freeBase(state.hardware);
   }
 }
 
+/// The bus of a name such as "i2c-2", which is a new one at its first mention.
+I2cBus& bus(Hardware& hardware, const std::string& name) {
+  const unsigned int number = busNumber(name);
+  if (i2c::muxBefore(hardware, number) != nullptr) {
+    throw std::runtime_error("is behind a multiplexer, whose adapter it has");
+  }
+  for (I2cBus& bus : hardware.i2cBuses) {
+    if (!bus.described || bus.bus == number) {
+      bus.described = true;
+      bus.bus = number;
+      return bus;
+    }
+  }
+  throw std::runtime_error("more than " + std::to_string(i2cBusCount) + " described buses");
+}
+
+void beginBus(Hardware& hardware, const std::string& instance) { bus(hardware, instance); }
+
+void setBus(Hardware& hardware, const std::string& instance, const std::string& key,
+            const std::string& value) {
+  static const auto& pattern = *new std::regex("[A-Za-z0-9@_.,:-]+(/[A-Za-z0-9@_.,:-]+)*");
+  if (key != "parent") {
+    throw unknownKey();
+  }
+  if (!value.empty() &&
+      (!std::regex_match(value, pattern) || value.find("..") != std::string::npos)) {
+    throw mustBe("a directory below /sys/devices such as platform/30a40000.i2c", value);
+  }
+  I2cBus& result = bus(hardware, instance);
+  setText(result.parent, sizeof result.parent, value);
+}
+
+Entries describeBuses(const Hardware& hardware) {
+  Entries entries;
+  for (const I2cBus& bus : hardware.i2cBuses) {
+    if (bus.described) {
+      entries.push_back({busName(bus.bus), "", ""});
+      entries.push_back({busName(bus.bus), "parent", bus.parent});
+    }
+  }
+  return entries;
+}
+
 constexpr Group groups[] = {
+    {"bus", true, beginBus, setBus, describeBuses},
     {"mux", true, begin<Kind::multiplexer>, setMux, describeMuxes},
     {"expander", true, begin<Kind::expander>, setExpander, describeExpanders},
     {"module", true, begin<Kind::module>, setModule, describeModules},

@@ -16,9 +16,19 @@ constexpr std::size_t idProperty = 0;
 constexpr std::size_t topProperty = 1;
 constexpr std::size_t systemProperty = 2;
 
+/// Below which a bus is that no multiplexer leads to.
+std::string adapterOf(const Hardware& hardware, unsigned int bus) {
+  for (const I2cBus& described : hardware.i2cBuses) {
+    if (described.described && described.bus == bus && described.parent[0] != '\0') {
+      return std::string("/sys/devices/") + described.parent;
+    }
+  }
+  return "/sys/devices";
+}
+
 std::string busDirectory(const Hardware& hardware, unsigned int bus) {
   const I2cDevice* const mux = muxBefore(hardware, bus);
-  return (mux == nullptr ? "/sys/devices" : busDirectory(hardware, mux->bus)) + "/i2c-" +
+  return (mux == nullptr ? adapterOf(hardware, bus) : busDirectory(hardware, mux->bus)) + "/i2c-" +
          std::to_string(bus);
 }
 
@@ -32,6 +42,14 @@ std::optional<unsigned int> busBehind(const Hardware& hardware, unsigned int bus
     }
   }
   return std::nullopt;
+}
+
+/// The channel of a multiplexer that leads to a bus. Requires one.
+unsigned int channelTo(const I2cDevice& mux, unsigned int bus) {
+  const auto* const channel =
+      std::find_if(std::begin(mux.channels), std::end(mux.channels),
+                   [bus](const auto& other) { return other.given && other.bus == bus; });
+  return static_cast<unsigned int>(channel - mux.channels);
 }
 
 /// The bus that a module's expander is on.
@@ -57,6 +75,17 @@ std::string nameOf(const I2cDevice& device) {
 
 std::string directoryOf(const Hardware& hardware, const I2cDevice& device) {
   return busDirectory(hardware, device.bus) + "/" + nameOf(device);
+}
+
+std::vector<unsigned int> placeOf(const Hardware& hardware, const I2cDevice& device) {
+  const I2cDevice* const mux = muxBefore(hardware, device.bus);
+  std::vector<unsigned int> place = {device.bus};
+  if (mux != nullptr) {
+    place = placeOf(hardware, *mux);
+    place.push_back(channelTo(*mux, device.bus));
+  }
+  place.push_back(device.address);
+  return place;
 }
 
 bool isThere(const Hardware& hardware, const I2cDevice& device) {

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "simulator/shared/Hardware.h"
 
@@ -14,6 +15,10 @@ std::string nameOf(const I2cDevice& device);
 
 /// Where the kernel shows a device.
 std::string directoryOf(const Hardware& hardware, const I2cDevice& device);
+
+/// The way to a device: its first bus, then the address and channel of each multiplexer, then its
+/// own address. The kernel finds the devices in the order of these.
+std::vector<unsigned int> placeOf(const Hardware& hardware, const I2cDevice& device);
 
 /// Whether the kernel shows a device: neither it nor a multiplexer before it has been pulled.
 bool isThere(const Hardware& hardware, const I2cDevice& device);

@@ -33,12 +33,11 @@ void setClassCode(PciDevice& device, std::uint32_t code) {
   pci::putBits(device, PCI_CLASS_REVISION, code << 8, true);
 }
 
-void describeDevice(PciDevice (&devices)[pciPlaceCount], PciPlace place, PciPlace above, int bus,
-                    int number, int secondary, int subordinate) {
+void describeDevice(PciDevice (&devices)[pciPlaceCount], PciPlace place, PciPlace above,
+                    int number) {
   PciDevice& device = devices[place];
   device = {};
   device.described = true;
-  device.bus = static_cast<std::uint8_t>(bus);
   device.device = static_cast<std::uint8_t>(number);
   device.above = above;
   device.linkUp = true;
@@ -48,29 +47,39 @@ void describeDevice(PciDevice (&devices)[pciPlaceCount], PciPlace place, PciPlac
   put(device, PCI_VENDOR_ID, vendorId);
   put(device, PCI_DEVICE_ID, static_cast<std::uint16_t>(firstDeviceId + place));
   setClassCode(device, bridgeClass);
-  put(device, PCI_PRIMARY_BUS, device.bus);
-  put(device, PCI_SECONDARY_BUS, static_cast<std::uint8_t>(secondary));
-  put(device, PCI_SUBORDINATE_BUS, static_cast<std::uint8_t>(subordinate));
+}
+
+/// Numbers the bus below a bridge and those behind it from `bus` on, as the kernel does: each way
+/// to its end before the next. Returns the last one.
+int numberBuses(PciDevice (&devices)[pciPlaceCount], PciPlace bridge, int bus) {
+  int last = bus;
+  for (unsigned int index = bridge + 1; index < pciPlaceCount; ++index) {
+    const auto place = static_cast<PciPlace>(index);
+    if (devices[place].described && devices[place].above == bridge) {
+      devices[place].bus = static_cast<std::uint8_t>(bus);
+      last = numberBuses(devices, place, last + 1);
+    }
+  }
+  put(devices[bridge], PCI_PRIMARY_BUS, devices[bridge].bus);
+  put(devices[bridge], PCI_SECONDARY_BUS, static_cast<std::uint8_t>(bus));
+  put(devices[bridge], PCI_SUBORDINATE_BUS, static_cast<std::uint8_t>(last));
+  return last;
 }
 
 /// The fabric without a shim switch, everything present and in order.
 void beginPci(Hardware& hardware, const std::string& /*instance*/) {
-  constexpr int busesBehindPort = 4;
-  constexpr int firstBus = 3;
   constexpr int deviceNumbers[] = {1, 5, 7, 9};  // from port1 on
-  constexpr int ports = static_cast<int>(std::size(deviceNumbers));
-  constexpr int last = firstBus + ports * busesBehindPort - 1;
   if (hardware.pciSystem) {
     return;
   }
   hardware.pciSystem = true;
-  describeDevice(hardware.pci, rootPort, rootPort, 0, 0, 1, last);
-  describeDevice(hardware.pci, switchUpstream, rootPort, 1, 0, 2, last);
-  for (int port = 0; port < ports; ++port) {
-    const int bus = firstBus + port * busesBehindPort;
-    describeDevice(hardware.pci, static_cast<PciPlace>(port1 + static_cast<unsigned int>(port)),
-                   switchUpstream, 2, deviceNumbers[port], bus, bus + busesBehindPort - 1);
+  describeDevice(hardware.pci, rootPort, rootPort, 0);
+  describeDevice(hardware.pci, switchUpstream, rootPort, 0);
+  for (std::size_t port = 0; port < std::size(deviceNumbers); ++port) {
+    describeDevice(hardware.pci, static_cast<PciPlace>(port1 + port), switchUpstream,
+                   deviceNumbers[port]);
   }
+  numberBuses(hardware.pci, rootPort, 1);
 }
 
 void setPci(Hardware& hardware, const std::string& /*instance*/, const std::string& key,
@@ -86,10 +95,10 @@ void setPci(Hardware& hardware, const std::string& /*instance*/, const std::stri
     throw std::runtime_error("stays as it is while the instrument runs");
   }
   const PciPlace port = modulePorts[module];
-  const int bus = hardware.pci[port].config[PCI_SECONDARY_BUS];
-  describeDevice(hardware.pci, shimUpstream, port, bus, 0, bus + 1, bus + 3);
-  describeDevice(hardware.pci, shimPort1, shimUpstream, bus + 1, 1, bus + 2, bus + 2);
-  describeDevice(hardware.pci, shimPort5, shimUpstream, bus + 1, 5, bus + 3, bus + 3);
+  describeDevice(hardware.pci, shimUpstream, port, 0);
+  describeDevice(hardware.pci, shimPort1, shimUpstream, 1);
+  describeDevice(hardware.pci, shimPort5, shimUpstream, 5);
+  numberBuses(hardware.pci, rootPort, 1);
 }
 
 Entries describePci(const Hardware& hardware) {
@@ -249,7 +258,10 @@ void addDevice(const PciDevice& device, Tree& tree) {
   addFile(tree, directory + "/config", std::string(sizeof device.config, '\0'), 0644);
   add("/vendor", load<std::uint16_t>(device, PCI_VENDOR_ID));
   add("/device", load<std::uint16_t>(device, PCI_DEVICE_ID));
-  add("/class", load<std::uint32_t>(device, PCI_CLASS_REVISION) >> 8);
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%06x\n",
+                load<std::uint32_t>(device, PCI_CLASS_REVISION) >> 8);
+  addFile(tree, directory + "/class", text);
   add("/revision", device.config[PCI_REVISION_ID]);
   add("/subsystem_vendor", 0);
   add("/subsystem_device", 0);

@@ -217,6 +217,10 @@ std::optional<ssize_t> writeAttribute(int fd, const iovec* texts, int count, off
   const std::size_t size = attribute.path->attributes->size;
   const bool atPosition = offset < 0 && size != 0;
   const off_t place = atPosition ? position(fd, 0) : offset;
+  if (size != 0 && place >= static_cast<off_t>(size) && !text.empty()) {
+    errno = EFBIG;
+    return -1;
+  }
   if (size != 0) {  // no more than there is
     text.resize(std::min(text.size(), size - std::min(size, static_cast<std::size_t>(place))));
   }

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -46,7 +47,7 @@ int streamFlags(const char* mode) {
   if (std::strchr(mode, '+') != nullptr) {
     flags = O_RDWR;
   }
-  return flags;
+  return mode[0] == 'r' ? flags : flags | O_CREAT;
 }
 
 std::string contentOf(const SysfsPath& path) {
@@ -57,14 +58,26 @@ std::string contentOf(const SysfsPath& path) {
   return content.str();
 }
 
-/// Opens a plain file below /sys by `real`. Its attributes are read-only, and nobody creates one.
+/// Why the kernel lets nobody write to a plain file below /sys: it is read-only, and nobody creates
+/// one.
+int refusalOfWriting(const SysfsPath& path, int flags) {
+  const simulator::Nested nested;
+  std::error_code error;
+  const auto kind = std::filesystem::status(simulator::treePath(path), error).type();
+  const bool missing = kind == std::filesystem::file_type::not_found;
+  return kind == std::filesystem::file_type::directory ? EISDIR
+         : missing && (flags & O_CREAT) == 0           ? ENOENT
+                                                       : EACCES;
+}
+
+/// Opens a plain file below /sys by `real`.
 template <typename Open>
 int openPlain(const SysfsPath& path, int flags, Open real) {
   if (simulator::nested()) {
     return real(simulator::treePath(path).c_str());
   }
   const bool writing = (flags & O_ACCMODE) != O_RDONLY;
-  int error = writing ? EACCES : simulator::admit("open " + path.full);
+  int error = writing ? refusalOfWriting(path, flags) : simulator::admit("open " + path.full);
   const int readError = writing ? 0 : simulator::admit("read " + path.full);
   const int fd = error != 0 ? -1 : real(simulator::treePath(path).c_str());
   if (fd < 0) {

@@ -42,6 +42,15 @@ std::string accessText(const char* name, const pci_device& device, std::uint32_t
          hex(offset);
 }
 
+/// Reads without a trace.
+void readBytes(const pci_device& device, void* bytes, std::uint32_t offset, std::uint32_t size) {
+  for (std::uint32_t done = 0; done < size; ++done) {
+    std::uint32_t byte = 0;
+    pci::read(*Locked(), device.bus, device.dev, offset + done, 1, byte);
+    static_cast<std::uint8_t*>(bytes)[done] = static_cast<std::uint8_t>(byte);
+  }
+}
+
 template <typename Value>
 int readValue(const pci_device* device, Value* value, pciaddr_t place) {
   requireInstrument("PCI configuration space");
@@ -55,6 +64,8 @@ int readValue(const pci_device* device, Value* value, pciaddr_t place) {
   traceResult(error == 0 ? text + " " + hex(read) : text, error);
   if (error == 0) {
     *value = static_cast<Value>(read);
+  } else if (offset < configSize && offset + sizeof(Value) > configSize) {
+    readBytes(*device, value, offset, configSize - offset);  // the kernel's short reading
   }
   return error;
 }
@@ -161,6 +172,7 @@ int pci_device_cfg_read(pci_device* device, void* data, pciaddr_t offset, pciadd
   for (; count < size && error == 0; count += error == 0 ? 1 : 0) {
     error = simulator::readValue(device, bytes + count, offset + count);
   }
+  error = offset + count >= simulator::configSize ? 0 : error;  // its end is none
   if (done != nullptr) {
     *done = count;
   }

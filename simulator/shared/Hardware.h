@@ -71,6 +71,15 @@ struct I2cDevice {
 
 constexpr std::size_t i2cDeviceCount = 128;
 
+/// Where a bus is that no multiplexer leads to.
+struct I2cBus {
+  bool described;
+  unsigned int bus;
+  char parent[textSize];  ///< its adapter's directory below /sys/devices; empty for that itself
+};
+
+constexpr std::size_t i2cBusCount = 32;
+
 /// The power of a module, as its GPIO links below /sys/platform show it.
 struct PowerSequence {
   bool present;  ///< the module has links
@@ -117,6 +126,9 @@ static_assert(std::size(pciPlaceNames) == pciPlaceCount, "each place has a name"
 /// The main switch's ports by the modules that they lead to.
 constexpr PciPlace modulePorts[] = {port1, port9, port7, port5};
 
+/// Bytes of a configuration space.
+constexpr std::uint32_t configSize = 4096;
+
 /// A device of the PCI Express fabric, function 0 in domain 0.
 struct PciDevice {
   bool described;
@@ -144,9 +156,9 @@ struct PciDevice {
   std::uint32_t prbsErrorsPerSecond;
   std::int64_t prbsSince;
 
-  std::uint8_t config[4096];
-  std::uint8_t afterReset[4096];  ///< configuration space when the instrument started
-  std::uint8_t stuck[4096];       ///< bits that no write changes
+  std::uint8_t config[configSize];
+  std::uint8_t afterReset[configSize];  ///< configuration space when the instrument started
+  std::uint8_t stuck[configSize];       ///< bits that no write changes
 };
 
 /// Faults that a description switches on by name.
@@ -205,6 +217,7 @@ struct Hardware {
   std::int64_t time;  ///< of what is being described or changed
   GpioLine lines[boardLineCount];
   I2cDevice i2cDevices[i2cDeviceCount];
+  I2cBus i2cBuses[i2cBusCount];
   PowerSequence power[moduleCount];
   ClockSource clocks[moduleCount];
   bool pciSystem;  ///< there is a PCI bus at all
