@@ -5,8 +5,8 @@
 
 #include "bist/Report.h"
 
-/// What a command asks of the machine.
-enum class Needs { instrument, spb };
+/// What a command asks of the machine: nothing where it finds out itself and leaves it as it is.
+enum class Needs { nothing, instrument, spb };
 
 /// A command of the program. Each has a file of its name in commands/, which also keeps what the
 /// command's options have said, and a row in the table of talvero-bist.cpp.
@@ -23,6 +23,7 @@ struct Command {
 inline void noOptions(CLI::App&) {}
 
 extern const Command boardCommand;
+extern const Command captureCommand;
 extern const Command errorsCommand;
 extern const Command linkCommand;
 extern const Command powerCommand;

@@ -3,8 +3,8 @@
 _talvero_bist() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local ports="DownstreamPort1 DownstreamPort5 DownstreamPort7 DownstreamPort9 ShimPort1 ShimPort5"
-  local words="report board slots power topology link errors prbs shim tx
-    --json --trace --spb-despite-straps --help --version --seconds --clear --module --power-cycle
+  local words="report board slots power topology link errors prbs shim tx capture
+    --json --trace --spb-despite-straps --help --version --seconds --clear --module --power-cycle --no-export
     --drive-level --post-cursor --quiet --analog-loopback"
   case "$before" in
     link | errors | prbs | tx) words="$ports 0 1 2 3 4 5" ;;

@@ -14,14 +14,16 @@ namespace {
 
 /// The commands, in the order of --help.
 constexpr const Command* commands[] = {
-    &reportCommand, &boardCommand,  &slotsCommand, &powerCommand, &topologyCommand,
-    &linkCommand,   &errorsCommand, &prbsCommand,  &shimCommand,  &txCommand};
+    &reportCommand, &boardCommand, &slotsCommand, &powerCommand, &topologyCommand, &linkCommand,
+    &errorsCommand, &prbsCommand,  &shimCommand,  &txCommand,    &captureCommand};
 
 enum ExitStatus { pass = 0, fail = 1, usageOrNoHardware = 2 };
 
 int execute(const Command& command, bool json, const std::string& traceFile) {
   LibraryOutput output(traceFile);
-  requireInstrument();
+  if (command.needs != Needs::nothing) {
+    requireInstrument();
+  }
   if (command.needs == Needs::spb) {
     requireSpb(command.name);
   }

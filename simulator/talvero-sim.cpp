@@ -202,7 +202,7 @@ void tellEnd(const Arguments& arguments, const simulator::SimulatedInstrument& i
   const auto after = std::make_unique<simulator::Hardware>(instrument.hardware());
   if (!arguments.state.empty()) {
     std::ofstream file(arguments.state);
-    file << "# " << arguments.instrument << ", as it was left\n\n" << simulator::describe(*after);
+    file << simulator::descriptionFile({arguments.instrument + ", as it was left"}, *after);
     if (!file.flush()) {
       throw std::runtime_error(arguments.state + ": cannot be written");
     }

@@ -3,14 +3,16 @@
 
 #include <glib.h>
 
+#include <array>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <sstream>
 
 #include "simulator/parts/Changes.h"
 #include "simulator/parts/Part.h"
+#include "simulator/parts/Values.h"
 
 namespace simulator {
 
@@ -27,7 +29,7 @@ template <typename Object>
 using Owned = std::unique_ptr<Object, Free>;
 
 void readGroup(Hardware& hardware, GKeyFile* file, const std::string& fileName,
-               const std::string& groupName) {
+               const std::string& groupName, const std::string& hint) {
   std::string place = fileName + ": [" + groupName + "]";
   try {
     std::string instance;
@@ -43,42 +45,57 @@ void readGroup(Hardware& hardware, GKeyFile* file, const std::string& fileName,
       group.set(hardware, instance, *key, value.get());
     }
   } catch (const std::runtime_error& reason) {
-    throw DescriptionError(place + ": " + reason.what());
+    throw DescriptionError(place + ": " + reason.what() + hint);
+  }
+}
+
+/// The version that a description was written by; empty where it does not say.
+std::string versionOf(GKeyFile* file) {
+  const Owned<char> version(g_key_file_get_value(file, versionGroup, versionKey, nullptr));
+  return version == nullptr ? "" : version.get();
+}
+
+/// The numbers of a version such as 0.2.0, by which versions compare.
+std::array<unsigned int, 3> numbersOf(const std::string& version) {
+  std::array<unsigned int, 3> numbers{};
+  char more = '\0';
+  if (std::sscanf(version.c_str(), "%6u.%6u.%6u%c", &numbers[0], &numbers[1], &numbers[2], &more) !=
+      3) {
+    throw mustBe("a version such as " TALVERO_VERSION, version);
+  }
+  return numbers;
+}
+
+/// What an error in a description of a newer version has to add: its keys may be unknown here.
+std::string hintAtVersion(const std::string& version) {
+  return version.empty() || numbersOf(version) <= numbersOf(TALVERO_VERSION)
+             ? ""
+             : "; the description is of version " + version + ", newer than this one, " +
+                   TALVERO_VERSION;
+}
+
+/// Reads the group that says the version.
+std::string readVersion(GKeyFile* file, const std::string& name) {
+  const std::string place = name + ": [" + versionGroup + "] ";
+  std::string key = versionKey;
+  try {
+    std::string hint = hintAtVersion(versionOf(file));
+    const Owned<char*> keys(g_key_file_get_keys(file, versionGroup, nullptr, nullptr));
+    for (char** known = keys.get(); known != nullptr && *known != nullptr; ++known) {
+      key = *known;
+      if (key != versionKey) {
+        throw std::runtime_error("unknown key" + hint);
+      }
+    }
+    return hint;
+  } catch (const std::runtime_error& reason) {
+    throw DescriptionError(place + key + ": " + reason.what());
   }
 }
 
 /// Groups of changes, which are about all others.
 bool isOfChanges(const std::string& groupName) {
   return groupName.compare(0, 3, "at ") == 0 || groupName.compare(0, 6, "after ") == 0;
-}
-
-/// Writes what has to be said of one instance so that `known` comes to it.
-void writeInstance(std::ostream& text, const Group& group, const std::string& instance,
-                   const Entries& entries, Hardware& known) {
-  if (group.begin != nullptr) {
-    group.begin(known, instance);
-  }
-  std::map<std::string, std::string> before;
-  for (const Entry& entry : group.describe(known)) {
-    if (entry.instance == instance && !entry.key.empty()) {
-      before[entry.key] = entry.value;
-    }
-  }
-  bool begun = false;
-  for (const Entry& entry : entries) {
-    const auto same = before.find(entry.key);
-    if (entry.instance != instance || (same != before.end() && same->second == entry.value)) {
-      continue;
-    }
-    if (!begun) {
-      text << "\n[" << group.kind << (group.hasInstance ? " " : "") << instance << "]\n";
-      begun = true;
-    }
-    if (!entry.key.empty()) {
-      text << entry.key << "=" << entry.value << "\n";
-      group.set(known, instance, entry.key, entry.value);
-    }
-  }
 }
 
 }  // namespace
@@ -104,36 +121,17 @@ Hardware parseDescription(const std::string& text, const std::string& name) {
     const Owned<GError> owned(error);
     throw DescriptionError(name + ": " + error->message);
   }
+  const std::string hint = readVersion(file.get(), name);
   Hardware hardware{};
   const Owned<char*> groupNames(g_key_file_get_groups(file.get(), nullptr));
   for (const bool changes : {false, true}) {
     for (char** groupName = groupNames.get(); *groupName != nullptr; ++groupName) {
-      if (isOfChanges(*groupName) == changes) {
-        readGroup(hardware, file.get(), name, *groupName);
+      if (isOfChanges(*groupName) == changes && std::string(*groupName) != versionGroup) {
+        readGroup(hardware, file.get(), name, *groupName, hint);
       }
     }
   }
   return hardware;
-}
-
-std::string describe(const Hardware& hardware) {
-  std::ostringstream text;
-  const auto known = std::make_unique<Hardware>();
-  for (const Part* part : parts) {
-    for (std::size_t index = 0; index < part->groupCount; ++index) {
-      const Group& group = part->groups[index];
-      const Entries entries = group.describe(hardware);
-      std::string last = "none";
-      for (const Entry& entry : entries) {
-        if (entry.instance != last) {
-          last = entry.instance;
-          writeInstance(text, group, last, entries, *known);
-        }
-      }
-    }
-  }
-  const std::string result = text.str();
-  return result.empty() ? result : result.substr(1);
 }
 
 }  // namespace simulator

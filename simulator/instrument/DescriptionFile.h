@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "simulator/parts/Description.h"
 #include "simulator/shared/Hardware.h"
 
 namespace simulator {
@@ -14,13 +15,11 @@ class DescriptionError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Reads a description file. Throws DescriptionError.
+/// Reads a description file. Throws DescriptionError; where a newer version has written the
+/// description, its text says so.
 Hardware readDescription(const std::string& file);
 
 /// Reads a description from a text; `name` stands for the file in error texts.
 Hardware parseDescription(const std::string& text, const std::string& name = "description");
-
-/// The shortest description of an instrument. What has a time is told from hardware.time on.
-std::string describe(const Hardware& hardware);
 
 }  // namespace simulator

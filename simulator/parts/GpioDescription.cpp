@@ -81,7 +81,7 @@ void addChip(const Hardware& hardware, const gpio::Chip& chip, Tree& tree) {
 
 void addFiles(const Hardware& hardware, Tree& tree) {
   const std::string directory = "/sys/class/gpio";
-  addFile(tree, directory + "/.talvero-sim", "");
+  addFile(tree, directory + "/" + gpio::behaviourFile, "");
   addFile(tree, directory + "/export", "", 0200);
   addFile(tree, directory + "/unexport", "", 0200);
   for (const gpio::Chip& chip : gpio::chipsOf(hardware)) {

@@ -10,10 +10,12 @@
 #include <optional>
 #include <utility>
 
+#include "simulator/parts/Description.h"
 #include "simulator/parts/I2cDevices.h"
 #include "simulator/parts/Part.h"
 #include "simulator/parts/PowerLinks.h"
 #include "simulator/parts/Values.h"
+#include "simulator/shared/Clock.h"
 
 namespace simulator::gpio {
 
@@ -328,14 +330,20 @@ int storeLine(State& state, int number, const std::string& attribute, const std:
 }
 
 bool owns(const std::string& path) {
-  return path == "export" || path == "unexport" || lineAttribute(path);
+  return path == behaviourFile || path == "export" || path == "unexport" || lineAttribute(path);
 }
 
 int open(const std::string& path, bool writing, std::string& content) {
   if (const std::optional<LineAttribute> attribute = lineAttribute(path)) {
     return openLine(*Locked(), attribute->number, attribute->name, content);
   }
-  return writing ? 0 : EACCES;
+  if (path == behaviourFile && !writing) {
+    const Locked state;
+    state->hardware.time = now(*state);
+    content = describeBehaviour(state->hardware);
+    return 0;
+  }
+  return writing && path != behaviourFile ? 0 : EACCES;
 }
 
 int store(const std::string& path, const std::string& text, std::size_t /*offset*/) {

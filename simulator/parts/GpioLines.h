@@ -10,6 +10,10 @@
 /// exported lines, with the kernel's refusals.
 namespace simulator::gpio {
 
+/// The file by which a process finds that it is on an instrument. It holds what describeBehaviour()
+/// says of that, for those who write a description of what they read.
+constexpr char behaviourFile[] = ".talvero-sim";
+
 /// A chip that the kernel knows: the board's, an expander's, or one that has the power links of a
 /// module without an expander.
 struct Chip {

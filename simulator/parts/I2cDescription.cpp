@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <map>
 #include <regex>
@@ -179,6 +180,18 @@ Entries describeMuxes(const Hardware& hardware) {
   });
 }
 
+/// The number that the kernel has given the first line of a chip: above those of the board.
+int firstLine(const std::string& value) {
+  constexpr std::uint32_t most = 0xFFFF - expanderLineCount;
+  const std::uint32_t line = number(value);
+  if (line < boardLineCount || line > most) {
+    throw mustBe(
+        "a line number from " + std::to_string(boardLineCount) + " to " + std::to_string(most),
+        value);
+  }
+  return static_cast<int>(line);
+}
+
 void setExpander(Hardware& hardware, const std::string& instance, const std::string& key,
                  const std::string& value) {
   I2cDevice& expander = device(hardware, instance);
@@ -187,6 +200,8 @@ void setExpander(Hardware& hardware, const std::string& instance, const std::str
     gpio::setLine(expander.lines[key[0] - '0'], value);
   } else if (key == "base") {
     setText(expander.base, sizeof expander.base, value);
+  } else if (key == "first-line") {
+    expander.firstLine = firstLine(value);
   } else if (key == "gpio") {
     const std::size_t state = indexOf(gpioNames, value);
     if (state == std::size(gpioNames)) {
@@ -201,6 +216,9 @@ void setExpander(Hardware& hardware, const std::string& instance, const std::str
 Entries describeExpanders(const Hardware& hardware) {
   return describe(hardware, Kind::expander, [](const I2cDevice& expander, const auto& add) {
     add("gpio", gpioNames[static_cast<std::size_t>(expander.gpio)]);
+    if (expander.firstLine != 0) {
+      add("first-line", std::to_string(expander.firstLine));
+    }
     add("base", expander.base);
     for (int line = 0; line < expanderLineCount; ++line) {
       add(std::to_string(line), gpio::wordsOf(expander.lines[line]));
@@ -313,6 +331,11 @@ void addDevice(const Hardware& hardware, const I2cDevice& device, Tree& tree) {
 }
 
 void addFiles(const Hardware& hardware, Tree& tree) {
+  for (const I2cBus& bus : hardware.i2cBuses) {
+    if (bus.described) {
+      addBus(i2c::busDirectory(hardware, bus.bus), tree);
+    }
+  }
   for (const I2cDevice& device : hardware.i2cDevices) {
     if (i2c::isThere(hardware, device)) {
       addDevice(hardware, device, tree);
@@ -324,12 +347,19 @@ bool hasChip(const Hardware& hardware, const I2cDevice& device) {
   return device.gpio == I2cDevice::Gpio::chip && i2c::isThere(hardware, device);
 }
 
+/// Whether a chip that begins with a line would have lines of another one.
+bool isTaken(const Hardware& hardware, int base) {
+  return std::any_of(
+      std::begin(hardware.i2cDevices), std::end(hardware.i2cDevices), [&](const I2cDevice& device) {
+        return device.gpioBase != 0 && std::abs(device.gpioBase - base) < expanderLineCount;
+      });
+}
+
 /// The number of the first line of a new chip: the kernel assigns them at run time, from 512
 /// upward.
 int freeBase(const Hardware& hardware) {
   int base = 512;
-  while (std::any_of(std::begin(hardware.i2cDevices), std::end(hardware.i2cDevices),
-                     [&](const I2cDevice& device) { return device.gpioBase == base; })) {
+  while (isTaken(hardware, base)) {
     base += expanderLineCount;
   }
   return base;
@@ -353,7 +383,14 @@ void numberChips(State& state) {
     }
   }
   for (const auto& [place, device] : appeared) {
-    device->gpioBase = freeBase(state.hardware);
+    if (device->firstLine != 0 && !isTaken(state.hardware, device->firstLine)) {
+      device->gpioBase = device->firstLine;
+    }
+  }
+  for (const auto& [place, device] : appeared) {
+    if (device->gpioBase == 0) {
+      device->gpioBase = freeBase(state.hardware);
+    }
   }
 }
 

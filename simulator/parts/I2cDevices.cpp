@@ -26,12 +26,6 @@ std::string adapterOf(const Hardware& hardware, unsigned int bus) {
   return "/sys/devices";
 }
 
-std::string busDirectory(const Hardware& hardware, unsigned int bus) {
-  const I2cDevice* const mux = muxBefore(hardware, bus);
-  return (mux == nullptr ? adapterOf(hardware, bus) : busDirectory(hardware, mux->bus)) + "/i2c-" +
-         std::to_string(bus);
-}
-
 /// The bus behind a channel of the multiplexers on a bus.
 std::optional<unsigned int> busBehind(const Hardware& hardware, unsigned int bus,
                                       unsigned long channel) {
@@ -71,6 +65,12 @@ std::string nameOf(const I2cDevice& device) {
   char name[16];
   std::snprintf(name, sizeof name, "%u-%04x", device.bus, device.address);
   return name;
+}
+
+std::string busDirectory(const Hardware& hardware, unsigned int bus) {
+  const I2cDevice* const mux = muxBefore(hardware, bus);
+  return (mux == nullptr ? adapterOf(hardware, bus) : busDirectory(hardware, mux->bus)) + "/i2c-" +
+         std::to_string(bus);
 }
 
 std::string directoryOf(const Hardware& hardware, const I2cDevice& device) {

@@ -13,6 +13,9 @@ namespace simulator::i2c {
 /// Bus and address, such as "0-0074".
 std::string nameOf(const I2cDevice& device);
 
+/// Where the kernel shows a bus.
+std::string busDirectory(const Hardware& hardware, unsigned int bus);
+
 /// Where the kernel shows a device.
 std::string directoryOf(const Hardware& hardware, const I2cDevice& device);
 

@@ -177,6 +177,17 @@ void setKeyOf(bool hasIt, const Key<PciDevice> (&keys)[count], PciDevice& device
   setKey(keys, device, key, value);
 }
 
+/// Where the kernel has found the device.
+void setBus(const Hardware& hardware, PciDevice& device, std::uint32_t bus) {
+  if (bus > 0xFF) {
+    throw mustBe("a bus number from 0 to 0xff", hexText(bus));
+  }
+  if (hardware.running) {
+    throw std::runtime_error("stays as it is while the instrument runs");
+  }
+  device.bus = static_cast<std::uint8_t>(bus);
+}
+
 void setDevice(Hardware& hardware, const std::string& instance, const std::string& key,
                const std::string& value) {
   const PciPlace place = placeOf(instance);
@@ -192,6 +203,8 @@ void setDevice(Hardware& hardware, const std::string& instance, const std::strin
       throw mustBe("a class code from 0 to 0xffffff", value);
     }
     setClassCode(device, code);
+  } else if (key == "bus") {
+    setBus(hardware, device, number(value));
   } else if (key == "link-lost-after") {
     PciDevice scratch = device;
     setKeyOf(!pci::isSwitch(place), linkKeys, scratch, "link", "down");
@@ -223,6 +236,7 @@ Entries describeDevices(const Hardware& hardware) {
     if (!device.described) {
       continue;
     }
+    add("bus", hexText(device.bus));
     describeKeys(deviceKeys, device, add);
     if (!pci::isSwitch(place)) {
       describeKeys(linkKeys, device, add);

@@ -59,7 +59,8 @@ struct I2cDevice {
   bool unopenable;  ///< libudev lists it but cannot open it
   Kind kind;
   Gpio gpio;     ///< of an expander
-  int gpioBase;  ///< number of the first line of an expander's chip; 0 while there is none
+  int gpioBase;   ///< number of the first line of an expander's chip; 0 while there is none
+  int firstLine;  ///< number that it is given; 0 for the first one that is free
   unsigned int bus;
   unsigned int address;
   char name[textSize];                                    ///< its attribute "name"

@@ -1,0 +1,222 @@
+// SPDX-License-Identifier: MIT
+#include <libudev.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <set>
+
+#include "bist/capture/Capture.h"
+#include "simulator/parts/Values.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char devices[] = "/sys/devices/";
+constexpr char expanderName[] = "pca9536";
+
+struct Unref {
+  void operator()(udev* context) const { udev_unref(context); }
+  void operator()(udev_enumerate* enumeration) const { udev_enumerate_unref(enumeration); }
+  void operator()(udev_device* device) const { udev_device_unref(device); }
+};
+
+template <typename Object>
+using Owned = std::unique_ptr<Object, Unref>;
+
+/// A bus or device of the subsystem.
+struct Found {
+  std::string directory;
+  std::string name;  ///< of the directory
+  bool openable;
+};
+
+bool isBus(const Found& found) { return found.name.compare(0, 4, "i2c-") == 0; }
+
+/// Buses and devices, as libudev lists them.
+std::vector<Found> listAll(Capture& capture) {
+  std::vector<Found> all;
+  const Owned<udev> context(udev_new());
+  const Owned<udev_enumerate> list(context == nullptr ? nullptr
+                                                      : udev_enumerate_new(context.get()));
+  if (list == nullptr || udev_enumerate_add_match_subsystem(list.get(), "i2c") < 0 ||
+      udev_enumerate_scan_devices(list.get()) < 0) {
+    capture.notRead.emplace_back("I2C devices: libudev does not list them");
+    return all;
+  }
+  for (udev_list_entry* entry = udev_enumerate_get_list_entry(list.get()); entry != nullptr;
+       entry = udev_list_entry_get_next(entry)) {
+    const std::string path = udev_list_entry_get_name(entry);
+    const Owned<udev_device> device(udev_device_new_from_syspath(context.get(), path.c_str()));
+    all.push_back({path, path.substr(path.rfind('/') + 1), device != nullptr});
+  }
+  return all;
+}
+
+/// The numbers of a multiplexer's channels, by the links to the buses behind them.
+std::vector<std::pair<std::string, std::string>> channelsOf(const std::string& directory) {
+  std::vector<std::pair<std::string, std::string>> channels;
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
+    const std::string name = entry.path().filename().string();
+    if (name.compare(0, 8, "channel-") == 0) {
+      channels.emplace_back(name.substr(8), fs::read_symlink(entry, ignored).filename().string());
+    }
+  }
+  std::sort(channels.begin(), channels.end());
+  return channels;
+}
+
+/// A property as a description has it: a text, or integers.
+std::string propertyText(const std::string& content) {
+  const bool isText = !content.empty() && content.find('\0') == content.size() - 1;
+  if (isText || content.empty() || content.size() % 4 != 0) {
+    return isText ? content.substr(0, content.size() - 1) : content;
+  }
+  std::string cells;
+  for (std::size_t at = 0; at < content.size(); at += 4) {
+    std::uint32_t cell = 0;
+    for (std::size_t byte = at; byte < at + 4; ++byte) {
+      cell = cell << 8 | static_cast<unsigned char>(content[byte]);
+    }
+    cells += (cells.empty() ? "" : " ") + simulator::hexText(cell);
+  }
+  return "<" + cells + ">";
+}
+
+/// The node of a module: all of its properties, of which a description knows some.
+void captureModule(Capture& capture, const Found& found, const std::set<std::string>& properties) {
+  const std::string group = "module " + found.name;
+  for (const std::string& property : properties) {
+    std::string content;
+    const int error = readFile(found.directory + "/of_node/" + property, content);
+    if (error != 0) {
+      capture.cannotRead(found.name + " of_node/" + property, error);
+    } else {
+      capture.say(group, property, propertyText(content));
+    }
+  }
+  if (!found.openable) {
+    capture.say(group, "openable", "no");
+  }
+}
+
+std::set<std::string> propertiesOf(const std::string& directory) {
+  std::set<std::string> names;
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory + "/of_node", ignored)) {
+    if (!entry.is_directory(ignored)) {
+      names.insert(entry.path().filename().string());
+    }
+  }
+  return names;
+}
+
+bool isModule(const std::set<std::string>& properties) {
+  return std::any_of(std::begin(simulator::nodePropertyNames),
+                     std::end(simulator::nodePropertyNames),
+                     [&](const char* name) { return properties.count(name) != 0; });
+}
+
+/// The chip of an expander, if it has one: what its files say.
+void captureChip(Capture& capture, const Found& found, const std::string& chip) {
+  const std::string group = "expander " + found.name;
+  const std::string directory = found.directory + "/gpio/" + chip;
+  const std::string digits = chip.substr(chip.find_first_of("0123456789"));
+  std::string base;
+  std::string count;
+  if (readFile(directory + "/base", base) != 0) {
+    capture.say(group, "base", "missing");
+  } else if (withoutEnd(base) != digits) {
+    capture.say(group, "base", withoutEnd(base));
+  }
+  readFile(directory + "/ngpio", count);
+  capture.chips.push_back({found.name, std::atoi(digits.c_str()),
+                           std::max(std::atoi(count.c_str()), simulator::expanderLineCount)});
+}
+
+/// The GPIO chip in a device's directory "gpio"; empty for none.
+std::string chipOf(const std::string& directory) {
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory + "/gpio", ignored)) {
+    const std::string name = entry.path().filename().string();
+    if (name.compare(0, 8, "gpiochip") == 0 && name.size() > 8 &&
+        name.find_first_not_of("0123456789", 8) == std::string::npos) {
+      return name;
+    }
+  }
+  return "";
+}
+
+void captureDevice(Capture& capture, const Found& found) {
+  const auto channels = channelsOf(found.directory);
+  const std::set<std::string> properties = propertiesOf(found.directory);
+  const std::string chip = chipOf(found.directory);
+  std::string name;
+  const int error = readFile(found.directory + "/name", name);
+  name = withoutEnd(name);
+  if (error != 0) {
+    capture.cannotRead(found.name + " name", error);
+  }
+  for (const auto& [channel, bus] : channels) {
+    capture.say("mux " + found.name, channel, bus);
+  }
+  if (isModule(properties)) {
+    captureModule(capture, found, properties);
+  } else if (!found.openable) {
+    capture.notRead.push_back(found.name + ": libudev cannot open it");
+  }
+  if (name == expanderName || !chip.empty()) {
+    const bool hasDirectory = fs::exists(found.directory + "/gpio");
+    capture.say("expander " + found.name, "gpio",
+                !chip.empty()  ? "chip"
+                : hasDirectory ? "empty"
+                               : "none");
+    if (!chip.empty()) {
+      captureChip(capture, found, chip);
+    }
+  }
+  capture.say("i2c", found.name, name);
+  capture.devices.push_back({found.name, found.directory});
+}
+
+/// Buses that no multiplexer leads to: where they are and, without a device, that they are.
+void captureBus(Capture& capture, const Found& found) {
+  if (fs::is_symlink(found.directory + "/mux_device")) {
+    return;
+  }
+  const std::string parent = found.directory.substr(0, found.directory.rfind('/'));
+  std::string below = parent + "/";
+  below =
+      below.compare(0, sizeof devices - 1, devices) == 0 ? below.substr(sizeof devices - 1) : below;
+  if (!below.empty()) {
+    below.pop_back();
+  }
+  const bool hasDevices = std::any_of(
+      capture.devices.begin(), capture.devices.end(), [&](const Capture::Device& device) {
+        return device.directory.compare(0, found.directory.size() + 1, found.directory + "/") == 0;
+      });
+  if (!below.empty() || !hasDevices) {
+    capture.say("bus " + found.name, "parent", below);
+  }
+}
+
+}  // namespace
+
+void captureI2c(Capture& capture) {
+  const std::vector<Found> all = listAll(capture);
+  for (const Found& found : all) {
+    if (!isBus(found)) {
+      captureDevice(capture, found);
+      capture.foundSomething = true;
+    }
+  }
+  for (const Found& found : all) {
+    if (isBus(found)) {
+      captureBus(capture, found);
+    }
+  }
+}

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+
+#include "bist/capture/Capture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char gpioClass[] = "/sys/class/gpio/";
+
+// The lines of the board that the library knows: straps, the IMB, presence in slots 1 to 3. Others
+// are not exported, which could change what their pins are used for.
+constexpr int boardLines[] = {135, 171, 170, 169, 168, 167, 80, 127, 133, 134};
+
+constexpr int describedLines = 256;
+
+int writeNumber(const char* file, int number) {
+  const int fd = ::open((std::string(gpioClass) + file).c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return errno;
+  }
+  const std::string text = std::to_string(number);
+  const int error = ::write(fd, text.data(), text.size()) < 0 ? errno : 0;
+  ::close(fd);
+  return error;
+}
+
+std::string directoryOf(int number) { return gpioClass + ("gpio" + std::to_string(number)); }
+
+/// A line that is exported while the object exists, and that signals cannot leave so.
+class ExportedLine {
+ public:
+  explicit ExportedLine(int lineNumber) : number(lineNumber) {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &signals);
+    error = writeNumber("export", number);
+  }
+  ~ExportedLine() {
+    if (error == 0) {
+      writeNumber("unexport", number);
+    }
+    pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+  }
+  ExportedLine(const ExportedLine&) = delete;
+  ExportedLine& operator=(const ExportedLine&) = delete;
+
+  int error = 0;  ///< an errno value where it could not be exported
+
+ private:
+  int number;
+  sigset_t signals{};
+};
+
+std::string nameOf(const Capture::Line& line) {
+  return "line " + std::to_string(line.number) +
+         (line.expander.empty()
+              ? ""
+              : " (" + line.expander + " line " + std::to_string(line.offset) + ")");
+}
+
+/// Whether a power sequence drives the line.
+bool followsPower(const Capture& capture, int number) {
+  return std::any_of(capture.powerLinks.begin(), capture.powerLinks.end(),
+                     [&](const auto& link) { return link.isDone && link.number == number; });
+}
+
+/// Reads an exported line; the words that describe it.
+std::string readLine(Capture& capture, Capture::Line line, bool exported) {
+  const std::string directory = directoryOf(line.number);
+  std::string direction;
+  std::string value;
+  std::string activeLow;
+  std::string edge;
+  const int noDirection = readFile(directory + "/direction", direction);
+  const int noValue = readFile(directory + "/value", value);
+  // Not every line has these.
+  readFile(directory + "/active_low", activeLow);
+  readFile(directory + "/edge", edge);
+  const bool inverted = withoutEnd(activeLow) == "1";
+  const bool high = (withoutEnd(value) == "1") != inverted;
+  const bool output = withoutEnd(direction) == "out";
+  std::string words = high && !output && !followsPower(capture, line.number) ? "high" : "low";
+  words += exported ? " exported" : "";
+  words += !output ? "" : high ? " output-high" : " output-low";
+  words += inverted ? " active-low" : "";
+  if (noDirection != 0) {
+    capture.cannotRead(nameOf(line) + " direction", noDirection);
+    words += " no-direction";
+  }
+  if (noValue != 0) {
+    capture.cannotRead(nameOf(line) + " value", noValue);
+    words += " no-value";
+  } else {
+    line.value = withoutEnd(value);
+    capture.lines.push_back(line);
+    capture.foundSomething = true;
+  }
+  if (!edge.empty() && withoutEnd(edge) != "none") {
+    words += " edge-" + withoutEnd(edge);
+  }
+  return words;
+}
+
+/// A line, exported for as long as that takes; nothing where it is left out.
+std::string wordsOf(Capture& capture, const Capture::Line& line) {
+  if (fs::exists(directoryOf(line.number))) {
+    return readLine(capture, line, true);
+  }
+  if (!capture.exportsLines) {
+    capture.leftOut.push_back(nameOf(line));
+    return "";
+  }
+  const ExportedLine exported(line.number);
+  if (exported.error == 0) {
+    return readLine(capture, line, false);
+  }
+  capture.cannotRead(nameOf(line), exported.error);
+  return exported.error == EINVAL ? "low missing" : exported.error == EBUSY ? "low busy" : "";
+}
+
+/// The numbers of lines that are exported.
+std::set<int> exportedLines() {
+  std::set<int> numbers;
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(gpioClass, ignored)) {
+    const std::string name = entry.path().filename().string();
+    if (name.size() > 4 && name.compare(0, 4, "gpio") == 0 &&
+        name.find_first_not_of("0123456789", 4) == std::string::npos) {
+      numbers.insert(std::atoi(name.c_str() + 4));
+    }
+  }
+  return numbers;
+}
+
+/// The line of a number, which one of the expanders may have.
+Capture::Line lineOf(const Capture& capture, int number) {
+  for (const Capture::Chip& chip : capture.chips) {
+    if (number >= chip.base && number < chip.base + chip.count) {
+      return {number, chip.expander, number - chip.base, ""};
+    }
+  }
+  return {number, "", number, ""};
+}
+
+}  // namespace
+
+void captureLines(Capture& capture) {
+  if (!fs::exists(gpioClass)) {
+    capture.cannotRead(gpioClass, ENOENT);
+    return;
+  }
+  std::set<int> numbers = exportedLines();
+  numbers.insert(std::begin(boardLines), std::end(boardLines));
+  for (const Capture::Chip& chip : capture.chips) {
+    for (int number = chip.base; number < chip.base + chip.count; ++number) {
+      numbers.insert(number);
+    }
+  }
+  for (const int number : numbers) {
+    const Capture::Line line = lineOf(capture, number);
+    const std::string words = wordsOf(capture, line);
+    if (words.empty()) {
+      continue;
+    }
+    if (!line.expander.empty()) {
+      capture.say("expander " + line.expander, std::to_string(line.offset), words);
+    } else if (number < describedLines) {
+      capture.say("gpio", std::to_string(number), words);
+    }  // of others, the comparison tells
+  }
+}
