@@ -11,7 +11,7 @@ _talvero_bist() {
     power) words="0 1 2 3 4 5" ;;
     shim | --module) words="0 1 2 3" ;;
     --quiet | --analog-loopback | [0-5]) words="on off $words" ;;
-    --trace)
+    --trace | capture)
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return
       ;;

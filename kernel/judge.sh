@@ -56,3 +56,14 @@ simulate sh -c 'build/dev/simulator/talvero-sim set "pci root link-status=0x2012
   exec build/dev/bist/talvero-bist --json report --power-cycle' >"$simulated/report.json"
 [ "$(cat "$results/report.status")" = 0 ] || fail "the report fails on the real kernel: $results/report.json"
 compare report.json "$simulated/report.json"
+
+# What has been captured there is the same instrument here, and once more.
+[ "$(cat "$results/capture.status")" = 0 ] || fail "not all can be captured: $results/capture"
+build/dev/simulator/talvero-sim --fast --instrument "$results/captured.conf" -- \
+  build/dev/bist/talvero-bist --json report --power-cycle >"$simulated/replayed.json"
+compare report.json "$simulated/replayed.json"
+build/dev/simulator/talvero-sim --fast --instrument "$results/captured.conf" -- \
+  build/dev/bist/talvero-bist capture "$simulated/captured.conf" >/dev/null
+diff -u <(grep -v '^#' "$results/captured.conf") <(grep -v '^#' "$simulated/captured.conf") >&2 ||
+  fail "the replay of the capture is captured otherwise"
+echo "captured.conf: $(wc -l <"$results/captured.conf") lines, replayed and captured again"

@@ -837,9 +837,10 @@ TEST(TalveroSim, TellsWhatBecameOfTheInstrument) {
   const std::string line = "/sys/platform/gpio_module1_power_en/value";
   Outcome outcome = onInstrument("echo 0 >" + line, options);
   EXPECT_EQ(outcome.errors, "talvero-sim: left behind: module 1 off\n");
-  EXPECT_THAT(contentOf(state), AllOf(HasSubstr("# full, as it was left\n\n[description]\nversion="),
-                                      HasSubstr("\n\n[board]\nstraps=100010\n"),
-                                      HasSubstr("[power 1]\nsince=0.0\n")));
+  EXPECT_THAT(
+      contentOf(state),
+      AllOf(HasSubstr("# full, as it was left\n\n[description]\nversion="),
+            HasSubstr("\n\n[board]\nstraps=100010\n"), HasSubstr("[power 1]\nsince=0.0\n")));
   outcome = onInstrument("cat " + line, "--summary --instrument " + state);
   EXPECT_EQ(outcome.output + outcome.errors, "0\ntalvero-sim: nothing left behind\n");
   EXPECT_EQ(onInstrument("true", "--state /nowhere/x").errors,

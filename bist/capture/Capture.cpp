@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
@@ -47,6 +48,28 @@ void Capture::cannotRead(const std::string& what, int error) {
   notRead.push_back(what + ": " + errorText(error));
 }
 
+std::string Capture::attribute(const std::string& file) {
+  std::string content;
+  const int error = readFile(file, content);
+  if (error != 0 && error != ENOENT) {
+    cannotRead(file, error);
+  }
+  return withoutEnd(content);
+}
+
+std::vector<std::string> Capture::namesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    names.push_back(entry.path().filename().string());
+  }
+  if (error && error != std::errc::no_such_file_or_directory) {
+    cannotRead(directory, error.value());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 void captureBehaviour(Capture& capture) {
   std::string content;
   readFile(std::string("/sys/class/gpio/") + simulator::gpio::behaviourFile, content);
@@ -56,7 +79,9 @@ void captureBehaviour(Capture& capture) {
   std::string value;
   while (std::getline(std::getline(lines, group, '\t'), key, '\t') && std::getline(lines, value)) {
     const bool isOfPower = group.compare(0, 6, "power ") == 0;
-    if (!isOfPower || capture.hardware->power[std::stoul(group.substr(6))].present) {
+    if (key.empty()) {
+      capture.begin(group);
+    } else if (!isOfPower || capture.hardware->power[std::stoul(group.substr(6))].present) {
       capture.say(group, key, value);
     }
   }

@@ -60,6 +60,11 @@ struct Capture {
 
   /// Remarks that something cannot be read, for an errno value.
   void cannotRead(const std::string& what, int error);
+
+  /// What an attribute holds, without its line end, and the names in a directory, in order; nothing
+  /// where there is none. Remarks any other reason for which it cannot be read.
+  std::string attribute(const std::string& file);
+  std::vector<std::string> namesIn(const std::string& directory);
 };
 
 void captureI2c(Capture& capture);

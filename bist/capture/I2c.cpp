@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
-#include <set>
 
 #include "bist/capture/Capture.h"
 #include "simulator/parts/Values.h"
@@ -56,18 +55,19 @@ std::vector<Found> listAll(Capture& capture) {
   return all;
 }
 
-/// The numbers of a multiplexer's channels, by the links to the buses behind them.
-std::vector<std::pair<std::string, std::string>> channelsOf(const std::string& directory) {
-  std::vector<std::pair<std::string, std::string>> channels;
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
-    const std::string name = entry.path().filename().string();
+/// Says the channels of a multiplexer, which are links to the buses behind them.
+void captureChannels(Capture& capture, const Found& found) {
+  for (const std::string& name : capture.namesIn(found.directory)) {
     if (name.compare(0, 8, "channel-") == 0) {
-      channels.emplace_back(name.substr(8), fs::read_symlink(entry, ignored).filename().string());
+      std::error_code error;
+      const fs::path bus = fs::read_symlink(found.directory + "/" + name, error).filename();
+      if (error) {
+        capture.cannotRead(found.name + " " + name, error.value());
+      } else {
+        capture.say("mux " + found.name, name.substr(8), bus.string());
+      }
     }
   }
-  std::sort(channels.begin(), channels.end());
-  return channels;
 }
 
 /// A property as a description has it: a text, or integers.
@@ -88,11 +88,15 @@ std::string propertyText(const std::string& content) {
 }
 
 /// The node of a module: all of its properties, of which a description knows some.
-void captureModule(Capture& capture, const Found& found, const std::set<std::string>& properties) {
+void captureModule(Capture& capture, const Found& found,
+                   const std::vector<std::string>& properties) {
   const std::string group = "module " + found.name;
   for (const std::string& property : properties) {
     std::string content;
     const int error = readFile(found.directory + "/of_node/" + property, content);
+    if (error == EISDIR) {  // a node below it, which is another device's
+      continue;
+    }
     if (error != 0) {
       capture.cannotRead(found.name + " of_node/" + property, error);
     } else {
@@ -104,21 +108,11 @@ void captureModule(Capture& capture, const Found& found, const std::set<std::str
   }
 }
 
-std::set<std::string> propertiesOf(const std::string& directory) {
-  std::set<std::string> names;
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory + "/of_node", ignored)) {
-    if (!entry.is_directory(ignored)) {
-      names.insert(entry.path().filename().string());
-    }
-  }
-  return names;
-}
-
-bool isModule(const std::set<std::string>& properties) {
+bool isModule(const std::vector<std::string>& properties) {
   return std::any_of(std::begin(simulator::nodePropertyNames),
-                     std::end(simulator::nodePropertyNames),
-                     [&](const char* name) { return properties.count(name) != 0; });
+                     std::end(simulator::nodePropertyNames), [&](const char* name) {
+                       return std::binary_search(properties.begin(), properties.end(), name);
+                     });
 }
 
 /// The chip of an expander, if it has one: what its files say.
@@ -126,23 +120,18 @@ void captureChip(Capture& capture, const Found& found, const std::string& chip) 
   const std::string group = "expander " + found.name;
   const std::string directory = found.directory + "/gpio/" + chip;
   const std::string digits = chip.substr(chip.find_first_of("0123456789"));
-  std::string base;
-  std::string count;
-  if (readFile(directory + "/base", base) != 0) {
-    capture.say(group, "base", "missing");
-  } else if (withoutEnd(base) != digits) {
-    capture.say(group, "base", withoutEnd(base));
+  const std::string base = capture.attribute(directory + "/base");
+  const std::string count = capture.attribute(directory + "/ngpio");
+  if (base != digits) {
+    capture.say(group, "base", base.empty() ? "missing" : base);
   }
-  readFile(directory + "/ngpio", count);
   capture.chips.push_back({found.name, std::atoi(digits.c_str()),
                            std::max(std::atoi(count.c_str()), simulator::expanderLineCount)});
 }
 
 /// The GPIO chip in a device's directory "gpio"; empty for none.
-std::string chipOf(const std::string& directory) {
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory + "/gpio", ignored)) {
-    const std::string name = entry.path().filename().string();
+std::string chipOf(Capture& capture, const std::string& directory) {
+  for (const std::string& name : capture.namesIn(directory + "/gpio")) {
     if (name.compare(0, 8, "gpiochip") == 0 && name.size() > 8 &&
         name.find_first_not_of("0123456789", 8) == std::string::npos) {
       return name;
@@ -152,18 +141,15 @@ std::string chipOf(const std::string& directory) {
 }
 
 void captureDevice(Capture& capture, const Found& found) {
-  const auto channels = channelsOf(found.directory);
-  const std::set<std::string> properties = propertiesOf(found.directory);
-  const std::string chip = chipOf(found.directory);
+  const std::vector<std::string> properties = capture.namesIn(found.directory + "/of_node");
+  const std::string chip = chipOf(capture, found.directory);
   std::string name;
   const int error = readFile(found.directory + "/name", name);
   name = withoutEnd(name);
   if (error != 0) {
     capture.cannotRead(found.name + " name", error);
   }
-  for (const auto& [channel, bus] : channels) {
-    capture.say("mux " + found.name, channel, bus);
-  }
+  captureChannels(capture, found);
   if (isModule(properties)) {
     captureModule(capture, found, properties);
   } else if (!found.openable) {

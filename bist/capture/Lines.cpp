@@ -79,14 +79,11 @@ std::string readLine(Capture& capture, Capture::Line line, bool exported) {
   const std::string directory = directoryOf(line.number);
   std::string direction;
   std::string value;
-  std::string activeLow;
-  std::string edge;
   const int noDirection = readFile(directory + "/direction", direction);
   const int noValue = readFile(directory + "/value", value);
   // Not every line has these.
-  readFile(directory + "/active_low", activeLow);
-  readFile(directory + "/edge", edge);
-  const bool inverted = withoutEnd(activeLow) == "1";
+  const std::string edge = capture.attribute(directory + "/edge");
+  const bool inverted = capture.attribute(directory + "/active_low") == "1";
   const bool high = (withoutEnd(value) == "1") != inverted;
   const bool output = withoutEnd(direction) == "out";
   std::string words = high && !output && !followsPower(capture, line.number) ? "high" : "low";
@@ -105,8 +102,8 @@ std::string readLine(Capture& capture, Capture::Line line, bool exported) {
     capture.lines.push_back(line);
     capture.foundSomething = true;
   }
-  if (!edge.empty() && withoutEnd(edge) != "none") {
-    words += " edge-" + withoutEnd(edge);
+  if (!edge.empty() && edge != "none") {
+    words += " edge-" + edge;
   }
   return words;
 }
@@ -129,11 +126,9 @@ std::string wordsOf(Capture& capture, const Capture::Line& line) {
 }
 
 /// The numbers of lines that are exported.
-std::set<int> exportedLines() {
+std::set<int> exportedLines(Capture& capture) {
   std::set<int> numbers;
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(gpioClass, ignored)) {
-    const std::string name = entry.path().filename().string();
+  for (const std::string& name : capture.namesIn(gpioClass)) {
     if (name.size() > 4 && name.compare(0, 4, "gpio") == 0 &&
         name.find_first_not_of("0123456789", 4) == std::string::npos) {
       numbers.insert(std::atoi(name.c_str() + 4));
@@ -159,7 +154,7 @@ void captureLines(Capture& capture) {
     capture.cannotRead(gpioClass, ENOENT);
     return;
   }
-  std::set<int> numbers = exportedLines();
+  std::set<int> numbers = exportedLines(capture);
   numbers.insert(std::begin(boardLines), std::end(boardLines));
   for (const Capture::Chip& chip : capture.chips) {
     for (int number = chip.base; number < chip.base + chip.count; ++number) {

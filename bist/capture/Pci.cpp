@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -15,7 +15,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using simulator::hexText;
 using simulator::PciPlace;
 
@@ -37,9 +36,8 @@ struct Device {
 using Devices = std::map<std::string, Device>;
 
 /// A number that an attribute holds; 0 where there is none.
-std::uint32_t attribute(const Device& device, const char* name) {
-  std::string text;
-  readFile(directory + device.address + "/" + name, text);
+std::uint32_t attribute(Capture& capture, const Device& device, const char* name) {
+  const std::string text = capture.attribute(directory + device.address + "/" + name);
   return static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 0));
 }
 
@@ -59,20 +57,19 @@ std::uint32_t load(const Device& device, std::size_t offset, std::size_t size) {
   return value;
 }
 
-Devices listAll() {
+Devices listAll(Capture& capture) {
   Devices all;
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored)) {
+  for (const std::string& name : capture.namesIn(directory)) {
     Device device;
-    device.address = entry.path().filename().string();
+    device.address = name;
     unsigned int domain = 0;
     unsigned int function = 0;
     if (std::sscanf(device.address.c_str(), "%x:%x:%x.%x", &domain, &device.bus, &device.number,
                     &function) != 4) {
       continue;
     }
-    device.ids = attribute(device, "vendor") | attribute(device, "device") << 16;
-    device.classCode = attribute(device, "class");
+    device.ids = attribute(capture, device, "vendor") | attribute(capture, device, "device") << 16;
+    device.classCode = attribute(capture, device, "class");
     all[device.address] = device;
   }
   return all;
@@ -111,7 +108,7 @@ std::string groupOf(PciPlace place) {
 /// The fabric, from the root port down.
 class Fabric {
  public:
-  explicit Fabric(Capture& into) : capture(into), devices(listAll()) {}
+  explicit Fabric(Capture& into) : capture(into), devices(listAll(into)) {}
 
   void read() {
     const auto root = devices.find("0000:00:00.0");
@@ -171,7 +168,6 @@ class Fabric {
     found[place.place] = device;
     above[place.place] = place.above;
     device->error = readFile(directory + device->address + "/config", device->bytes);
-    capture.say(groupOf(place.place), "bus", hexText(bus));
   }
 
   /// The shim switch of the one module that has one: a bridge below its port.
@@ -201,6 +197,7 @@ class Fabric {
 
   void describe(PciPlace place, const Device& device) {
     const std::string group = groupOf(place);
+    capture.say(group, "bus", hexText(device.bus));
     if (device.error != 0) {
       capture.cannotRead(device.address + " (" + group + ")", device.error);
       capture.say(group, "readable", "no");

@@ -27,15 +27,13 @@ bool find(Capture& capture, std::uint32_t module, const std::string& link, bool 
 /// Whether the line behind a link is high; remarks that it cannot be read.
 bool isHigh(Capture& capture, const std::string& link) {
   std::string value;
-  std::string activeLow;
   const int error = readFile(fileOf(link) + "/value", value);
   if (error != 0) {
     capture.cannotRead(link, error);
     return false;
   }
   capture.foundSomething = true;
-  readFile(fileOf(link) + "/active_low", activeLow);
-  return (withoutEnd(value) == "1") != (withoutEnd(activeLow) == "1");
+  return (withoutEnd(value) == "1") != (capture.attribute(fileOf(link) + "/active_low") == "1");
 }
 
 void captureModule(Capture& capture, std::uint32_t module) {

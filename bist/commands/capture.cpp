@@ -84,9 +84,11 @@ void write(const Capture& capture, const std::string& name) {
   }
 }
 
-/// Takes the file's place once all is written: a capture from before is kept until then.
+/// Takes the file's place once all is written: a capture from before is kept until then. What is no
+/// file itself, such as /dev/stdout, keeps its place.
 void replace(const Capture& capture) {
-  if (fs::exists(file) && !fs::is_regular_file(file)) {
+  const fs::file_type type = fs::symlink_status(file).type();
+  if (type != fs::file_type::not_found && type != fs::file_type::regular) {
     write(capture, file);
     return;
   }

@@ -93,11 +93,26 @@ int openPlain(const SysfsPath& path, int flags, Open real) {
   return simulator::openUnreadable(flags);
 }
 
+/// Opens a directory below /sys by `real`, whose result is `failed` where that cannot be.
+template <typename Result, typename Open>
+Result openDirectory(const SysfsPath& path, Result failed, Open real) {
+  const std::string access = "list " + path.full.substr(0, path.full.find_last_not_of('/') + 1);
+  int error = simulator::admit(access);
+  const Result result = error != 0 ? failed : real();
+  error = error != 0 || result != failed ? error : errno;
+  simulator::traceResult(access, error);
+  errno = error;
+  return result;
+}
+
 /// Opens a file below /sys, plain ones by `real`.
 template <typename Open>
 int openBelow(const SysfsPath& path, int flags, Open real) {
-  if ((flags & (O_DIRECTORY | O_PATH)) != 0) {
+  if ((flags & O_PATH) != 0) {
     return real(simulator::treePath(path).c_str());
+  }
+  if ((flags & O_DIRECTORY) != 0) {
+    return openDirectory(path, -1, [&] { return real(simulator::treePath(path).c_str()); });
   }
   return path.attributes != nullptr ? simulator::openAttribute(path, flags)
                                     : openPlain(path, flags, real);
@@ -272,12 +287,7 @@ DIR* opendir(const char* name) {
   if (!path) {
     return real(name);
   }
-  int error = simulator::admit("list " + path->full);
-  DIR* const directory = error != 0 ? nullptr : real(name);
-  error = error != 0 || directory != nullptr ? error : errno;
-  simulator::traceResult("list " + path->full, error);
-  errno = error;
-  return directory;
+  return openDirectory(*path, static_cast<DIR*>(nullptr), [&] { return real(name); });
 }
 
 ssize_t write(int fd, const void* data, size_t size) {
