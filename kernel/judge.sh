@@ -60,7 +60,8 @@ compare report.json "$simulated/report.json"
 # What has been captured there is the same instrument here, and once more.
 [ "$(cat "$results/capture.status")" = 0 ] || fail "not all can be captured: $results/capture"
 build/dev/simulator/talvero-sim --fast --instrument "$results/captured.conf" -- \
-  build/dev/bist/talvero-bist --json report --power-cycle >"$simulated/replayed.json"
+  build/dev/bist/talvero-bist --json report --power-cycle >"$simulated/replayed.json" ||
+  fail "the report fails on the replay of the capture: $simulated/replayed.json"
 compare report.json "$simulated/replayed.json"
 build/dev/simulator/talvero-sim --fast --instrument "$results/captured.conf" -- \
   build/dev/bist/talvero-bist capture "$simulated/captured.conf" >/dev/null

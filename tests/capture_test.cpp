@@ -46,14 +46,11 @@ std::vector<std::string> linesOf(const std::string& file) {
 /// to give the same report and the same capture. Returns the capture.
 std::string expectSameReplayed(const TemporaryDirectory& directory, const std::string& instrument,
                                const std::string& script = "") {
+  const std::string commands = "; echo $?; bist --json report --power-cycle";
   const std::string first =
-      onInstrument(directory, instrument,
-                   script + " bist capture first.conf; echo $?; bist --json report --power-cycle")
-          .output;
+      onInstrument(directory, instrument, script + " bist capture first.conf" + commands).output;
   const std::string second =
-      onInstrument(directory, "first.conf",
-                   "bist capture second.conf; echo $?; bist --json report --power-cycle")
-          .output;
+      onInstrument(directory, "first.conf", "bist capture second.conf" + commands).output;
   const std::string report = "\n{\n";
   EXPECT_TRUE(first.substr(first.find(report)) == second.substr(second.find(report)))
       << instrument << script << first << second;
@@ -153,8 +150,8 @@ TEST_F(Capture, IsWhatTheInstrumentIs) {
     const bool broken = instrument.find("broken") != std::string::npos;
     EXPECT_THAT(captured, StartsWith("# Captured at 1970-01-02T00:00:00Z on "));
     EXPECT_EQ(captured.find("# Not") != std::string::npos, broken) << captured;
-    if (instrument.find("/kernel/") != std::string::npos) {
-      continue;  // it has lines that the library does not know
+    if (!broken && instrument.find("full") == std::string::npos) {
+      continue;
     }
     // As it is found, and as the simulator itself says that it is.
     onInstrument(directory, instrument, "bist capture again.conf", "--fast --state left.conf");
@@ -265,22 +262,16 @@ present=no
 
 TEST_F(Capture, FollowsWhatHasHappened) {
   const char* const scripts[] = {
-      "bist report --power-cycle >log;",
-      "bist prbs 2 --seconds 1 >log;",
-      "bist tx 0 --drive-level 3 >log;",
+      "bist report --power-cycle >log; bist tx 0 --drive-level 3 >log; bist shim 1 >log;",
       "bist power 1 off >log;",
-      "bist shim 1 >log;",
-      "change \"pci port5 present=no\";",
-      "change \"pci port1 link=down\" \"pci root latch-uncorrectable=0x20\";",
-      "change \"expander 30-0041 present=no\";",
-      "change \"expander 10-0041 present=no\" \"gpio 80=high\";",
-      "change \"mux 2-0070 present=no\";",
-      "change \"clock 1=off\";",
-      "change \"pci shim-port1 readable=no\" \"pci switch register-1e8=0x5\";",
-      // PRBS and loopback master are left on at port1.
+      "change \"pci port5 present=no\" \"pci port1 link=down\" \"pci root latch-correctable=1\";",
+      "change \"expander 30-0041 present=no\" \"gpio 80=high\";",
+      "change \"expander 10-0041 present=no\" \"clock 1=off\" \"pci switch readable=no\";",
+      "change \"mux 2-0070 present=no\" \"pci switch register-1e8=0x5\";",
+      // PRBS and loopback master are left on at port1, and a line is an output.
       "config=/sys/bus/pci/devices/0000:01:00.0/config;"
       "printf \"\\\\001\" | dd of=$config bs=1 seek=607 conv=notrunc 2>log;"
-      "printf \"\\\\001\" | dd of=$config bs=1 seek=548 conv=notrunc 2>log;",
+      "printf \"\\\\001\" | dd of=$config bs=1 seek=548 conv=notrunc 2>log;"
       "echo 12 >/sys/class/gpio/export; echo high >/sys/class/gpio/gpio12/direction;",
   };
   for (const char* const script : scripts) {
@@ -411,13 +402,12 @@ TEST_F(Capture, SaysWhatADescriptionCannot) {
     mkdir $tree/child
     bist capture c.conf)");
   EXPECT_EQ(outcome.status, 0) << outcome.errors << outcome.output;
-  EXPECT_THAT(
-      contentOf(file("c.conf")),
-      AllOf(HasSubstr("# Not described: [module 11-0050] compatible=<0x612c6200 0x632c6400>: unk"),
-            HasSubstr("# Not described: [module 11-0050] reg=<0x50>: unknown key\n"),
-            HasSubstr("[module 11-0050] solution=two?texts?: not a line of text\n"),
-            HasSubstr("[module 11-0050] system= blank: not a line of text\n"),
-            Not(HasSubstr("child"))));
+  EXPECT_THAT(contentOf(file("c.conf")),
+              AllOf(HasSubstr("# Not described: [module 11-0050] has the properties "
+                              "compatible=<0x612c6200 0x632c6400>, reg=<0x50>\n"),
+                    HasSubstr("[module 11-0050] solution=two?texts?: not a line of text\n"),
+                    HasSubstr("[module 11-0050] system= blank: not a line of text\n"),
+                    Not(HasSubstr("child"))));
 }
 
 TEST_F(Capture, OfANewerVersionIsRefusedWithThat) {

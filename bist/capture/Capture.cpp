@@ -19,6 +19,12 @@
 #include "simulator/parts/PowerLinks.h"
 #include "simulator/parts/Values.h"
 
+namespace {
+
+bool isControl(char letter) { return static_cast<unsigned char>(letter) < ' ' || letter == '\x7F'; }
+
+}  // namespace
+
 void Capture::begin(const std::string& group) const {
   std::string instance;
   simulator::groupOf(group, instance).begin(*hardware, instance);
@@ -26,22 +32,22 @@ void Capture::begin(const std::string& group) const {
 
 void Capture::say(const std::string& group, const std::string& key, const std::string& value) {
   // A description's values are lines that do not begin with a blank.
-  bool isLine = value.empty() || value[0] != ' ';
-  for (const char letter : value) {
-    isLine = isLine && static_cast<unsigned char>(letter) >= ' ' && letter != '\x7F';
-  }
+  const bool isLine =
+      (value.empty() || value[0] != ' ') && std::none_of(value.begin(), value.end(), isControl);
   try {
     if (!isLine) {
       throw std::runtime_error("not a line of text");
     }
     simulator::apply(*hardware, {group, key, value});
   } catch (const std::runtime_error& reason) {
-    std::string shown;
-    for (const char letter : value) {
-      shown += static_cast<unsigned char>(letter) >= ' ' && letter != '\x7F' ? letter : '?';
-    }
-    notSaid.push_back("[" + group + "] " + key + "=" + shown + ": " + reason.what());
+    remark("[" + group + "] " + key + "=" + value + ": " + reason.what());
   }
+}
+
+void Capture::remark(const std::string& text) {
+  std::string line = text;
+  std::replace_if(line.begin(), line.end(), isControl, '?');
+  notSaid.push_back(line);
 }
 
 void Capture::cannotRead(const std::string& what, int error) {
@@ -115,8 +121,7 @@ void compareDevices(Capture& capture, const State& described) {
     const std::string directory = simulator::i2c::directoryOf(described.hardware, device);
     for (const Capture::Device& read : capture.devices) {
       if (device.described && read.name == name && read.directory != directory) {
-        capture.notSaid.push_back("device " + name + " is " + read.directory + ", described " +
-                                  directory);
+        capture.remark("device " + name + " is " + read.directory + ", described " + directory);
       }
     }
   }
@@ -154,8 +159,8 @@ void comparePowerLinks(Capture& capture, const State& described) {
     const int number = simulator::power::firstLine(described.hardware, link.module) + link.isDone;
     for (const Capture::Line& line : capture.lines) {
       if (line.number == link.number && describedNumber(described, line) != number) {
-        capture.notSaid.push_back(link.name + " is line " + std::to_string(link.number) +
-                                  ", described " + std::to_string(number));
+        capture.remark(link.name + " is line " + std::to_string(link.number) + ", described " +
+                       std::to_string(number));
       }
     }
   }
@@ -166,15 +171,15 @@ void compareLines(Capture& capture, const State& described) {
     const int number = describedNumber(described, read);
     const simulator::GpioLine* const line = simulator::gpio::lineOf(described.hardware, number);
     if (line == nullptr) {
-      capture.notSaid.push_back("line " + std::to_string(read.number) + " reads " + read.value +
-                                ", and is none described");
+      capture.remark("line " + std::to_string(read.number) + " reads " + read.value +
+                     ", and is none described");
       continue;
     }
     const std::string value =
         simulator::gpio::levelOf(described, number) != line->activeLow ? "1" : "0";
     if (value != read.value) {
-      capture.notSaid.push_back("line " + std::to_string(read.number) + " reads " + read.value +
-                                ", described " + value);
+      capture.remark("line " + std::to_string(read.number) + " reads " + read.value +
+                     ", described " + value);
     }
   }
 }
@@ -188,15 +193,15 @@ void compareSpace(Capture& capture, State& described, const Capture::Space& spac
     return value;
   };
   if (at(0) == ~0U) {
-    capture.notSaid.push_back(name + " answers, described as behind a link that is down");
+    capture.remark(name + " answers, described as behind a link that is down");
     return;
   }
   for (std::uint32_t offset = 0; offset + 4 <= space.bytes.size(); offset += 4) {
     std::uint32_t read = 0;
     std::memcpy(&read, space.bytes.data() + offset, sizeof read);
     if (at(offset) != read) {
-      capture.notSaid.push_back(name + " register " + hexText(offset).substr(2) + " reads " +
-                                hexText(read) + ", described " + hexText(at(offset)));
+      capture.remark(name + " register " + hexText(offset).substr(2) + " reads " + hexText(read) +
+                     ", described " + hexText(at(offset)));
     }
   }
 }

@@ -58,6 +58,9 @@ struct Capture {
   /// Gives a key of the description a value, or remarks that it cannot be said.
   void say(const std::string& group, const std::string& key, const std::string& value);
 
+  /// Remarks what a description cannot say.
+  void remark(const std::string& text);
+
   /// Remarks that something cannot be read, for an errno value.
   void cannotRead(const std::string& what, int error);
 

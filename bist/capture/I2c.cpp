@@ -87,10 +87,16 @@ std::string propertyText(const std::string& content) {
   return "<" + cells + ">";
 }
 
+bool isDescribed(const std::string& property) {
+  return std::find(std::begin(simulator::nodePropertyNames), std::end(simulator::nodePropertyNames),
+                   property) != std::end(simulator::nodePropertyNames);
+}
+
 /// The node of a module: all of its properties, of which a description knows some.
 void captureModule(Capture& capture, const Found& found,
                    const std::vector<std::string>& properties) {
   const std::string group = "module " + found.name;
+  std::string others;
   for (const std::string& property : properties) {
     std::string content;
     const int error = readFile(found.directory + "/of_node/" + property, content);
@@ -99,9 +105,14 @@ void captureModule(Capture& capture, const Found& found,
     }
     if (error != 0) {
       capture.cannotRead(found.name + " of_node/" + property, error);
-    } else {
+    } else if (isDescribed(property)) {
       capture.say(group, property, propertyText(content));
+    } else {
+      others += (others.empty() ? "" : ", ") + property + "=" + propertyText(content);
     }
+  }
+  if (!others.empty()) {
+    capture.remark("[" + group + "] has the properties " + others);
   }
   if (!found.openable) {
     capture.say(group, "openable", "no");
@@ -109,10 +120,7 @@ void captureModule(Capture& capture, const Found& found,
 }
 
 bool isModule(const std::vector<std::string>& properties) {
-  return std::any_of(std::begin(simulator::nodePropertyNames),
-                     std::end(simulator::nodePropertyNames), [&](const char* name) {
-                       return std::binary_search(properties.begin(), properties.end(), name);
-                     });
+  return std::any_of(properties.begin(), properties.end(), isDescribed);
 }
 
 /// The chip of an expander, if it has one: what its files say.

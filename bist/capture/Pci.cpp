@@ -127,9 +127,8 @@ class Fabric {
     }
     for (const auto& [address, device] : devices) {
       if (!isFound(device)) {
-        capture.notSaid.push_back(address + " (" + hexText(device.ids) + ", class " +
-                                  hexText(device.classCode) +
-                                  ") is no device of a fabric that is described");
+        capture.remark(address + " (" + hexText(device.ids) + ", class " +
+                       hexText(device.classCode) + ") is no device of a fabric that is described");
       }
     }
   }
@@ -237,23 +236,17 @@ class Fabric {
   }
 
   bool linkIsUp(PciPlace place) const {
-    return (linkStatus(*found.at(place)) & PCI_EXP_LNKSTA_DLLLA) != 0 || answersBelow(place);
+    return (linkStatus(place, *found.at(place)) & PCI_EXP_LNKSTA_DLLLA) != 0 || answersBelow(place);
   }
 
-  static std::uint32_t linkStatus(const Device& device) {
-    std::uint32_t capability = load(device, PCI_CAPABILITY_LIST, 1);
-    for (int count = 0; count < 48 && capability != 0; ++count) {
-      if (load(device, capability, 1) == PCI_CAP_ID_EXP) {
-        return load(device, capability + PCI_EXP_LNKSTA, 2) & ~std::uint32_t{PCI_EXP_LNKSTA_LT};
-      }
-      capability = load(device, capability + PCI_CAP_LIST_NEXT, 1);
-    }
-    return 0;
+  static std::uint32_t linkStatus(PciPlace place, const Device& device) {
+    return load(device, simulator::pci::linkStatusOffset(place), 2) &
+           ~std::uint32_t{PCI_EXP_LNKSTA_LT};
   }
 
   /// The link below a root or downstream port, or the one above a switch.
   void describeLink(PciPlace place, const Device& device) {
-    const std::uint32_t status = linkStatus(device);
+    const std::uint32_t status = linkStatus(place, device);
     if (simulator::pci::isSwitch(place)) {  // whose port above shows that it is active
       capture.say(groupOf(place), "link-status", hexText(status | PCI_EXP_LNKSTA_DLLLA));
     } else if (linkIsUp(place)) {

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "simulator/parts/Part.h"
 
@@ -23,27 +24,28 @@ struct Statement {
 
 using Statements = std::vector<Statement>;
 
-/// Adds what has to be said of one instance so that `known` comes to it.
-void addInstance(Statements& statements, const Group& group, const std::string& instance,
-                 const Entries& entries, Hardware& known) {
-  if (group.begin != nullptr) {
-    group.begin(known, instance);
-  }
-  std::map<std::string, std::string> before;
-  for (const Entry& entry : group.describe(known)) {
-    if (entry.instance == instance && !entry.key.empty()) {
-      before[entry.key] = entry.value;
+/// Adds what has to be said of a group's instances so that `known` comes to them.
+void addGroup(Statements& statements, const Group& group, const Entries& entries, Hardware& known) {
+  for (const Entry& entry : entries) {
+    if (group.begin != nullptr) {
+      group.begin(known, entry.instance);
     }
   }
-  const std::string name = group.kind + std::string(group.hasInstance ? " " : "") + instance;
+  std::map<std::pair<std::string, std::string>, std::string> before;
+  for (const Entry& entry : group.describe(known)) {
+    if (!entry.key.empty()) {
+      before[{entry.instance, entry.key}] = entry.value;
+    }
+  }
   for (const Entry& entry : entries) {
-    const auto same = before.find(entry.key);
-    if (entry.instance != instance || (same != before.end() && same->second == entry.value)) {
+    const auto same = before.find({entry.instance, entry.key});
+    if (same != before.end() && same->second == entry.value) {
       continue;
     }
-    statements.push_back({name, entry.key, entry.value});
+    statements.push_back({group.kind + std::string(group.hasInstance ? " " : "") + entry.instance,
+                          entry.key, entry.value});
     if (!entry.key.empty()) {
-      group.set(known, instance, entry.key, entry.value);
+      group.set(known, entry.instance, entry.key, entry.value);
     }
   }
 }
@@ -54,14 +56,7 @@ Statements statementsOf(const Hardware& hardware) {
   for (const Part* part : parts) {
     for (std::size_t index = 0; index < part->groupCount; ++index) {
       const Group& group = part->groups[index];
-      const Entries entries = group.describe(hardware);
-      std::string last = "none";
-      for (const Entry& entry : entries) {
-        if (entry.instance != last) {
-          last = entry.instance;
-          addInstance(statements, group, last, entries, *known);
-        }
-      }
+      addGroup(statements, group, group.describe(hardware), *known);
     }
   }
   return statements;

@@ -139,7 +139,7 @@ void showLink(const State& state, PciDevice& device, PciPlace place) {
   if (isSwitch(place)) {  // the port above shows these
     status &= static_cast<std::uint16_t>(~(PCI_EXP_LNKSTA_DLLLA | PCI_EXP_LNKSTA_LT));
   }
-  put(device, layoutOf(place).pcie + PCI_EXP_LNKSTA, status);
+  put(device, linkStatusOffset(place), status);
 }
 
 void showHardware(State& state, PciDevice& device) {
@@ -416,6 +416,8 @@ void reset(PciDevice& device, PciPlace place) {
   put(device, layout.aer + PCI_ERR_CAP,
       std::uint32_t{PCI_ERR_CAP_ECRC_GENC | PCI_ERR_CAP_ECRC_CHKC});
 }
+
+std::uint32_t linkStatusOffset(PciPlace place) { return layoutOf(place).pcie + PCI_EXP_LNKSTA; }
 
 std::uint32_t madeUpBits(PciPlace place, std::uint32_t word) {
   if (word == layoutOf(place).pcie + PCI_EXP_LNKCTL) {

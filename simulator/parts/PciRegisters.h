@@ -34,6 +34,9 @@ bool isSwitch(PciPlace place);  ///< the upstream port, which has the switch's r
 /// Fills a configuration space with what it holds after a reset, but for the numbers of its buses.
 void reset(PciDevice& device, PciPlace place);
 
+/// Where the devices have their Link Status register.
+std::uint32_t linkStatusOffset(PciPlace place);
+
 /// The bits of a 32-bit word that show what the hardware does, whatever has been put there.
 std::uint32_t madeUpBits(PciPlace place, std::uint32_t word);
 
