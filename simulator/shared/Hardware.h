@@ -58,7 +58,7 @@ struct I2cDevice {
   bool absent;      ///< as if it had not been described
   bool unopenable;  ///< libudev lists it but cannot open it
   Kind kind;
-  Gpio gpio;     ///< of an expander
+  Gpio gpio;      ///< of an expander
   int gpioBase;   ///< number of the first line of an expander's chip; 0 while there is none
   int firstLine;  ///< number that it is given; 0 for the first one that is free
   unsigned int bus;
