@@ -101,6 +101,7 @@ top=i2c-2/1
 system=
 openable=no
 2k4k=<1 0x20000>
+solution=<>
 [expander 11-0041]
 base=700
 first-line=600
@@ -205,6 +206,7 @@ base=missing
 id=1
 top=i2c-2/1
 system=
+solution=<>
 2k4k=<0x1 0x20000>
 openable=no
 
@@ -345,6 +347,9 @@ TEST_F(Capture, RemarksWhatCannotBeRead) {
       {"[fail read */of_node/top]", "2-0050 of_node/top: EIO"},
       {"[fail read */gpio_module1_seq_done/value]", "gpio_module1_seq_done: EIO"},
       {"[fail read */ngpio]", "/ngpio: EIO"},
+      {"[fail write /sys/class/gpio/unexport \"134\"]", "line 134 cannot be unexported again: EIO"},
+      {"[pci root]\nclass=0x060000",
+       "0000:00:00.0 is no root port of an instrument (class 0x60000)"},
   };
   for (const auto& [description, remark] : cases) {
     directory.file("d.conf",
@@ -373,17 +378,36 @@ TEST_F(Capture, EndsWithoutAnInstrumentOrAFile) {
   directory.file("nothing.conf", "[faults]\ngpio-export=on\n");
   Outcome outcome = onInstrument(directory, "nothing.conf", "bist capture c.conf");
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(outcome.errors, "talvero-bist: no instrument here: nothing of one can be read\n");
+  EXPECT_THAT(
+      outcome.errors,
+      StartsWith("talvero-bist: no instrument here: nothing of one can be read; line 80: EACCES "
+                 "(Permission denied); line 127: EACCES"));
   EXPECT_FALSE(fs::exists(file("c.conf")));
 
+  outcome = onInstrument(directory, "full", "bist capture c.conf --no-export");
+  EXPECT_EQ(outcome.status, 0) << "expanders and links can be read all the same";
+  directory.file("lines.conf", "[board]\nstraps=100010\n");
+  outcome = onInstrument(directory, "lines.conf", "bist capture c.conf --no-export");
+  EXPECT_THAT(outcome.errors,
+              EndsWith("; no line is exported, and --no-export leaves the others out\n"));
+  outcome = onInstrument(directory, "full", "SOURCE_DATE_EPOCH=1e9 bist capture c.conf");
+  EXPECT_EQ(outcome.errors,
+            "talvero-bist: SOURCE_DATE_EPOCH must be seconds since 1970, not \"1e9\"\n");
+
+  EXPECT_EQ(onInstrument(directory, "full", "bist capture nowhere/c.conf").errors,
+            "talvero-bist: nowhere/c.conf: cannot be written (No such file or directory)\n");
   directory.file("kept.conf", "before");
-  fs::create_directory(file("kept.conf.part"));
-  outcome = onInstrument(directory, "full", "bist capture kept.conf");
-  EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(outcome.errors, "talvero-bist: kept.conf: cannot be written\n");
+  outcome =
+      onInstrument(directory, "full",
+                   "(trap \"\" XFSZ; ulimit -f 0; bist capture kept.conf; echo $?) 2>&1 | cat");
+  EXPECT_EQ(outcome.output, "talvero-bist: kept.conf: cannot be written (File too large)\n2\n");
   EXPECT_EQ(contentOf(file("kept.conf")), "before");
   EXPECT_EQ(onInstrument(directory, "full", "bist capture /dev/full").errors,
-            "talvero-bist: /dev/full: cannot be written\n");
+            "talvero-bist: /dev/full: cannot be written (No space left on device)\n");
+  onInstrument(directory, "mmb", "chmod 640 kept.conf; bist capture kept.conf");
+  EXPECT_EQ(fs::status(file("kept.conf")).permissions(), fs::perms(0640));
+  EXPECT_EQ(std::distance(fs::directory_iterator(directory.path), fs::directory_iterator()), 4)
+      << "no drafts are left";
   EXPECT_THAT(onInstrument(directory, "mmb",
                            "ln -s /proc/self/fd/1 out; bist capture out | cat; [ -L out ]; echo $?")
                   .output,
@@ -424,6 +448,8 @@ TEST_F(Capture, OfANewerVersionIsRefusedWithThat) {
       {"[description]\nformat=2", "[description] format: unknown key\n"},
       {"[description]\nversion=2", "[description] version: must be a version such as 0."},
       {"[description]\nversion=0.1.2x", "[description] version: must be a version such as 0."},
+      {"[description]\nversion=-1.0.0", "[description] version: must be a version such as 0."},
+      {"[description]\nversion=", "[description] version: must be a version such as 0."},
   };
   for (const auto& [text, error] : cases) {
     directory.file("d.conf", text);

@@ -33,7 +33,7 @@ void Capture::begin(const std::string& group) const {
 void Capture::say(const std::string& group, const std::string& key, const std::string& value) {
   // A description's values are lines that do not begin with a blank.
   const bool isLine =
-      (value.empty() || value[0] != ' ') && std::none_of(value.begin(), value.end(), isControl);
+      value.find_first_of(" \t") != 0 && std::none_of(value.begin(), value.end(), isControl);
   try {
     if (!isLine) {
       throw std::runtime_error("not a line of text");
@@ -166,21 +166,19 @@ void comparePowerLinks(Capture& capture, const State& described) {
   }
 }
 
-void compareLines(Capture& capture, const State& described) {
-  for (const Capture::Line& read : capture.lines) {
-    const int number = describedNumber(described, read);
-    const simulator::GpioLine* const line = simulator::gpio::lineOf(described.hardware, number);
-    if (line == nullptr) {
-      capture.remark("line " + std::to_string(read.number) + " reads " + read.value +
-                     ", and is none described");
-      continue;
+void compareLine(Capture& capture, const State& described, const Capture::Line& read) {
+  const int number = describedNumber(described, read);
+  for (const auto& [attribute, value] : read.attributes) {
+    std::string content;
+    const int error = simulator::gpio::openLine(described, number, attribute, content);
+    // Only what is exported can be compared; without its level a line is described as such.
+    if (!value.empty() && error == 0 && withoutEnd(content) != value) {
+      capture.remark("line " + std::to_string(read.number) + " " + attribute + " reads " + value +
+                     ", described " + withoutEnd(content));
     }
-    const std::string value =
-        simulator::gpio::levelOf(described, number) != line->activeLow ? "1" : "0";
-    if (value != read.value) {
-      capture.remark("line " + std::to_string(read.number) + " reads " + read.value +
-                     ", described " + value);
-    }
+  }
+  if (simulator::gpio::lineOf(described.hardware, number) == nullptr) {
+    capture.remark("line " + std::to_string(read.number) + " is none described");
   }
 }
 
@@ -213,7 +211,9 @@ void compareWithDescribed(Capture& capture) {
   const std::unique_ptr<State> state = described(capture);
   compareDevices(capture, *state);
   comparePowerLinks(capture, *state);
-  compareLines(capture, *state);
+  for (const Capture::Line& line : capture.lines) {
+    compareLine(capture, *state, line);
+  }
   for (const Capture::Space& space : capture.spaces) {
     compareSpace(capture, *state, space);
   }
@@ -221,14 +221,14 @@ void compareWithDescribed(Capture& capture) {
 
 int readFile(const std::string& name, std::string& content) {
   content.clear();
-  const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  const auto fd = static_cast<int>(TEMP_FAILURE_RETRY(::open(name.c_str(), O_RDONLY | O_CLOEXEC)));
   if (fd < 0) {
     return errno;
   }
   int error = 0;
   for (ssize_t size = 1; size > 0;) {
     char buffer[4096];
-    size = ::read(fd, buffer, sizeof buffer);
+    size = TEMP_FAILURE_RETRY(::read(fd, buffer, sizeof buffer));
     error = size < 0 ? errno : 0;
     content.append(buffer, static_cast<std::size_t>(size < 0 ? 0 : size));
   }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,7 +19,7 @@ struct Capture {
     int number;            ///< as the kernel has it
     std::string expander;  ///< the device that has the line; empty for the board
     int offset;            ///< in the device's chip
-    std::string value;
+    std::map<std::string, std::string> attributes;  ///< what they hold; nothing for none
   };
   struct Device {
     std::string name;

@@ -73,7 +73,7 @@ void captureChannels(Capture& capture, const Found& found) {
 /// A property as a description has it: a text, or integers.
 std::string propertyText(const std::string& content) {
   const bool isText = !content.empty() && content.find('\0') == content.size() - 1;
-  if (isText || content.empty() || content.size() % 4 != 0) {
+  if (isText || content.size() % 4 != 0) {
     return isText ? content.substr(0, content.size() - 1) : content;
   }
   std::string cells;
@@ -163,8 +163,9 @@ void captureDevice(Capture& capture, const Found& found) {
   } else if (!found.openable) {
     capture.notRead.push_back(found.name + ": libudev cannot open it");
   }
-  if (name == expanderName || !chip.empty()) {
-    const bool hasDirectory = fs::exists(found.directory + "/gpio");
+  std::error_code ignored;
+  const bool hasDirectory = fs::exists(found.directory + "/gpio", ignored);
+  if (name == expanderName || hasDirectory) {
     capture.say("expander " + found.name, "gpio",
                 !chip.empty()  ? "chip"
                 : hasDirectory ? "empty"

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <set>
+#include <utility>
 
 #include "bist/capture/Capture.h"
 
@@ -44,20 +45,23 @@ class ExportedLine {
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &signals);
     error = writeNumber("export", number);
+    isExported = error == 0;
   }
   ~ExportedLine() {
-    if (error == 0) {
-      writeNumber("unexport", number);
-    }
+    release();
     pthread_sigmask(SIG_SETMASK, &signals, nullptr);
   }
   ExportedLine(const ExportedLine&) = delete;
   ExportedLine& operator=(const ExportedLine&) = delete;
 
+  /// Unexports the line; an errno value where that cannot be.
+  int release() { return std::exchange(isExported, false) ? writeNumber("unexport", number) : 0; }
+
   int error = 0;  ///< an errno value where it could not be exported
 
  private:
   int number;
+  bool isExported;
   sigset_t signals{};
 };
 
@@ -83,7 +87,8 @@ std::string readLine(Capture& capture, Capture::Line line, bool exported) {
   const int noValue = readFile(directory + "/value", value);
   // Not every line has these.
   const std::string edge = capture.attribute(directory + "/edge");
-  const bool inverted = capture.attribute(directory + "/active_low") == "1";
+  const std::string activeLow = capture.attribute(directory + "/active_low");
+  const bool inverted = withoutEnd(activeLow) == "1";
   const bool high = (withoutEnd(value) == "1") != inverted;
   const bool output = withoutEnd(direction) == "out";
   std::string words = high && !output && !followsPower(capture, line.number) ? "high" : "low";
@@ -98,10 +103,13 @@ std::string readLine(Capture& capture, Capture::Line line, bool exported) {
     capture.cannotRead(nameOf(line) + " value", noValue);
     words += " no-value";
   } else {
-    line.value = withoutEnd(value);
-    capture.lines.push_back(line);
     capture.foundSomething = true;
   }
+  line.attributes = {{"value", withoutEnd(value)},
+                     {"direction", withoutEnd(direction)},
+                     {"active_low", withoutEnd(activeLow)},
+                     {"edge", edge}};
+  capture.lines.push_back(line);
   if (!edge.empty() && edge != "none") {
     words += " edge-" + edge;
   }
@@ -117,9 +125,13 @@ std::string wordsOf(Capture& capture, const Capture::Line& line) {
     capture.leftOut.push_back(nameOf(line));
     return "";
   }
-  const ExportedLine exported(line.number);
+  ExportedLine exported(line.number);
   if (exported.error == 0) {
-    return readLine(capture, line, false);
+    const std::string words = readLine(capture, line, false);
+    if (const int error = exported.release()) {
+      capture.cannotRead(nameOf(line) + " cannot be unexported again", error);
+    }
+    return words;
   }
   capture.cannotRead(nameOf(line), exported.error);
   return exported.error == EINVAL ? "low missing" : exported.error == EBUSY ? "low busy" : "";
@@ -141,10 +153,10 @@ std::set<int> exportedLines(Capture& capture) {
 Capture::Line lineOf(const Capture& capture, int number) {
   for (const Capture::Chip& chip : capture.chips) {
     if (number >= chip.base && number < chip.base + chip.count) {
-      return {number, chip.expander, number - chip.base, ""};
+      return {number, chip.expander, number - chip.base, {}};
     }
   }
-  return {number, "", number, ""};
+  return {number, "", number, {}};
 }
 
 }  // namespace

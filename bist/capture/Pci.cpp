@@ -112,8 +112,13 @@ class Fabric {
 
   void read() {
     const auto root = devices.find("0000:00:00.0");
-    // On a machine that is no instrument this is a host bridge, which is not touched.
-    if (root == devices.end() || !isBridge(root->second)) {
+    // On a machine that is no instrument this is a host bridge, and none of it is touched.
+    if (root != devices.end() && !isBridge(root->second)) {
+      capture.notRead.push_back(
+          "PCI devices: 0000:00:00.0 is no root port of an instrument (class " +
+          hexText(root->second.classCode) + ")");
+    }
+    if (root == devices.end() ? devices.count("0000:01:00.0") == 0 : !isBridge(root->second)) {
       return;
     }
     capture.foundSomething = true;
@@ -159,7 +164,9 @@ class Fabric {
   void readPlace(const Place& place) {
     const std::uint32_t bus =
         place.place == rootPort ? 0 : busBelow(place.above).value_or(place.usualBus);
-    Device* const device = at(bus, place.number);
+    // A program may have given the bridge above another number.
+    Device* const known = at(bus, place.number);
+    Device* const device = known != nullptr ? known : at(place.usualBus, place.number);
     if (device == nullptr) {
       capture.say(groupOf(place.place), "present", "no");
       return;

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "bist/capture/Capture.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 #include "bist/Command.h"
@@ -15,8 +18,6 @@
 #include "simulator/parts/Description.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string file;
 bool noExport = false;
@@ -33,7 +34,16 @@ void addOptions(CLI::App& app) {
 /// Now or, where captures are to be compared, the time that the environment says.
 std::string timeText() {
   const char* const given = std::getenv("SOURCE_DATE_EPOCH");
-  const std::time_t time = given == nullptr ? std::time(nullptr) : std::atoll(given);
+  std::time_t time = std::time(nullptr);
+  if (given != nullptr) {
+    const std::string digits = given;
+    if (digits.empty() || digits.size() > 11 ||
+        digits.find_first_not_of("0123456789") != std::string::npos) {
+      throw std::runtime_error("SOURCE_DATE_EPOCH must be seconds since 1970, not \"" + digits +
+                               "\"");
+    }
+    time = static_cast<std::time_t>(std::stoll(digits));
+  }
   char text[32];
   std::tm parts{};
   gmtime_r(&time, &parts);
@@ -76,34 +86,80 @@ std::vector<std::string> commentsOf(const Capture& capture) {
   return comments;
 }
 
-void write(const Capture& capture, const std::string& name) {
-  std::ofstream stream(name);
-  stream << simulator::descriptionFile(commentsOf(capture), *capture.hardware);
-  if (!stream.flush()) {
-    throw std::runtime_error(file + ": cannot be written");
-  }
+std::runtime_error cannotBeWritten(int error) {
+  return std::runtime_error(file + ": cannot be written (" + std::strerror(error) + ")");
 }
 
-/// Takes the file's place once all is written: a capture from before is kept until then. What is no
-/// file itself, such as /dev/stdout, keeps its place.
-void replace(const Capture& capture) {
-  const fs::file_type type = fs::symlink_status(file).type();
-  if (type != fs::file_type::not_found && type != fs::file_type::regular) {
-    write(capture, file);
-    return;
+/// The file that is written, which takes the place of the one asked for once all is in it: a
+/// capture from before is kept until then. What is no file itself, such as /dev/stdout, keeps its
+/// place, and so does a file in a directory where nobody may create one.
+class Draft {
+ public:
+  Draft() {
+    struct stat before {};
+    const bool exists = lstat(file.c_str(), &before) == 0;
+    if (!exists || S_ISREG(before.st_mode)) {
+      name = file + ".XXXXXX";
+      fd = ::mkostemp(name.data(), O_CLOEXEC);
+    }
+    if (fd >= 0) {
+      const mode_t mask = ::umask(0);
+      ::umask(mask);
+      ::fchmod(fd, exists ? before.st_mode & 07777 : 0666 & ~mask);
+    } else if (exists) {
+      name.clear();
+      fd = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
+    }
+    if (fd < 0) {
+      throw cannotBeWritten(errno);
+    }
   }
-  const std::string draft = file + ".part";
-  try {
-    write(capture, draft);
-    fs::rename(draft, file);
-  } catch (...) {
-    std::error_code ignored;
-    fs::remove(draft, ignored);
-    throw;
+  ~Draft() {
+    ::close(fd);
+    if (!name.empty()) {
+      ::unlink(name.c_str());
+    }
   }
+  Draft(const Draft&) = delete;
+  Draft& operator=(const Draft&) = delete;
+
+  void write(const std::string& text) {
+    if (name.empty()) {
+      (void)!::ftruncate(fd, 0);  // of a file; others have no length
+    }
+    for (std::size_t done = 0; done < text.size();) {
+      const ssize_t size = TEMP_FAILURE_RETRY(::write(fd, text.data() + done, text.size() - done));
+      if (size < 0) {
+        throw cannotBeWritten(errno);
+      }
+      done += static_cast<std::size_t>(size);
+    }
+    if (!name.empty() && ::rename(name.c_str(), file.c_str()) != 0) {
+      throw cannotBeWritten(errno);
+    }
+    name.clear();
+  }
+
+ private:
+  std::string name;  // of a file that takes the other one's place; or empty
+  int fd = -1;
+};
+
+/// Why nothing has been found.
+std::runtime_error nothingFound(const Capture& capture) {
+  std::string text = "no instrument here: nothing of one can be read";
+  for (const std::string& reason : capture.notRead) {
+    text += "; " + reason;
+  }
+  if (!capture.leftOut.empty()) {
+    text += "; no line is exported, and --no-export leaves the others out";
+  }
+  return std::runtime_error(text);
 }
 
 void run(Report& report) {
+  timeText();  // throws for a wrong one before anything is done
+  Draft draft;
   Capture capture;
   capture.exportsLines = !noExport;
   captureI2c(capture);
@@ -111,11 +167,11 @@ void run(Report& report) {
   captureLines(capture);
   capturePci(capture);
   if (!capture.foundSomething) {
-    throw std::runtime_error("no instrument here: nothing of one can be read");
+    throw nothingFound(capture);
   }
   captureBehaviour(capture);
   compareWithDescribed(capture);
-  replace(capture);
+  draft.write(simulator::descriptionFile(commentsOf(capture), *capture.hardware));
   Section section{"capture", "Capture"};
   section.lines = {{"description", file}};
   for (const std::string& remark : capture.notRead) {

@@ -4,10 +4,10 @@
 #include <glib.h>
 
 #include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <sstream>
 
 #include "simulator/parts/Changes.h"
@@ -49,26 +49,25 @@ void readGroup(Hardware& hardware, GKeyFile* file, const std::string& fileName,
   }
 }
 
-/// The version that a description was written by; empty where it does not say.
+/// The version that a description was written by; this one where it does not say.
 std::string versionOf(GKeyFile* file) {
   const Owned<char> version(g_key_file_get_value(file, versionGroup, versionKey, nullptr));
-  return version == nullptr ? "" : version.get();
+  return version == nullptr ? TALVERO_VERSION : version.get();
 }
 
 /// The numbers of a version such as 0.2.0, by which versions compare.
-std::array<unsigned int, 3> numbersOf(const std::string& version) {
-  std::array<unsigned int, 3> numbers{};
-  char more = '\0';
-  if (std::sscanf(version.c_str(), "%6u.%6u.%6u%c", &numbers[0], &numbers[1], &numbers[2], &more) !=
-      3) {
+std::array<unsigned long, 3> numbersOf(const std::string& version) {
+  static const auto& pattern = *new std::regex("([0-9]{1,6})[.]([0-9]{1,6})[.]([0-9]{1,6})");
+  std::smatch match;
+  if (!std::regex_match(version, match, pattern)) {
     throw mustBe("a version such as " TALVERO_VERSION, version);
   }
-  return numbers;
+  return {std::stoul(match[1]), std::stoul(match[2]), std::stoul(match[3])};
 }
 
 /// What an error in a description of a newer version has to add: its keys may be unknown here.
 std::string hintAtVersion(const std::string& version) {
-  return version.empty() || numbersOf(version) <= numbersOf(TALVERO_VERSION)
+  return numbersOf(version) <= numbersOf(TALVERO_VERSION)
              ? ""
              : "; the description is of version " + version + ", newer than this one, " +
                    TALVERO_VERSION;

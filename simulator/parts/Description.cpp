@@ -67,13 +67,11 @@ constexpr struct {
   const char* group;
   const char* key;
 } behaviour[] = {
-    {"power *", "on-delay"},   {"power *", "off-delay"},
-    {"power *", "flicker"},    {"power *", "supply"},
-    {"power *", "since"},      {"clock", "*"},
-    {"pci *", "*correctable"}, {"pci *", "loopback"},
-    {"pci *", "prbs*"},        {"pci *", "stuck-*"},
-    {"pci *", "trained"},      {"faults", "*"},
-    {"fail *", "*"},           {"at *", "*"},
+    {"power *", "on-delay"},   {"power *", "off-delay"}, {"power *", "flicker"},
+    {"power *", "supply"},     {"power *", "since"},     {"clock", "*"},
+    {"pci *", "*correctable"}, {"pci *", "loopback"},    {"pci *", "prbs*"},
+    {"pci *", "stuck-*"},      {"pci *", "trained"},     {"pci *", "link"},
+    {"faults", "*"},           {"fail *", "*"},          {"at *", "*"},
     {"after *", "*"},
 };
 
