@@ -54,7 +54,7 @@ std::string expectSameReplayed(const TemporaryDirectory& directory, const std::s
   const std::string report = "\n{\n";
   EXPECT_TRUE(first.substr(first.find(report)) == second.substr(second.find(report)))
       << instrument << script << first << second;
-  const std::string captured = contentOf(directory.path + "/first.conf");
+  std::string captured = contentOf(directory.path + "/first.conf");
   EXPECT_EQ(captured, contentOf(directory.path + "/second.conf")) << instrument << script;
   return captured;
 }
@@ -262,6 +262,13 @@ present=no
 )");
 }
 
+// PRBS and loopback master are left on at port1, and a line is an output.
+constexpr char leftOn[] =
+    "config=/sys/bus/pci/devices/0000:01:00.0/config;"
+    "printf \"\\\\001\" | dd of=$config bs=1 seek=607 conv=notrunc 2>log;"
+    "printf \"\\\\001\" | dd of=$config bs=1 seek=548 conv=notrunc 2>log;"
+    "echo 12 >/sys/class/gpio/export; echo high >/sys/class/gpio/gpio12/direction;";
+
 TEST_F(Capture, FollowsWhatHasHappened) {
   const char* const scripts[] = {
       "bist report --power-cycle >log; bist tx 0 --drive-level 3 >log; bist shim 1 >log;",
@@ -270,11 +277,7 @@ TEST_F(Capture, FollowsWhatHasHappened) {
       "change \"expander 30-0041 present=no\" \"gpio 80=high\";",
       "change \"expander 10-0041 present=no\" \"clock 1=off\" \"pci switch readable=no\";",
       "change \"mux 2-0070 present=no\" \"pci switch register-1e8=0x5\";",
-      // PRBS and loopback master are left on at port1, and a line is an output.
-      "config=/sys/bus/pci/devices/0000:01:00.0/config;"
-      "printf \"\\\\001\" | dd of=$config bs=1 seek=607 conv=notrunc 2>log;"
-      "printf \"\\\\001\" | dd of=$config bs=1 seek=548 conv=notrunc 2>log;"
-      "echo 12 >/sys/class/gpio/export; echo high >/sys/class/gpio/gpio12/direction;",
+      leftOn,
   };
   for (const char* const script : scripts) {
     expectSameReplayed(directory, "full", script);
