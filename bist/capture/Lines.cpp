@@ -127,7 +127,7 @@ std::string wordsOf(Capture& capture, const Capture::Line& line) {
   }
   ExportedLine exported(line.number);
   if (exported.error == 0) {
-    const std::string words = readLine(capture, line, false);
+    std::string words = readLine(capture, line, false);
     if (const int error = exported.release()) {
       capture.cannotRead(nameOf(line) + " cannot be unexported again", error);
     }
