@@ -67,4 +67,9 @@ build/dev/simulator/talvero-sim --fast --instrument "$results/captured.conf" -- 
   build/dev/bist/talvero-bist capture "$simulated/captured.conf" >/dev/null
 diff -u <(grep -v '^#' "$results/captured.conf") <(grep -v '^#' "$simulated/captured.conf") >&2 ||
   fail "the replay of the capture is captured otherwise"
+sed -n 's/^# Not //p' "$results/captured.conf" >"$simulated/remarks"
+diff -u <(grep -v '^#' kernel/differences/captured.conf) "$simulated/remarks" >&2 ||
+  fail "the capture has other remarks than are listed"
+diff -u "$results/lines.before" "$results/lines.after" >&2 ||
+  fail "the capture leaves other lines exported"
 echo "captured.conf: $(wc -l <"$results/captured.conf") lines, replayed and captured again"

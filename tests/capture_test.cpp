@@ -333,7 +333,7 @@ TEST_F(Capture, RemarksWhatCannotBeRead) {
     const char* description;
     const char* remark;
   } cases[] = {
-      {"[faults]\nudev-context=on", "I2C devices: libudev does not list them"},
+      {"[faults]\nudev-context=on", "I2C devices: libudev does not list them, or not all"},
       {"[fail udev_enumerate_scan_devices]", "I2C devices: libudev does not list them"},
       {"[faults]\ngpio-export=on", "line 135: EACCES (Permission denied)"},
       {"[fail open /sys/class/gpio/export]\nerror=EIO", "line 80: EIO (Input/output error)"},
@@ -435,6 +435,33 @@ TEST_F(Capture, SaysWhatADescriptionCannot) {
                     HasSubstr("[module 11-0050] solution=two?texts?: not a line of text\n"),
                     HasSubstr("[module 11-0050] system= blank: not a line of text\n"),
                     Not(HasSubstr("child"))));
+}
+
+TEST_F(Capture, RemarksWhatTheReplayWouldAnswerOtherwise) {
+  const std::string pci = "$UMOCKDEV_DIR/sys/bus/pci/devices";
+  const std::string link = "/sys/platform/gpio_module";
+  const struct {
+    std::string script;
+    const char* remark;
+  } cases[] = {
+      {"mkdir " + pci + "/0000:03:00.1", "0000:03:00.1 (0x0, class 0x0) is no device of a fabric"},
+      {"cp -r " + pci + "/0000:02:05.0 " + pci + "/0001:02:05.0",
+       "0001:02:05.0 (0x10037a1e, class"},
+      {"echo in >" + link + "1_power_en/direction", "line 512 direction reads in, described out"},
+      {"echo 1 >" + link + "2_seq_done/active_low", "line 501 active_low reads 1, described 0"},
+      {"echo falling >/sys/class/gpio/gpio507/edge", "line 507 edge reads falling, described none"},
+      {"d=$UMOCKDEV_DIR/sys/devices/i2c-2/2-0050; mkdir $d/gpio", "2-0050 (module) has GPIO lines"},
+      {"d=$UMOCKDEV_DIR/sys/devices/i2c-2/i2c-9/9-0041/gpio; echo 3 >$d/gpiochip512/ngpio",
+       "9-0041 has 3 lines"},
+  };
+  directory.file("d.conf",
+                 "[board]\nstraps=100010\n[pci]\n[mux 2-0070]\n1=i2c-9\n[power 1]\n"
+                 "[power 2]\n[power 5]\n[module 2-0050]\nid=1\ntop=i2c-2/1\n"
+                 "[expander 9-0041]\n");
+  for (const auto& [script, remark] : cases) {
+    const Outcome outcome = onInstrument(directory, "d.conf", script + "; bist capture c.conf");
+    EXPECT_THAT(contentOf(file("c.conf")), HasSubstr(remark)) << script << outcome.errors;
+  }
 }
 
 TEST_F(Capture, OfANewerVersionIsRefusedWithThat) {

@@ -25,7 +25,7 @@ bool isControl(char letter) { return static_cast<unsigned char>(letter) < ' ' ||
 
 }  // namespace
 
-void Capture::begin(const std::string& group) const {
+void Capture::begin(const std::string& group) {
   std::string instance;
   simulator::groupOf(group, instance).begin(*hardware, instance);
 }
@@ -38,7 +38,11 @@ void Capture::say(const std::string& group, const std::string& key, const std::s
     if (!isLine) {
       throw std::runtime_error("not a line of text");
     }
-    simulator::apply(*hardware, {group, key, value});
+    if (key.empty()) {
+      begin(group);
+    } else {
+      simulator::apply(*hardware, {group, key, value});
+    }
   } catch (const std::runtime_error& reason) {
     remark("[" + group + "] " + key + "=" + value + ": " + reason.what());
   }
@@ -66,8 +70,9 @@ std::string Capture::attribute(const std::string& file) {
 std::vector<std::string> Capture::namesIn(const std::string& directory) {
   std::vector<std::string> names;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
-    names.push_back(entry.path().filename().string());
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    names.push_back(entry->path().filename().string());
   }
   if (error && error != std::errc::no_such_file_or_directory) {
     cannotRead(directory, error.value());
@@ -84,10 +89,9 @@ void captureBehaviour(Capture& capture) {
   std::string key;
   std::string value;
   while (std::getline(std::getline(lines, group, '\t'), key, '\t') && std::getline(lines, value)) {
-    const bool isOfPower = group.compare(0, 6, "power ") == 0;
-    if (key.empty()) {
-      capture.begin(group);
-    } else if (!isOfPower || capture.hardware->power[std::stoul(group.substr(6))].present) {
+    const std::string module = group.compare(0, 6, "power ") == 0 ? group.substr(6) : "";
+    // Links that are not there must not come to be for what is known of them.
+    if (module.empty() || simulator::valueOf(*capture.hardware, {group, "initially", ""})) {
       capture.say(group, key, value);
     }
   }

@@ -54,9 +54,10 @@ struct Capture {
   std::vector<Space> spaces;
 
   /// Begins a group that is there for itself.
-  void begin(const std::string& group) const;
+  void begin(const std::string& group);
 
-  /// Gives a key of the description a value, or remarks that it cannot be said.
+  /// Gives a key of the description a value, or begins its group for an empty key, or remarks that
+  /// it cannot be said.
   void say(const std::string& group, const std::string& key, const std::string& value);
 
   /// Remarks what a description cannot say.

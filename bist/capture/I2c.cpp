@@ -43,7 +43,9 @@ std::vector<Found> listAll(Capture& capture) {
                                                       : udev_enumerate_new(context.get()));
   if (list == nullptr || udev_enumerate_add_match_subsystem(list.get(), "i2c") < 0 ||
       udev_enumerate_scan_devices(list.get()) < 0) {
-    capture.notRead.emplace_back("I2C devices: libudev does not list them");
+    capture.notRead.emplace_back("I2C devices: libudev does not list them, or not all");
+  }
+  if (list == nullptr) {
     return all;
   }
   for (udev_list_entry* entry = udev_enumerate_get_list_entry(list.get()); entry != nullptr;
@@ -129,12 +131,15 @@ void captureChip(Capture& capture, const Found& found, const std::string& chip) 
   const std::string directory = found.directory + "/gpio/" + chip;
   const std::string digits = chip.substr(chip.find_first_of("0123456789"));
   const std::string base = capture.attribute(directory + "/base");
-  const std::string count = capture.attribute(directory + "/ngpio");
+  const int count = std::atoi(capture.attribute(directory + "/ngpio").c_str());
   if (base != digits) {
     capture.say(group, "base", base.empty() ? "missing" : base);
   }
-  capture.chips.push_back({found.name, std::atoi(digits.c_str()),
-                           std::max(std::atoi(count.c_str()), simulator::expanderLineCount)});
+  if (count != simulator::expanderLineCount) {
+    capture.remark(found.name + " has " + std::to_string(count) + " lines");
+  }
+  capture.chips.push_back(
+      {found.name, std::atoi(digits.c_str()), std::clamp(count, 0, simulator::expanderLineCount)});
 }
 
 /// The GPIO chip in a device's directory "gpio"; empty for none.
@@ -165,7 +170,9 @@ void captureDevice(Capture& capture, const Found& found) {
   }
   std::error_code ignored;
   const bool hasDirectory = fs::exists(found.directory + "/gpio", ignored);
-  if (name == expanderName || hasDirectory) {
+  if (name != expanderName && hasDirectory) {  // whose lines may be anything's
+    capture.remark(found.name + " (" + name + ") has GPIO lines");
+  } else if (name == expanderName) {
     capture.say("expander " + found.name, "gpio",
                 !chip.empty()  ? "chip"
                 : hasDirectory ? "empty"
@@ -180,7 +187,8 @@ void captureDevice(Capture& capture, const Found& found) {
 
 /// Buses that no multiplexer leads to: where they are and, without a device, that they are.
 void captureBus(Capture& capture, const Found& found) {
-  if (fs::is_symlink(found.directory + "/mux_device")) {
+  std::error_code ignored;
+  if (fs::is_symlink(found.directory + "/mux_device", ignored)) {
     return;
   }
   const std::string parent = found.directory.substr(0, found.directory.rfind('/'));

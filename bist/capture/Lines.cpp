@@ -22,8 +22,6 @@ constexpr char gpioClass[] = "/sys/class/gpio/";
 // are not exported, which could change what their pins are used for.
 constexpr int boardLines[] = {135, 171, 170, 169, 168, 167, 80, 127, 133, 134};
 
-constexpr int describedLines = 256;
-
 int writeNumber(const char* file, int number) {
   const int fd = ::open((std::string(gpioClass) + file).c_str(), O_WRONLY | O_CLOEXEC);
   if (fd < 0) {
@@ -118,7 +116,8 @@ std::string readLine(Capture& capture, Capture::Line line, bool exported) {
 
 /// A line, exported for as long as that takes; nothing where it is left out.
 std::string wordsOf(Capture& capture, const Capture::Line& line) {
-  if (fs::exists(directoryOf(line.number))) {
+  std::error_code ignored;
+  if (fs::exists(directoryOf(line.number), ignored)) {
     return readLine(capture, line, true);
   }
   if (!capture.exportsLines) {
@@ -162,7 +161,8 @@ Capture::Line lineOf(const Capture& capture, int number) {
 }  // namespace
 
 void captureLines(Capture& capture) {
-  if (!fs::exists(gpioClass)) {
+  std::error_code ignored;
+  if (!fs::exists(gpioClass, ignored)) {
     capture.cannotRead(gpioClass, ENOENT);
     return;
   }
@@ -181,7 +181,7 @@ void captureLines(Capture& capture) {
     }
     if (!line.expander.empty()) {
       capture.say("expander " + line.expander, std::to_string(line.offset), words);
-    } else if (number < describedLines) {
+    } else if (number < simulator::boardLineCount) {
       capture.say("gpio", std::to_string(number), words);
     }  // of others, the comparison tells
   }

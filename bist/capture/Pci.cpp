@@ -119,6 +119,7 @@ class Fabric {
           hexText(root->second.classCode) + ")");
     }
     if (root == devices.end() ? devices.count("0000:01:00.0") == 0 : !isBridge(root->second)) {
+      remarkOthers();
       return;
     }
     capture.foundSomething = true;
@@ -130,6 +131,11 @@ class Fabric {
     for (const auto& [place, device] : found) {
       describe(place, *device);
     }
+    remarkOthers();
+  }
+
+ private:
+  void remarkOthers() {
     for (const auto& [address, device] : devices) {
       if (!isFound(device)) {
         capture.remark(address + " (" + hexText(device.ids) + ", class " +
@@ -138,7 +144,6 @@ class Fabric {
     }
   }
 
- private:
   bool isFound(const Device& device) const {
     return std::any_of(found.begin(), found.end(),
                        [&](const auto& known) { return known.second == &device; });
@@ -152,12 +157,14 @@ class Fabric {
     return device == devices.end() ? nullptr : &device->second;
   }
 
-  /// The bus below a bridge, where that can be asked.
+  /// The bus below a bridge, where that can be asked and the bridge has one.
   std::optional<std::uint32_t> busBelow(PciPlace bridge) const {
     const auto device = found.find(bridge);
-    return device != found.end() && answers(*device->second)
-               ? std::optional(load(*device->second, PCI_SECONDARY_BUS, 1))
-               : std::nullopt;
+    if (device == found.end() || !answers(*device->second) || !isBridge(*device->second)) {
+      return std::nullopt;
+    }
+    const std::uint32_t bus = load(*device->second, PCI_SECONDARY_BUS, 1);
+    return bus > device->second->bus ? std::optional(bus) : std::nullopt;
   }
 
   /// Finds a device and reads its configuration space.
@@ -169,11 +176,16 @@ class Fabric {
     Device* const device = known != nullptr ? known : at(place.usualBus, place.number);
     if (device == nullptr) {
       capture.say(groupOf(place.place), "present", "no");
+      if (place.place != rootPort && found.count(place.above) != 0 && !busBelow(place.above)) {
+        capture.notRead.push_back(groupOf(place.place) + ": not found, and the bridge above it (" +
+                                  groupOf(place.above) + ") does not say on which bus it is");
+      }
       return;
     }
     found[place.place] = device;
     above[place.place] = place.above;
     device->error = readFile(directory + device->address + "/config", device->bytes);
+    device->bytes.resize(std::min<std::size_t>(device->bytes.size(), simulator::configSize));
   }
 
   /// The shim switch of the one module that has one: a bridge below its port.
@@ -196,7 +208,7 @@ class Fabric {
   /// Whether a device below a bridge answers.
   bool answersBelow(PciPlace bridge) const {
     const std::optional<std::uint32_t> bus = busBelow(bridge);
-    return bus && *bus != 0 && std::any_of(devices.begin(), devices.end(), [&](const auto& known) {
+    return bus && std::any_of(devices.begin(), devices.end(), [&](const auto& known) {
              return known.second.bus == *bus && isFound(known.second) && answers(known.second);
            });
   }
@@ -234,6 +246,11 @@ class Fabric {
     const auto bridge = found.find(above[place]);
     const bool gone = place != rootPort && bridge != found.end() && answers(*bridge->second) &&
                       (simulator::pci::isSwitch(above[place]) || linkIsUp(above[place]));
+    if (device.bytes.empty()) {
+      capture.notRead.push_back(device.address + " (" + groupOf(place) +
+                                "): its configuration space reads as empty");
+      return;
+    }
     capture.notRead.push_back(
         device.address + " (" + groupOf(place) + "): does not answer, " +
         (gone ? "gone since the kernel started" : "behind a link that is down"));
@@ -243,21 +260,28 @@ class Fabric {
   }
 
   bool linkIsUp(PciPlace place) const {
-    return (linkStatus(place, *found.at(place)) & PCI_EXP_LNKSTA_DLLLA) != 0 || answersBelow(place);
+    return (linkStatus(place, *found.at(place)).value_or(0) & PCI_EXP_LNKSTA_DLLLA) != 0 ||
+           answersBelow(place);
   }
 
-  static std::uint32_t linkStatus(PciPlace place, const Device& device) {
-    return load(device, simulator::pci::linkStatusOffset(place), 2) &
-           ~std::uint32_t{PCI_EXP_LNKSTA_LT};
+  /// The Link Status register; nothing where not so much of the configuration space can be read.
+  static std::optional<std::uint32_t> linkStatus(PciPlace place, const Device& device) {
+    const std::uint32_t offset = simulator::pci::linkStatusOffset(place);
+    return device.bytes.size() < offset + 2
+               ? std::nullopt
+               : std::optional(load(device, offset, 2) & ~std::uint32_t{PCI_EXP_LNKSTA_LT});
   }
 
   /// The link below a root or downstream port, or the one above a switch.
   void describeLink(PciPlace place, const Device& device) {
-    const std::uint32_t status = linkStatus(place, device);
+    const std::optional<std::uint32_t> status = linkStatus(place, device);
+    if (!status) {
+      return;
+    }
     if (simulator::pci::isSwitch(place)) {  // whose port above shows that it is active
-      capture.say(groupOf(place), "link-status", hexText(status | PCI_EXP_LNKSTA_DLLLA));
+      capture.say(groupOf(place), "link-status", hexText(*status | PCI_EXP_LNKSTA_DLLLA));
     } else if (linkIsUp(place)) {
-      capture.say(groupOf(place), "link-status", hexText(status));
+      capture.say(groupOf(place), "link-status", hexText(*status));
     } else if (!moduleIsOff(place)) {
       capture.say(groupOf(place), "link", "down");
     }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <thread>
 
 #include "bist/capture/Capture.h"
 #include "simulator/parts/PowerLinks.h"
@@ -12,7 +14,7 @@ namespace fs = std::filesystem;
 std::string fileOf(const std::string& link) { return "/sys/platform/" + link; }
 
 /// Whether a link is there; notes which line it leads to.
-bool find(Capture& capture, std::uint32_t module, const std::string& link, bool isDone) {
+bool noteLink(Capture& capture, std::uint32_t module, const std::string& link, bool isDone) {
   std::error_code ignored;
   if (!fs::is_symlink(fileOf(link), ignored)) {
     return false;
@@ -36,12 +38,27 @@ bool isHigh(Capture& capture, const std::string& link) {
   return (withoutEnd(value) == "1") != (capture.attribute(fileOf(link) + "/active_low") == "1");
 }
 
+/// Whether a power sequence is where the power-enable line has it, now or after the longest time
+/// that the library waits for one.
+bool follows(Capture& capture, const std::string& done, bool on) {
+  using namespace std::chrono_literals;
+  constexpr std::chrono::milliseconds longest = 5s;
+  constexpr std::chrono::milliseconds interval = 100ms;
+  for (std::chrono::milliseconds waited = 0s; isHigh(capture, done) == on; waited += interval) {
+    if (waited == longest) {
+      return false;
+    }
+    std::this_thread::sleep_for(interval);
+  }
+  return true;
+}
+
 void captureModule(Capture& capture, std::uint32_t module) {
   const std::string group = "power " + std::to_string(module);
   const std::string enable = simulator::power::enableLink(module);
   const std::string done = simulator::power::doneLink(module);
-  const bool hasEnable = find(capture, module, enable, false);
-  const bool hasDone = find(capture, module, done, true);
+  const bool hasEnable = noteLink(capture, module, enable, false);
+  const bool hasDone = noteLink(capture, module, done, true);
   if (!hasEnable && !hasDone) {
     return;
   }
@@ -49,8 +66,7 @@ void captureModule(Capture& capture, std::uint32_t module) {
   capture.say(group, "initially", on ? "on" : "off");
   capture.say(group, "power-enable", hasEnable ? "present" : "missing");
   capture.say(group, "sequence-done", hasDone ? "present" : "missing");
-  // A sequence that has not followed the power-enable line by now never does.
-  if (hasEnable && hasDone && isHigh(capture, done) == on) {
+  if (hasEnable && hasDone && !follows(capture, done, on)) {
     capture.say(group, on ? "on-delay" : "off-delay", "never");
   }
 }

@@ -97,6 +97,21 @@ bool isOfChanges(const std::string& groupName) {
   return groupName.compare(0, 3, "at ") == 0 || groupName.compare(0, 6, "after ") == 0;
 }
 
+/// No two devices can be at one address.
+void requireOwnAddresses(const Hardware& hardware, const std::string& name) {
+  for (std::size_t one = 0; one < pciPlaceCount; ++one) {
+    for (std::size_t other = 0; other < one; ++other) {
+      const PciDevice& device = hardware.pci[one];
+      const PciDevice& taken = hardware.pci[other];
+      if (device.described && taken.described && device.bus == taken.bus &&
+          device.device == taken.device) {
+        throw DescriptionError(name + ": [pci " + pciPlaceNames[one] + "] bus: [pci " +
+                               pciPlaceNames[other] + "] is there");
+      }
+    }
+  }
+}
+
 }  // namespace
 
 Hardware readDescription(const std::string& file) {
@@ -130,6 +145,7 @@ Hardware parseDescription(const std::string& text, const std::string& name) {
       }
     }
   }
+  requireOwnAddresses(hardware, name);
   return hardware;
 }
 

@@ -201,7 +201,14 @@ void setExpander(Hardware& hardware, const std::string& instance, const std::str
   } else if (key == "base") {
     setText(expander.base, sizeof expander.base, value);
   } else if (key == "first-line") {
-    expander.firstLine = firstLine(value);
+    const int line = firstLine(value);
+    for (const I2cDevice& other : hardware.i2cDevices) {
+      if (&other != &expander && other.firstLine != 0 &&
+          std::abs(other.firstLine - line) < expanderLineCount) {
+        throw std::runtime_error("lines that " + i2c::nameOf(other) + " has");
+      }
+    }
+    expander.firstLine = line;
   } else if (key == "gpio") {
     const std::size_t state = indexOf(gpioNames, value);
     if (state == std::size(gpioNames)) {
