@@ -16,6 +16,8 @@ struct Command {
   Needs needs;
   /// Called once, before the command line is read; noOptions for a command without any.
   void (*addOptions)(CLI::App& app);
+  /// Whether it may take long or switches something: see supervise().
+  bool supervised;
   /// Does the command's tests through the library's public classes and reports what they found.
   void (*run)(Report& report);
 };

@@ -4,9 +4,6 @@
 #include <algorithm>
 #include <cctype>
 
-#include "bist/Ports.h"
-#include "bist/Progress.h"
-
 namespace {
 
 constexpr unsigned int longest = 86400;  // seconds, a day
@@ -72,10 +69,10 @@ void PortOption::reach(PCIeDiagnostics& diagnostics) const {
   }
 }
 
-DiagnosticsResults PortOption::watch(PCIeDiagnostics& diagnostics, unsigned int seconds,
-                                     bool clearErrors) const {
+DiagnosticsResults PortOption::watch(Report& report, PCIeDiagnostics& diagnostics,
+                                     unsigned int seconds, bool clearErrors) const {
   reach(diagnostics);
-  const Progress progress("watching " + title(), seconds);
+  report.progress("watching " + title(), seconds);
   return diagnostics.checkLiveDownstreamPort(port, seconds, clearErrors);
 }
 

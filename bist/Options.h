@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "bist/Ports.h"
 #include "bist/Report.h"
 #include "pcie/PCIeDiagnostics.h"
 
@@ -19,14 +20,17 @@ struct PortOption {
   /// Sets up the shim switch that has the port, if it is on one.
   void reach(PCIeDiagnostics& diagnostics) const;
 
-  /// Reaches the port and watches its link for so long, with progress on a terminal.
-  DiagnosticsResults watch(PCIeDiagnostics& diagnostics, unsigned int seconds,
+  /// Reaches the port and watches its link for so long.
+  DiagnosticsResults watch(Report& report, PCIeDiagnostics& diagnostics, unsigned int seconds,
                            bool clearErrors) const;
 
   /// The slot that the port leads to; that of its module for one on a shim switch.
   int slot() const;
 
   std::string title() const;
+
+  /// The name of a test of it.
+  std::string test(const std::string& what) const { return portTest(port, slot(), what); }
 
   Subject subject() const { return {"port", static_cast<int>(port)}; }
 };

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <type_traits>
 
+#include "bist/Undo.h"
 #include "pcie/DiagnosticMaskRegs.h"
 
 namespace {
@@ -113,59 +114,98 @@ std::string obstacle(const DiagnosticsResults& results) {
   return results.rootLinkOk ? "" : "root link down, status " + hex(results.rootLinkStatus);
 }
 
-Line linkLine(const std::string& label, const DiagnosticsResults& results) {
-  const std::string reason = obstacle(results);
-  if (!reason.empty()) {
-    return {label, reason, Verdict::fail};
-  }
-  return {label, results.downstreamLinkUp ? "link up" : "link down",
-          passIf(results.downstreamLinkUp)};
+std::string portTest(PCIeDownstreamPorts port, int slot, const std::string& what) {
+  const std::string name = portName(port) + "." + what;
+  return slotOf(port) < 0 ? "module" + std::to_string(slot) + "." + name : name;
 }
 
-Line testPrbs(const std::string& label, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
-              unsigned int seconds, DiagnosticsResults& results) {
-  const auto start = std::chrono::steady_clock::now();
-  results = diagnostics.testDownstreamPort(port, seconds);
-  const std::chrono::duration<double> tested = std::chrono::steady_clock::now() - start;
+Line linkLine(const std::string& label, const std::string& test,
+              const DiagnosticsResults& results) {
+  const std::string reason = obstacle(results);
+  const bool up = reason.empty() && results.downstreamLinkUp;
+  Line line{label, !reason.empty() ? reason : up ? "link up" : "link down", passIf(up)};
+  line.test = test;
+  line.figures = {{"up", up}, {"rootLinkStatus", hex(results.rootLinkStatus)}};
+  line.limit = {{"up", true}};
+  return line;
+}
+
+namespace {
+
+/// What a PRBS test that took so long has found.
+Line prbsLine(const DiagnosticsResults& results, unsigned int seconds, double tested) {
   const std::string reason = obstacle(results);
   if (!reason.empty()) {
-    return {label, reason, Verdict::fail};
+    return {"", reason, Verdict::fail};
   }
   if (!results.prbsSync) {
-    return {label, results.downstreamLinkUp ? "no sync" : "link lost", Verdict::fail};
+    return {"", results.downstreamLinkUp ? "no sync" : "link lost", Verdict::fail};
   }
   const unsigned int errors = results.prbsErrors;
   if (errors == 0) {
-    return {label, "no errors in " + std::to_string(seconds) + " s", Verdict::pass};
+    return {"", "no errors in " + std::to_string(seconds) + " s", Verdict::pass};
   }
   // The library counts twice a second.
-  const double halves = std::max(1.0, std::round(2 * tested.count()));
+  const double halves = std::max(1.0, std::round(2 * tested));
   char text[60];
   std::snprintf(text, sizeof text, "%s%u error%s in %.1f s",
                 errors == lastPrbsCount ? "at least " : "", errors, errors == 1 ? "" : "s",
                 halves / 2);
-  return {label, text, Verdict::fail};
+  return {"", text, Verdict::fail};
 }
 
-std::vector<Line> errorLines(const PCIeDiagnostics& diagnostics,
+}  // namespace
+
+Line testPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
+              PCIeDownstreamPorts port, int slot, unsigned int seconds,
+              DiagnosticsResults& results) {
+  report.progress("PRBS on " + portTitle(port, slot), seconds);
+  const Json before = undoOfPrbs(diagnostics, port, slot);
+  report.willSwitch(before);
+  const auto start = std::chrono::steady_clock::now();
+  results = diagnostics.testDownstreamPort(port, seconds);
+  const std::chrono::duration<double> tested = std::chrono::steady_clock::now() - start;
+  putBack(diagnostics, before);
+  report.switchedBack();
+  Line line = prbsLine(results, seconds, tested.count());
+  line.label = label;
+  line.test = portTest(port, slot, "prbs");
+  line.figures = {{"sync", results.prbsSync},
+                  {"errors", results.prbsErrors},
+                  {"seconds", tested.count()},
+                  {"secondsAsked", seconds}};
+  line.limit = {{"errors", 0}};
+  return line;
+}
+
+std::vector<Line> errorLines(const std::string& test, const PCIeDiagnostics& diagnostics,
                              const DiagnosticsResults& results) {
   std::vector<Line> lines;
   for (const StatusWord& status : statusWords) {
-    lines.push_back(
-        {status.label, decoded(diagnostics, results, status), passIf((results.*status.word) == 0)});
+    Line line{status.label, decoded(diagnostics, results, status),
+              passIf((results.*status.word) == 0)};
+    line.test = test + "." + status.field;
+    line.figures = {{"status", hex(results.*status.word)}};
+    line.limit = {{"status", "0x0"}};
+    lines.push_back(line);
   }
   return lines;
 }
 
-Line errorSummary(const std::string& label, const PCIeDiagnostics& diagnostics,
-                  const DiagnosticsResults& results) {
-  std::string text;
-  for (const Line& line : errorLines(diagnostics, results)) {
+Line errorSummary(const std::string& label, const std::string& test,
+                  const PCIeDiagnostics& diagnostics, const DiagnosticsResults& results) {
+  Line summary{label, ""};
+  for (const Line& line : errorLines(test, diagnostics, results)) {
+    summary.figures[line.test.substr(test.size() + 1)] = line.figures["status"];
     if (line.verdict == Verdict::fail) {
-      text += (text.empty() ? "" : "; ") + line.label + ": " + line.text;
+      summary.text += (summary.text.empty() ? "" : "; ") + line.label + ": " + line.text;
     }
   }
-  return {label, text.empty() ? "no errors latched" : text, passIf(text.empty())};
+  summary.verdict = passIf(summary.text.empty());
+  summary.text = summary.text.empty() ? "no errors latched" : summary.text;
+  summary.test = test;
+  summary.limit = {{"status", "0x0"}};
+  return summary;
 }
 
 Json portJson(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int slot,

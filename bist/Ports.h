@@ -20,24 +20,31 @@ std::string hex(DeviceIds ids);
 
 bool found(DeviceIds ids);
 
+/// The name of a test of a port, such as "DownstreamPort9.link" or "module1.ShimPort5.link".
+std::string portTest(PCIeDownstreamPorts port, int slot, const std::string& what);
+
 /// What keeps a test of the port from meaning anything; empty when nothing does.
 std::string obstacle(const DiagnosticsResults& results);
 
-Line linkLine(const std::string& label, const DiagnosticsResults& results);
+/// @param test  its name
+Line linkLine(const std::string& label, const std::string& test, const DiagnosticsResults& results);
 
 /// Runs the PRBS loopback test, which ends at the first error.
 ///
+/// @param slot     that the port leads to
 /// @param results  receives the test's
 /// @return says for how long the port was tested
-Line testPrbs(const std::string& label, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port,
-              unsigned int seconds, DiagnosticsResults& results);
+Line testPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
+              PCIeDownstreamPorts port, int slot, unsigned int seconds,
+              DiagnosticsResults& results);
 
-/// A line for each status word of the path.
-std::vector<Line> errorLines(const PCIeDiagnostics& diagnostics, const DiagnosticsResults& results);
+/// A line for each status word of the path. Names of tests begin with `test`.
+std::vector<Line> errorLines(const std::string& test, const PCIeDiagnostics& diagnostics,
+                             const DiagnosticsResults& results);
 
 /// One line for all errors of the path.
-Line errorSummary(const std::string& label, const PCIeDiagnostics& diagnostics,
-                  const DiagnosticsResults& results);
+Line errorSummary(const std::string& label, const std::string& test,
+                  const PCIeDiagnostics& diagnostics, const DiagnosticsResults& results);
 
 /// @param slot    that the port leads to
 /// @param result  what the text output says

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <iosfwd>
+#include <chrono>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -10,7 +11,9 @@
 
 using Json = nlohmann::ordered_json;
 
-enum class Verdict { pass, fail, none };
+/// What a test has found. A test is skipped for a good reason; one that should have been made and
+/// could not be is not tested. None is for a line that says something and is no test's result.
+enum class Verdict { pass, fail, skipped, notTested, none };
 
 Verdict passIf(bool good);
 
@@ -23,6 +26,9 @@ struct Line {
   std::string text;
   Verdict verdict = Verdict::none;
   std::string failure = {};  ///< what has failed, where the text is a row of a table
+  std::string test = {};     ///< name of the test whose result it is, the same for years
+  Json figures = {};         ///< what it is judged by
+  Json limit = {};           ///< and against what
 };
 
 /// A part of the instrument by its number, such as {"slot", 1}; no part without a kind.
@@ -31,48 +37,59 @@ struct Subject {
   int number = 0;
 };
 
-/// A line that the library wrote.
-struct Message {
-  Subject about;
-  std::string text;
-};
-
 /// The findings on one subject.
 struct Section {
   std::string key;  ///< of `data` in the JSON output
   std::string title;
   std::vector<Line> lines = {};
   Json data = {};
-  Subject about = {};                  ///< where all of the section is about one part
-  std::vector<Message> messages = {};  ///< failure lines that the library wrote meanwhile
-  bool showTrace = false;              ///< its other lines are of interest too
+  Subject about = {};      ///< where all of the section is about one part
+  bool showTrace = false;  ///< the library's other lines are of interest too
 };
 
-/// What a command has found out, for a person and for a program.
+/// Takes what happens, as it happens. Each event is one object with a key "event"; Session.h says
+/// which there are.
+using Events = std::function<void(const Json& event)>;
+
+/// What a command tells while it tests.
 class Report {
  public:
   /// @param libraryOutput  where the library's lines arrive meanwhile
-  explicit Report(LibraryOutput& libraryOutput) : output(libraryOutput) {}
+  Report(LibraryOutput& libraryOutput, Events takeEvents)
+      : output(libraryOutput), events(std::move(takeEvents)) {}
 
-  /// Gives a section the lines that the library has written since the last call, as lines about a
-  /// part.
-  void takeMessages(Section& section, const Subject& about);
+  /// Begins a section; its lines follow one by one. The widths are those of its columns.
+  void begin(const Section& section, std::size_t labelWidth, std::size_t textWidth);
 
-  /// Adds a section, to which the lines belong that the library has written since the last one.
-  void add(Section section);
+  /// Adds a line to the section that has begun, with the lines that the library has written, as
+  /// lines about a part.
+  void line(const Line& line, const Subject& about);
 
-  bool passed() const { return failures().empty(); }
+  /// Takes what the library has written as lines about a part, for the section that has begun or
+  /// comes next.
+  void takeMessages(const Subject& about);
 
-  /// Sections as indented text, with a last line that says the verdict.
-  void printText(std::ostream& out) const;
+  /// Ends the section that has begun.
+  void end(const Json& data);
 
-  /// Sections as one JSON object: each section's data under its key, then "messages", "failures"
-  /// and "verdict".
-  void printJson(std::ostream& out) const;
+  /// Adds a whole section, all of whose lines are there.
+  void add(const Section& section);
+
+  /// Says what goes on now and, if that is known, for how many seconds; 0 if not.
+  void progress(const std::string& title, unsigned int seconds = 0);
+
+  /// Says how to undo what is to be switched now, before it is. What is undone by itself is taken
+  /// back, the last one first.
+  void willSwitch(const Json& undo);
+  void switchedBack();
 
  private:
-  std::vector<std::string> failures() const;
+  void tell(const Line& line);
+  void tellMessages();
 
   LibraryOutput& output;
-  std::vector<Section> sections;
+  Events events;
+  Section current;
+  std::vector<Json> messages;  ///< events that the next line or the end of the section brings
+  std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };

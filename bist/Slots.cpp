@@ -7,6 +7,10 @@
 
 std::string slotName(int slot) { return "slot " + std::to_string(slot); }
 
+std::string slotTest(int slot, const std::string& what) {
+  return "slot" + std::to_string(slot) + "." + what;
+}
+
 bool hasExpander(int slot) {
   return !Udev_PCA9536(static_cast<unsigned int>(slot)).GetPath().empty();
 }
@@ -18,22 +22,28 @@ Line switchSlot(BackplaneInterface& backplane, int slot, bool on) {
     backplane.turnModuleOff(slot);
   }
   const Udev_PCA9536 controller(static_cast<unsigned int>(slot));
-  const std::string name = slotName(slot) + (on ? " on" : " off");
-  if (backplane.isModuleOn(slot) != on) {
-    return {name, on ? "reads off" : "reads on", Verdict::fail};
-  }
+  const bool readsOn = backplane.isModuleOn(slot);
   // The library does not wait for the power sequence of slots 4 and 5.
-  if (slot != 4 && slot != 5 && controller.PowerSequenceDone() != on) {
-    return {name, "power sequence not finished", Verdict::fail};
+  const bool hasSequence = slot != 4 && slot != 5;
+  const bool done = !hasSequence || controller.PowerSequenceDone() == on;
+  Line line{slotName(slot) + (on ? " on" : " off"), on ? "on" : "off",
+            passIf(readsOn == on && done)};
+  if (readsOn != on) {
+    line.text = on ? "reads off" : "reads on";
+  } else if (!done) {
+    line.text = "power sequence not finished";
   }
-  return {name, on ? "on" : "off", Verdict::pass};
+  line.test = slotTest(slot, on ? "power-on" : "power-off");
+  line.figures = {{"on", readsOn}, {"sequenceFollows", hasSequence ? Json(done) : Json(nullptr)}};
+  line.limit = {{"on", on}};
+  return line;
 }
 
 void guarded(Section& section, const std::function<void()>& test) {
   try {
     test();
   } catch (const std::exception& error) {
-    section.lines.push_back(
-        {"backplane", std::string("cannot be set up: ") + error.what(), Verdict::fail});
+    section.lines.push_back({"backplane", std::string("cannot be set up: ") + error.what(),
+                             Verdict::fail, "", "backplane"});
   }
 }

@@ -10,6 +10,9 @@ constexpr int slotCount = 6;
 
 std::string slotName(int slot);
 
+/// The name of a test of a slot, such as "slot1.power-on".
+std::string slotTest(int slot, const std::string& what);
+
 /// Whether the slot has a power controller: its module's power expander answers.
 bool hasExpander(int slot);
 

@@ -23,6 +23,15 @@ Outcome bist(const std::string& instrument, const std::string& arguments) {
                     arguments);
 }
 
+/// What a JSON output says of the instrument, without what it says of the run.
+json findings(const std::string& output) {
+  json result = json::parse(output);
+  for (const char* const key : {"format", "run", "tests"}) {
+    EXPECT_EQ(result.erase(key), 1) << key;
+  }
+  return result;
+}
+
 std::size_t occurrences(const std::string& text, const std::string& word) {
   std::size_t count = 0;
   for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
@@ -123,7 +132,7 @@ TEST(TalveroBist, SaysWhichBoardThisIs) {
       directory.file("x.conf", "[board]\nstraps=100000\n[gpio]\n168=no-value\n[i2c]\n0-0074=pmb\n");
   const Outcome outcome = bist(file, "board --json");
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(json::parse(outcome.output), json::parse(R"({
+  EXPECT_EQ(findings(outcome.output), json::parse(R"({
     "board": {"id": 32, "bits": "100000", "description": "TALVERO PROTO-0 SPB", "kind": "SPB",
               "known": true, "prototype": 0, "pmbConnected": true, "imbConnected": false,
               "unreadableStraps": ["168"]},
@@ -132,7 +141,7 @@ TEST(TalveroBist, SaysWhichBoardThisIs) {
     "verdict": "fail"})"));
   const std::string text = bist(file, "board").output;
   EXPECT_THAT(text, HasSubstr("TALVERO PROTO-0 SPB\n")) << "no verdict on a doubtful ID";
-  EXPECT_THAT(text, HasSubstr("FAIL: 1 fault\n"));
+  EXPECT_THAT(text, HasSubstr("FAIL: 1 failed"));
 
   const std::string low = directory.file("low.conf",
                                          "[gpio]\n135=no-value\n167=no-value\n168=no-value\n"
@@ -297,7 +306,7 @@ TEST(TalveroBist, ShowsAndSwitchesSlots) {
   const Outcome stuck = bist("broken", "power 1 on");
   EXPECT_EQ(stuck.status, 1);
   EXPECT_THAT(stuck.output, HasSubstr("| Power on sequence done timed out"));
-  EXPECT_EQ(json::parse(bist("full", "power 0 off --json").output), json::parse(R"({
+  EXPECT_EQ(findings(bist("full", "power 0 off --json").output), json::parse(R"({
     "power": {"slot": 0, "requested": "off", "result": "has no power controller"}, "messages": [],
     "failures": ["Power, slot 0: has no power controller"], "verdict": "fail"})"));
   EXPECT_EQ(bist("full", "power 5 on").status, 0);
@@ -319,7 +328,7 @@ TEST(TalveroBist, ShowsTheTopologyOfAModule) {
       directory.file("x.conf",
                      "[board]\nstraps=100010\n[module 2-0050]\nid=1\ntop=i2c-2/x\n"
                      "[expander 2-0041]\n[pci]\n[pci port9]\nlink=down\n");
-  EXPECT_EQ(json::parse(bist(wrong, "topology 1 --json").output), json::parse(R"({
+  EXPECT_EQ(findings(bist(wrong, "topology 1 --json").output), json::parse(R"({
     "topology": {"module": 1, "error": "stoi"}, "messages": [], "verdict": "fail",
     "failures": ["Module 1, device tree: cannot be resolved: stoi"]})"));
   EXPECT_EQ(json::parse(bist(wrong, "slots --json").output)["slots"], nullptr);
@@ -461,17 +470,17 @@ TEST(TalveroBist, ReportsWornHardware) {
   | could not enumerate module: 1 (6 times)
 
 PCIe
-  DownstreamPort1 (slot 0)  link down                   FAIL
-  DownstreamPort5 (slot 3)  port not found              FAIL
-  DownstreamPort7 (slot 2)  link down: slot 2 is empty
-  DownstreamPort9 (slot 1)  link down: slot 1 is off
+  DownstreamPort1 (slot 0)         link down          FAIL
+  DownstreamPort5 (slot 3)         port not found     FAIL
+  DownstreamPort7 (slot 2)         link down: slot 2 is empty  SKIPPED
+  DownstreamPort9 (slot 1)         link down: slot 1 is off  SKIPPED
   | could not enumerate module: 1
 
 Power cycle
   slot 1 off  off  PASS
   slot 1 on   on   PASS
 
-FAIL: 2 faults
+FAIL: 2 failed, 10 passed, 2 skipped
 )");
   const json cycle = json::parse(bist(file, "report --power-cycle --json").output)["powerCycle"];
   EXPECT_EQ(cycle[1], json::parse(R"({"step": "slot 1 on", "result": "on"})"));
@@ -491,7 +500,7 @@ FAIL: 2 faults
   EXPECT_EQ(record, expected);
   for (const char* const test : {"link", "errors"}) {
     EXPECT_THAT(bist(file, test + std::string(" 1")).output,
-                AllOf(HasSubstr("port not found  FAIL\n  | could"), HasSubstr("FAIL: 1 fault\n")));
+                AllOf(HasSubstr("port not found  FAIL\n  | could"), HasSubstr("FAIL: 1 failed")));
   }
   EXPECT_THAT(bist(file, "link 4 --module 2").output, HasSubstr("switch not found  FAIL"))
       << "behind a link that is down";
@@ -514,6 +523,58 @@ link=down
   EXPECT_EQ(json::parse(bist(shim, "shim 2 --json").output)["shim"],
             json::parse(R"({"module": 2, "shimUpstreamFound": true, "ShimPort1": "7a1e:1007",
                             "shimUpstreamIds": "7a1e:1006", "ShimPort5": "7a1e:1008"})"));
+}
+
+TEST(TalveroBist, DoesNotPassWhatItHasNotTested) {
+  const TemporaryDirectory directory;
+  const std::string empty = directory.file("empty.conf", R"([board]
+straps=100010
+[gpio]
+80=high
+127=high
+133=high
+134=high
+[pci]
+[pci port1]
+link=down
+[pci port5]
+link=down
+[pci port7]
+link=down
+[pci port9]
+link=down
+)");
+  const Outcome text = bist(empty, "report");
+  EXPECT_EQ(text.status, 1);
+  EXPECT_THAT(text.output,
+              AllOf(HasSubstr("link down: slot 3 is empty  SKIPPED\n"),
+                    HasSubstr("\n  ports                            no link is up      NOT "
+                              "TESTED\n"),
+                    EndsWith("\nNOT TESTED: 1 not tested, 8 passed, 4 skipped\n")));
+  const json result = json::parse(bist(empty, "report --json").output);
+  EXPECT_EQ(result["verdict"], "not tested");
+  EXPECT_EQ(result["failures"], json::parse(R"(["PCIe, ports: no link is up"])"));
+  EXPECT_EQ(result["run"]["skipped"], 4);
+  EXPECT_EQ(result["run"]["board"]["id"], 34);
+  EXPECT_EQ(result["tests"].back()["name"], "ports");
+  EXPECT_EQ(result["tests"][9]["name"], "DownstreamPort5.link");
+  EXPECT_EQ(result["tests"][9]["verdict"], "skipped");
+}
+
+TEST(TalveroBist, SaysWhenAndHowLong) {
+  const json result = json::parse(bist("full", "prbs 1 --seconds 20 --json").output);
+  const json& test = result["tests"][0];
+  EXPECT_EQ(test["name"], "DownstreamPort5.prbs");
+  EXPECT_EQ(test["figures"]["secondsAsked"], 20);
+  EXPECT_NEAR(test["figures"]["seconds"], 20, 0.1);
+  EXPECT_NEAR(test["seconds"], 20, 0.5);
+  EXPECT_LT(test["start"], 0.5);
+  EXPECT_NEAR(result["run"]["seconds"], 20, 1);
+  EXPECT_EQ(result["run"]["arguments"],
+            json::parse(R"(["prbs", "1", "--seconds", "20", "--json"])"));
+  EXPECT_EQ(
+      json::parse(bist("full", "link ShimPort5 --module 1 --json").output)["tests"][0]["name"],
+      "module1.ShimPort5.link");
 }
 
 TEST(TalveroBist, TouchesWhatItIsAskedTo) {
@@ -552,16 +613,19 @@ TEST(TalveroBist, CountsTheSecondsOnATerminal) {
   };
   const auto counts = [](const std::string& what) {
     const std::string text = "\r" + what + " DownstreamPort5 (slot 3): ";
-    return AllOf(StartsWith(text + "0 of 2 s" + text + "1 of 2 s"), EndsWith("s\r\033[K"));
+    const std::string end = "\033[K";
+    return AllOf(StartsWith(text + "0 s, 2 s left" + end + text + "1 s, 1 s left" + end),
+                 EndsWith("\r\033[K"));
   };
-  EXPECT_EQ(shown("link 1 --seconds 1"), "");
   EXPECT_THAT(shown("link 1 --seconds 2"), counts("watching"));
   EXPECT_THAT(shown("errors 1 --seconds 2"), counts("watching"));
   EXPECT_THAT(shown("prbs 1 --seconds 2"), counts("PRBS on"));
-  EXPECT_THAT(shown("power 1 on"), AllOf(StartsWith("\rslot 1 on: 0 s\r"), EndsWith("\r\033[K")));
+  EXPECT_THAT(shown("power 1 on"),
+              AllOf(StartsWith("\rslot 1 on: 0 s\033[K\r"), EndsWith("\r\033[K")));
   EXPECT_THAT(shown("report --power-cycle"),
-              AllOf(StartsWith("\rtesting DownstreamPort1 (slot 0): 0 s\r"),
-                    HasSubstr("\rpower cycle of slot 5: 0 s\r"), EndsWith("\r\033[K")));
+              AllOf(StartsWith("\rwatching DownstreamPort1 (slot 0): 0 s\033[K\r"),
+                    HasSubstr("\rPRBS on DownstreamPort5 (slot 3): 0 s, 1 s left"),
+                    HasSubstr("\rpower cycle of slot 5: 0 s\033[K\r"), EndsWith("\r\033[K")));
   close(kept);
   close(terminal);
 }

@@ -28,31 +28,35 @@ void run(Report& report) {
   const bool pmb = board.isPMBConnected();
   const bool imb = board.isIMBConnected();
   const Json proto = prototype(board);
-  report.add({"board",
-              "Board",
-              {{"identity", std::to_string(board.id) + " (" + board.idBitString + ")"},
-               {"description", board.idDescription,
-                unreadable.empty() ? passIf(board.isBoardIdKnown()) : Verdict::none},
-               {"strap lines",
-                unreadable.empty() ? "all readable" : "cannot be read: " + joined(unreadable),
-                passIf(unreadable.empty())},
-               {"kind", kind(board)},
-               {"prototype", proto.is_null() ? "no" : proto.dump()},
-               {"PMB", connection(pmb)},
-               {"IMB", connection(imb)}},
-              {{"id", board.id},
-               {"bits", board.idBitString},
-               {"description", board.idDescription},
-               {"kind", kind(board)},
-               {"known", board.isBoardIdKnown()},
-               {"prototype", proto},
-               {"pmbConnected", pmb},
-               {"imbConnected", imb},
-               {"unreadableStraps", unreadable}}});
+  report.add(
+      {"board",
+       "Board",
+       {{"identity", std::to_string(board.id) + " (" + board.idBitString + ")"},
+        {"description", board.idDescription,
+         unreadable.empty() ? passIf(board.isBoardIdKnown()) : Verdict::none, "", "board.known"},
+        {"strap lines",
+         unreadable.empty() ? "all readable" : "cannot be read: " + joined(unreadable),
+         passIf(unreadable.empty()), "", "board.straps"},
+        {"kind", kind(board)},
+        {"prototype", proto.is_null() ? "no" : proto.dump()},
+        {"PMB", connection(pmb)},
+        {"IMB", connection(imb)}},
+       {{"id", board.id},
+        {"bits", board.idBitString},
+        {"description", board.idDescription},
+        {"kind", kind(board)},
+        {"known", board.isBoardIdKnown()},
+        {"prototype", proto},
+        {"pmbConnected", pmb},
+        {"imbConnected", imb},
+        {"unreadableStraps", unreadable}}});
 }
 
 }  // namespace
 
 const Command boardCommand = {"board",
                               "say which board this is and which boards are attached to it",
-                              Needs::instrument, noOptions, run};
+                              Needs::instrument,
+                              noOptions,
+                              false,
+                              run};

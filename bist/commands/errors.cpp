@@ -17,14 +17,16 @@ void run(Report& report) {
   Section section{"errors", "Errors " + target.title()};
   section.about = target.subject();
   PCIeDiagnostics diagnostics;
-  report.takeMessages(section, {});
-  const DiagnosticsResults results = target.watch(diagnostics, seconds, true);
+  report.takeMessages({});
+  const DiagnosticsResults results = target.watch(report, diagnostics, seconds, true);
   const std::string reason = obstacle(results);
   if (found(results.portIds)) {
-    section.lines = errorLines(diagnostics, results);
+    section.lines = errorLines(target.test("errors"), diagnostics, results);
   }
   if (!reason.empty()) {
-    section.lines.insert(section.lines.begin(), {"port", reason, Verdict::fail});
+    Line line{"port", reason, Verdict::fail};
+    line.test = target.test("errors");
+    section.lines.insert(section.lines.begin(), line);
   }
   section.data = portJson(diagnostics, target.port, target.slot(), results, reason);
   report.add(section);
@@ -32,5 +34,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command errorsCommand = {"errors", "name the errors that a PCIe port latches", Needs::spb,
-                               addOptions, run};
+const Command errorsCommand = {
+    "errors", "name the errors that a PCIe port latches", Needs::spb, addOptions, true, run};

@@ -19,21 +19,20 @@ void run(Report& report) {
   Section section{"link", "Link"};
   section.about = target.subject();
   PCIeDiagnostics diagnostics;
-  report.takeMessages(section, {});
-  const DiagnosticsResults results = target.watch(diagnostics, seconds, clear);
-  section.lines.push_back(linkLine(target.title(), results));
+  report.takeMessages({});
+  const DiagnosticsResults results = target.watch(report, diagnostics, seconds, clear);
+  section.lines.push_back(linkLine(target.title(), target.test("link"), results));
   section.data = portJson(diagnostics, target.port, target.slot(), results, section.lines[0].text);
   if (found(results.portIds)) {
     section.lines.push_back(
         {"data link layer", results.portDataLinkActive ? "active" : "inactive"});
-    Line errors = errorSummary("errors", diagnostics, results);
-    errors.verdict = Verdict::none;
-    section.lines.push_back(errors);
+    const Line errors = errorSummary("errors", "", diagnostics, results);
+    section.lines.push_back({errors.label, errors.text});
   }
   report.add(section);
 }
 
 }  // namespace
 
-const Command linkCommand = {"link", "say whether a PCIe port's link is up", Needs::spb, addOptions,
-                             run};
+const Command linkCommand = {
+    "link", "say whether a PCIe port's link is up", Needs::spb, addOptions, true, run};

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Command.h"
 #include "bist/Options.h"
-#include "bist/Progress.h"
 #include "bist/Slots.h"
+#include "bist/Undo.h"
 
 namespace {
 
@@ -19,11 +19,13 @@ void run(Report& report) {
   section.about = {"slot", slot};
   guarded(section, [&] {
     if (!hasExpander(slot)) {
-      section.lines.push_back({slotName(slot), "has no power controller", Verdict::fail});
+      section.lines.push_back({slotName(slot), "has no power controller", Verdict::fail, "",
+                               slotTest(slot, on ? "power-on" : "power-off")});
       return;
     }
-    const Progress progress(slotName(slot) + (on ? " on" : " off"));
+    report.progress(slotName(slot) + (on ? " on" : " off"));
     BackplaneInterface backplane(slot);
+    report.willSwitch(undoOfPower(slot, backplane.isModuleOn(slot)));
     section.lines.push_back(switchSlot(backplane, slot, on));
   });
   section.data = {
@@ -33,5 +35,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command powerCommand = {"power", "turn the module in a slot on or off", Needs::spb,
-                              addOptions, run};
+const Command powerCommand = {
+    "power", "turn the module in a slot on or off", Needs::spb, addOptions, true, run};

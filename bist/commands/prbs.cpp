@@ -2,7 +2,6 @@
 #include "bist/Command.h"
 #include "bist/Options.h"
 #include "bist/Ports.h"
-#include "bist/Progress.h"
 
 namespace {
 
@@ -17,18 +16,18 @@ void addOptions(CLI::App& app) {
 void run(Report& report) {
   Section section{"prbs", "PRBS"};
   section.about = target.subject();
+  report.begin(section, target.title().size(), 0);
   PCIeDiagnostics diagnostics;
-  report.takeMessages(section, {});
+  report.takeMessages({});
   target.reach(diagnostics);
-  const Progress progress("PRBS on " + target.title(), seconds);
   DiagnosticsResults results;
-  const Line line = testPrbs(target.title(), diagnostics, target.port, seconds, results);
-  section.lines.push_back(line);
-  section.data = portJson(diagnostics, target.port, target.slot(), results, line.text);
-  report.add(section);
+  const Line line =
+      testPrbs(target.title(), report, diagnostics, target.port, target.slot(), seconds, results);
+  report.line(line, section.about);
+  report.end(portJson(diagnostics, target.port, target.slot(), results, line.text));
 }
 
 }  // namespace
 
-const Command prbsCommand = {"prbs", "run the PRBS loopback test on a PCIe port", Needs::spb,
-                             addOptions, run};
+const Command prbsCommand = {
+    "prbs", "run the PRBS loopback test on a PCIe port", Needs::spb, addOptions, true, run};

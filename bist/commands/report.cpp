@@ -5,8 +5,8 @@
 #include "bist/Machine.h"
 #include "bist/Platform.h"
 #include "bist/Ports.h"
-#include "bist/Progress.h"
 #include "bist/Slots.h"
+#include "bist/Undo.h"
 
 namespace {
 
@@ -27,64 +27,90 @@ std::string reasonForNoLink(int slot) {
   }
 }
 
-/// Link, errors and PRBS result of a port, of one without a link for a good reason the link alone.
-void testPort(Section& section, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
+/// Why the link of a port is down, where that is no fault; empty otherwise.
+std::string excuse(const Line& link, const DiagnosticsResults& results, int slot) {
+  return link.verdict == Verdict::fail && found(results.portIds) ? reasonForNoLink(slot) : "";
+}
+
+/// Link, errors and PRBS result of a port, of one without a link the link alone. Counts the ports
+/// that are tested. Returns what the port's JSON has.
+Json testPort(Report& report, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int& tested) {
   constexpr unsigned int seconds = 1;
   const int slot = slotOf(port);
   const std::string title = portTitle(port, slot);
-  const Progress progress("testing " + title);
+  const Subject about{"port", static_cast<int>(port)};
+  report.progress("watching " + title);
   DiagnosticsResults results = diagnostics.checkLiveDownstreamPort(port, 0, true);
-  section.lines.push_back(linkLine(title, results));
-  if (section.lines.back().verdict == Verdict::pass) {
-    section.lines.push_back(errorSummary(title + " errors", diagnostics, results));
-    section.lines.push_back(testPrbs(title + " PRBS", diagnostics, port, seconds, results));
-  } else if (found(results.portIds)) {
-    const std::string reason = reasonForNoLink(slot);
-    if (!reason.empty()) {
-      section.lines.back() = {title, "link down: " + reason};
-    }
+  Line line = linkLine(title, portTest(port, slot, "link"), results);
+  const std::string reason = excuse(line, results, slot);
+  if (!reason.empty()) {
+    line.text = "link down: " + reason;
+    line.verdict = Verdict::skipped;
   }
-  section.data.push_back(portJson(diagnostics, port, slot, results, section.lines.back().text));
+  report.line(line, about);
+  tested += line.verdict == Verdict::skipped ? 0 : 1;
+  if (line.verdict == Verdict::pass) {
+    report.line(
+        errorSummary(title + " errors", portTest(port, slot, "errors"), diagnostics, results),
+        about);
+    line = testPrbs(title + " PRBS", report, diagnostics, port, slot, seconds, results);
+    report.line(line, about);
+  }
+  return portJson(diagnostics, port, slot, results, line.text);
 }
 
 void addPcie(Report& report) {
-  Section section{"pcie", "PCIe", {}, Json::array()};
+  report.begin({"pcie", "PCIe"}, 31, 17);
   PCIeDiagnostics diagnostics;
-  report.takeMessages(section, {});
+  report.takeMessages({});
+  Json ports = Json::array();
+  int tested = 0;
   for (const PCIeDownstreamPorts port : mainPorts) {
-    testPort(section, diagnostics, port);
-    report.takeMessages(section, {"port", static_cast<int>(port)});
+    ports.push_back(testPort(report, diagnostics, port, tested));
   }
-  report.add(section);
+  if (tested == 0) {
+    report.line({"ports", "no link is up", Verdict::notTested, "", "ports"}, {});
+  }
+  report.end(ports);
 }
 
-void cyclePower(BackplaneInterface& backplane, int slot, Section& section) {
-  const Progress progress("power cycle of " + slotName(slot));
+/// Adds a step of a power cycle to the section and to its JSON.
+void addStep(Report& report, Json& steps, const Line& line, int slot) {
+  report.line(line, {"slot", slot});
+  steps.push_back({{"step", line.label}, {"result", line.text}});
+}
+
+void cyclePower(Report& report, BackplaneInterface& backplane, int slot, Json& steps) {
+  report.progress("power cycle of " + slotName(slot));
   const bool wasOn = backplane.isModuleOn(slot);
-  section.lines.push_back(switchSlot(backplane, slot, false));
-  section.lines.push_back(switchSlot(backplane, slot, true));
+  report.willSwitch(undoOfPower(slot, wasOn));
+  addStep(report, steps, switchSlot(backplane, slot, false), slot);
+  addStep(report, steps, switchSlot(backplane, slot, true), slot);
   if (!wasOn) {
     switchSlot(backplane, slot, false);
   }
+  report.switchedBack();
 }
 
 /// Turns each module that has a power controller off and on, and leaves it as it was.
 void addPowerCycle(Report& report) {
-  Section section{"powerCycle", "Power cycle", {}, Json::array()};
-  guarded(section, [&] {
+  report.begin({"powerCycle", "Power cycle"}, 10, 3);
+  Json steps = Json::array();
+  Section troubles;
+  guarded(troubles, [&] {
     BackplaneInterface backplane;
-    report.takeMessages(section, {});
+    report.takeMessages({});
     for (int slot = 0; slot < slotCount; ++slot) {
       if (hasExpander(slot)) {
-        cyclePower(backplane, slot, section);
-        report.takeMessages(section, {"slot", slot});
+        cyclePower(report, backplane, slot, steps);
       }
     }
   });
-  for (const Line& line : section.lines) {
-    section.data.push_back({{"step", line.label}, {"result", line.text}});
+  for (const Line& line : troubles.lines) {
+    report.line(line, {});
+    steps.push_back({{"step", line.label}, {"result", line.text}});
   }
-  report.add(section);
+  report.end(steps);
 }
 
 bool powerCycle = false;
@@ -116,5 +142,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command reportCommand = {"report", "test everything and report it", Needs::instrument,
-                               addOptions, run};
+const Command reportCommand = {
+    "report", "test everything and report it", Needs::instrument, addOptions, true, run};

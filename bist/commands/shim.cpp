@@ -18,7 +18,8 @@ void run(Report& report) {
   Section section{"shim", "Shim switch of module " + std::to_string(module)};
   section.about = {"module", static_cast<int>(module)};
   section.showTrace = true;
-  section.lines.push_back({"switch", ok ? "set up" : "not found", passIf(ok)});
+  section.lines.push_back({"switch", ok ? "set up" : "not found", passIf(ok), "",
+                           "module" + std::to_string(module) + ".shim"});
   if (ok) {
     section.lines.push_back({"upstream port", hex(diagnostics.shimUpstreamIds)});
     section.lines.push_back({"ShimPort1", hex(diagnostics.downstreamIds[ShimPort1])});
@@ -34,5 +35,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command shimCommand = {"shim", "find and set up the shim switch of a module", Needs::spb,
-                             addOptions, run};
+const Command shimCommand = {
+    "shim", "find and set up the shim switch of a module", Needs::spb, addOptions, false, run};

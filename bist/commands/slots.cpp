@@ -28,9 +28,9 @@ void addSlot(Section& section, BackplaneInterface& backplane, int slot) {
   const char* const controller = missing ? "no expander" : expander.empty() ? "-" : "expander";
   const char* const power = expander.empty() ? "-" : on ? "on" : "off";
   const char* const link = slot >= slotsWithPort ? "-" : linkUp ? "up" : "down";
-  section.lines.push_back({slotName(slot),
-                           row(present ? "present" : "empty", controller, power, link),
-                           passIf(!missing), "present, but no expander answers"});
+  section.lines.push_back(
+      {slotName(slot), row(present ? "present" : "empty", controller, power, link),
+       passIf(!missing), "present, but no expander answers", slotTest(slot, "controller")});
   section.data.push_back({{"slot", slot},
                           {"present", present},
                           {"controller", expander.empty() ? Json(nullptr) : Json(expander)},
@@ -53,5 +53,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command slotsCommand = {"slots", "show presence, power and link of the six slots", Needs::spb,
-                              noOptions, run};
+const Command slotsCommand = {
+    "slots", "show presence, power and link of the six slots", Needs::spb, noOptions, false, run};

@@ -18,6 +18,8 @@ void addOptions(CLI::App& app) {
       ->option_text(" ");
 }
 
+std::string testName() { return "module" + std::to_string(module) + ".topology"; }
+
 void run(Report& report) {
   Section section{"topology", "Module " + std::to_string(module)};
   section.data = {{"module", module}};
@@ -28,7 +30,7 @@ void run(Report& report) {
       return Line{label, bus.empty() ? "-" : bus};
     };
     section.lines = {{"device tree", info.topBus.empty() ? "does not describe it" : "describes it",
-                      passIf(!info.topBus.empty())},
+                      passIf(!info.topBus.empty()), "", testName()},
                      line("top bus", info.topBus),
                      line("system bus", info.systemBus),
                      line("solution bus", info.solutionBus),
@@ -40,8 +42,8 @@ void run(Report& report) {
                          {"is2k4k", info.is2k4k},
                          {"expander", expander}});
   } catch (const std::exception& error) {
-    section.lines = {
-        {"device tree", std::string("cannot be resolved: ") + error.what(), Verdict::fail}};
+    section.lines = {{"device tree", std::string("cannot be resolved: ") + error.what(),
+                      Verdict::fail, "", testName()}};
     section.data["error"] = error.what();
   }
   report.add(section);
@@ -49,5 +51,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command topologyCommand = {"topology", "show the I2C buses of a module", Needs::instrument,
-                                 addOptions, run};
+const Command topologyCommand = {
+    "topology", "show the I2C buses of a module", Needs::instrument, addOptions, false, run};

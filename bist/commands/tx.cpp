@@ -2,6 +2,7 @@
 #include "bist/Command.h"
 #include "bist/Options.h"
 #include "bist/Ports.h"
+#include "bist/Undo.h"
 
 namespace {
 
@@ -12,21 +13,35 @@ struct Setting {
   const char* name;
   bool (PCIeDiagnostics::*setOnOff)(PCIeDownstreamPorts port, bool enable);
   bool (PCIeDiagnostics::*setLevel)(PCIeDownstreamPorts port, int index, unsigned int value);
-  unsigned int levelRegister;
+  Field field;  ///< of the port's switch, that is changed
 };
 
 constexpr Setting settings[] = {
-    {"--drive-level", "drive level", "drive level", nullptr, &PCIeDiagnostics::setDriveLevel,
-     0xB98},
-    {"--post-cursor", "post-cursor emphasis", "post-cursor", nullptr,
-     &PCIeDiagnostics::setPostCursorEmphasis, 0xBA8},
-    {"--quiet", "quiet 5 GT/s transmit without loopback", "quiet transmit",
-     &PCIeDiagnostics::setTo5GQuietTransmitWithoutLoopback, nullptr, 0},
-    {"--analog-loopback", "external analog loopback", "analog loopback",
-     &PCIeDiagnostics::setPCIeExternalAnalogLoopback, nullptr, 0},
+    {"--drive-level",
+     "drive level",
+     "drive level",
+     nullptr,
+     &PCIeDiagnostics::setDriveLevel,
+     {0xB98, 0xF}},
+    {"--post-cursor",
+     "post-cursor emphasis",
+     "post-cursor",
+     nullptr,
+     &PCIeDiagnostics::setPostCursorEmphasis,
+     {0xBA8, 0xF}},
+    {"--quiet",
+     "quiet 5 GT/s transmit without loopback",
+     "quiet transmit",
+     &PCIeDiagnostics::setTo5GQuietTransmitWithoutLoopback,
+     nullptr,
+     {0x234, ~0U}},
+    {"--analog-loopback",
+     "external analog loopback",
+     "analog loopback",
+     &PCIeDiagnostics::setPCIeExternalAnalogLoopback,
+     nullptr,
+     {0xB84, 0xFFFF}},
 };
-
-constexpr unsigned int levelMask = 0xF;
 
 PortOption target;
 const Setting* chosen = nullptr;  ///< the one that the command line names
@@ -55,14 +70,15 @@ bool set(PCIeDiagnostics& diagnostics) {
     return (diagnostics.*chosen->setOnOff)(target.port, on);
   }
   return (diagnostics.*chosen->setLevel)(target.port, 0, level) &&
-         diagnostics.getDevicePortBits(target.port, chosen->levelRegister, levelMask, 0) == level;
+         diagnostics.getDevicePortBits(target.port, chosen->field.offset, chosen->field.mask, 0) ==
+             level;
 }
 
 void run(Report& report) {
   Section section{"tx", "Transmitter of " + target.title()};
   section.about = target.subject();
   PCIeDiagnostics diagnostics;
-  report.takeMessages(section, {});
+  report.takeMessages({});
   target.reach(diagnostics);
   const std::string wanted = chosen->setOnOff == nullptr ? std::to_string(level)
                              : on                        ? "on"
@@ -70,10 +86,14 @@ void run(Report& report) {
   std::string text = "port not found";
   bool ok = false;
   if (diagnostics.downstreamPorts[target.port] != nullptr) {
+    report.willSwitch(undoOfFields(diagnostics, target.port, target.slot(), {chosen->field}));
     ok = set(diagnostics);
     text = wanted + (ok ? "" : ", but it does not read back");
   }
-  section.lines.push_back({chosen->name, text, passIf(ok)});
+  Line line{chosen->name, text, passIf(ok)};
+  line.test = target.test(std::string("tx") + (chosen->option + 1));
+  line.figures = {{"value", wanted}, {"readsBack", ok}};
+  section.lines.push_back(line);
   section.data = {{"port", static_cast<int>(target.port)},
                   {"name", portName(target.port)},
                   {"slot", target.slot()},
@@ -85,5 +105,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command txCommand = {"tx", "change one transmitter setting of a PCIe port", Needs::spb,
-                           addOptions, run};
+const Command txCommand = {
+    "tx", "change one transmitter setting of a PCIe port", Needs::spb, addOptions, true, run};

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <chrono>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "bist/Report.h"
+
+/// What a run is, besides its results.
+struct RunFacts {
+  std::vector<std::string> arguments;
+  Json board = {};  ///< its number and description; null where the command asks for none
+  std::chrono::system_clock::time_point start = std::chrono::system_clock::now();
+};
+
+/// What has been found so far. Sections, lines and messages are the events that brought them, with
+/// "lines" and "messages" in a section, and in a line "start", seconds from the start of the run.
+struct Record {
+  RunFacts facts;
+  std::vector<Json> sections;
+  std::string interrupted;  ///< by what; empty for a run that came to its end
+  double seconds = 0;       ///< that the run took
+
+  /// How many lines have a verdict such as "pass".
+  std::size_t count(const std::string& verdict) const;
+
+  /// Each line that says fail, as a sentence.
+  std::vector<std::string> failures() const;
+
+  /// "pass", "fail" or "not tested": what has not been tested, or not to the end, has not passed.
+  std::string verdict() const;
+
+  /// "14 passed, 2 failed".
+  std::string counts() const;
+};
+
+/// One form in which results are written. Failing to write is an exception.
+class Output {
+ public:
+  virtual ~Output() = default;
+  virtual void take(const Json& /*event*/) {}
+  virtual void finish(const Record& record) = 0;
+};
+
+/// Sections as indented text, line by line as they come; a last line says the verdict. Coloured if
+/// asked for.
+class TextOutput : public Output {
+ public:
+  TextOutput(std::ostream& stream, bool coloured) : out(stream), colour(coloured) {}
+  void take(const Json& event) override;
+  void finish(const Record& record) override;
+
+ private:
+  std::ostream& out;
+  bool colour;
+  Json section;
+  std::vector<std::string> messages;
+};
+
+/// One JSON object: each section's data under its key, then "messages", "failures", "verdict" and
+/// what else is known of the run.
+class JsonOutput : public Output {
+ public:
+  explicit JsonOutput(std::ostream& stream) : out(stream) {}
+  void finish(const Record& record) override;
+
+ private:
+  std::ostream& out;
+};
+
+/// While the run goes on, a line on the terminal that says what is going on.
+class ProgressOutput : public Output {
+ public:
+  ~ProgressOutput() override { clear(); }
+  void take(const Json& event) override;
+  void finish(const Record& record) override;
+
+  /// Shows the time that has passed, if something goes on.
+  void show();
+
+ private:
+  void clear();
+
+  std::string title;
+  long duration = 0;
+  std::chrono::steady_clock::time_point since;
+};
+
+/// What is known of a run besides its results.
+Json runJson(const Record& record);
+
+/// "2026-11-26T03:14:22Z".
+std::string timeText(std::chrono::system_clock::time_point time);

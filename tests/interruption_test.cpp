@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: MIT
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
+
+#include "tests/Support.h"
+
+using nlohmann::json;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+namespace {
+
+/// A full backplane with settings of its own, and a module that takes its time.
+std::string instrument() {
+  return contentOf(INSTRUMENTS "/full.conf") +
+         "[power 2]\non-delay=0.8\noff-delay=0.4\n"
+         "[pci switch]\nregister-b98=0x5\nregister-ba8=0x9\nregister-224=0x1000\n"
+         "register-25c=0x4000000\nregister-244=0x2000000\nregister-234=0x3\n";
+}
+
+class Interruption : public testing::Test {
+ protected:
+  TemporaryDirectory directory;
+  std::string description = directory.file("d.conf", instrument());
+
+  /// Runs a shell script, in which "bist" is the program and "start" becomes it, on the instrument.
+  Outcome run(const std::string& script, const std::string& options = "") const {
+    return runCommand("cd " + directory.path + " && " TALVERO_SIM " --fast --summary " + options +
+                      " --instrument " + description +
+                      " -- sh -c 'bist() { " TALVERO_BIST " \"$@\"; }; start() { exec " TALVERO_BIST
+                      " \"$@\"; }; " +
+                      script + "'");
+  }
+
+  /// What a command leaves of the switch's settings, of power and of clock sources.
+  std::string left() const {
+    std::istringstream state(contentOf(directory.path + "/state.conf"));
+    std::string kept;
+    std::string group;
+    for (std::string line; std::getline(state, line);) {
+      group = line[0] == '[' ? line : group;
+      const std::string key = line.substr(0, line.find('='));
+      for (const char* const setting :
+           {"register-b98", "register-ba8", "register-224", "register-25c", "register-244",
+            "register-234", "register-b84", "initially"}) {
+        kept += key == setting ? group + line + "\n" : "";
+      }
+    }
+    return kept;
+  }
+};
+
+struct Interrupted {
+  const char* command;
+  double longest;  ///< seconds that it takes, about
+  int moments;
+};
+
+class InterruptedCommand : public Interruption, public testing::WithParamInterface<Interrupted> {};
+
+TEST_P(InterruptedCommand, LeavesTheHardwareAsFound) {
+  const auto& [command, longest, moments] = GetParam();
+  std::mt19937 random(1);
+  run("true", "--state state.conf");
+  const std::string before = left();
+  EXPECT_THAT(before, AllOf(HasSubstr("[power 2]initially=on"), HasSubstr("register-b98=0x5")));
+  int interrupted = 0;
+  for (int moment = 0; moment < moments; ++moment) {
+    const double time = longest * std::uniform_real_distribution<>(0, 1)(random);
+    const Outcome outcome = run(std::string("start ") + command + " >out & sleep " +
+                                    std::to_string(time) + "; kill -TERM $!; wait $!; echo $?",
+                                "--state state.conf");
+    const bool begun = outcome.errors.find("Terminated") == std::string::npos;
+    if (outcome.output == "143\n" && begun) {  // or else it was over
+      EXPECT_EQ(left(), before) << command << " after " << time << " s";
+      EXPECT_EQ(outcome.errors, "talvero-sim: nothing left behind\n") << command << time;
+      EXPECT_THAT(contentOf(directory.path + "/out"), HasSubstr("interrupted (SIGTERM): "));
+      ++interrupted;
+    }
+  }
+  EXPECT_GE(interrupted, moments / 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, InterruptedCommand,
+                         testing::Values(Interrupted{"prbs 1 --seconds 5", 5, 12},
+                                         Interrupted{"prbs ShimPort5 --module 1 --seconds 2", 2, 6},
+                                         Interrupted{"report --power-cycle", 7, 20},
+                                         Interrupted{"power 2 off", 0.6, 8},
+                                         Interrupted{"tx 3 --analog-loopback on", 0.1, 8}));
+
+TEST_F(Interruption, SaysWhatWasFoundUntilThen) {
+  Outcome outcome = run(
+      "start --json report --power-cycle >out & sleep 4; kill -HUP $!; wait $!; echo $?; cat out");
+  EXPECT_EQ(outcome.output.substr(0, 4), "129\n");
+  const json result = json::parse(outcome.output.substr(4));
+  EXPECT_EQ(result["run"]["interrupted"], "SIGHUP");
+  EXPECT_EQ(result["board"]["id"], 34);
+  EXPECT_GE(result["tests"].size(), 15U);
+  EXPECT_EQ(result["verdict"], "not tested") << "a part of it has not been";
+  outcome =
+      run("start prbs 0 --seconds 60 & sleep 1; kill -TERM $!; kill -INT $!; wait $!; echo $?");
+  EXPECT_THAT(outcome.output, EndsWith("interrupted (SIGTERM): nothing tested\n143\n"));
+}
+
+TEST_F(Interruption, ComesWhenNobodyReads) {
+  const Outcome outcome = run(
+      "(bist report --power-cycle; echo $? >status) | head -n 1; sleep 1; cat status", "--state s");
+  EXPECT_EQ(outcome.output, "Board\n141\n");
+  EXPECT_EQ(outcome.errors, "talvero-sim: nothing left behind\n");
+}
+
+TEST_F(Interruption, FollowsAFullDisk) {
+  const Outcome outcome = run("bist prbs 0 --seconds 2 >/dev/full; echo $?");
+  EXPECT_EQ(outcome.output, "2\n");
+  EXPECT_EQ(outcome.errors,
+            "talvero-bist: standard output cannot be written\ntalvero-sim: nothing left behind\n");
+}
+
+TEST_F(Interruption, IsNotForIgnoredSignals) {
+  const Outcome outcome =
+      run("trap \"\" HUP; start prbs 0 --seconds 2 >out & sleep 1; kill -HUP $!; wait $!; echo $?");
+  EXPECT_EQ(outcome.output, "0\n");
+}
+
+}  // namespace
