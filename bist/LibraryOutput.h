@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -25,13 +26,32 @@ class LibraryOutput {
   /// The failure lines since the last call, after the register traces if those are wanted.
   std::vector<std::string> takeMessages(bool withTrace);
 
+  /// Tells of each line that the library writes, when it does, and of those that
+  /// nobody has taken yet.
+  void listen(const std::function<void(const std::string& line)>& listener);
+
   /// Throws std::runtime_error when a line could not be written to the trace file.
   void requireTrace() const;
 
  private:
+  /// Keeps what is written, and tells of each line that ends.
+  class Lines : public std::streambuf {
+   public:
+    std::string take();
+
+    int overflow(int character) override;
+    std::streamsize xsputn(const char* written, std::streamsize size) override;
+
+    std::function<void(const std::string& line)> listener;
+
+   private:
+    std::string text;
+    std::size_t told = 0;  ///< how much of it
+  };
+
   std::ofstream traceFile;
-  std::ostringstream traces;
-  std::ostringstream failures;
+  Lines traces;
+  Lines failures;
   std::streambuf* standardOutput;
   std::streambuf* standardError;
   std::ostream ownOutput;

@@ -27,10 +27,10 @@ std::string portList() {
 }
 
 /// Makes its number of a port's name.
-CLI::Validator portNumber() {
+CLI::Validator portNumber(PCIeDownstreamPorts last) {
   return CLI::Validator(
-      [](std::string& text) -> std::string {
-        for (unsigned int number = 0; number <= ShimPort5; ++number) {
+      [last](std::string& text) -> std::string {
+        for (unsigned int number = 0; number <= static_cast<unsigned int>(last); ++number) {
           const std::string name = portName(static_cast<PCIeDownstreamPorts>(number));
           if (lowerCase(text) == lowerCase(name) || text == std::to_string(number)) {
             text = std::to_string(number);
@@ -46,10 +46,10 @@ bool isOnShim(PCIeDownstreamPorts port) { return slotOf(port) < 0; }
 
 }  // namespace
 
-void PortOption::addTo(CLI::App& command) {
+void PortOption::addTo(CLI::App& command, bool required) {
   command.add_option("PORT", port, portList())
-      ->required()
-      ->transform(portNumber())
+      ->required(required)
+      ->transform(portNumber(ShimPort5))
       ->option_text(" ");
   command
       .add_option("--module", shimModule,
@@ -82,6 +82,8 @@ int PortOption::slot() const {
 
 std::string PortOption::title() const { return portTitle(port, slot()); }
 
+CLI::Validator mainPortNumber() { return portNumber(DownstreamPort9); }
+
 CLI::Option* addSeconds(CLI::App& command, unsigned int& seconds, const char* help) {
   return command.add_option("--seconds", seconds, help)
       ->check(wholeNumber(longest))
@@ -100,6 +102,22 @@ CLI::Validator wholeNumber(unsigned int largest) {
                "\"";
       },
       "");
+}
+
+void addRange(CLI::App& command, const char* option, Range& range, unsigned int largest,
+              const char* help) {
+  const auto take = [option, largest, &range](const std::string& text) {
+    const std::size_t dash = std::min(text.find('-'), text.size());
+    std::string first = text.substr(0, dash);
+    std::string last = dash == text.size() ? first : text.substr(dash + 1);
+    const CLI::Validator number = wholeNumber(largest);
+    if (!number(first).empty() || !number(last).empty() || std::stoi(first) > std::stoi(last)) {
+      throw CLI::ValidationError(option, "must be a range of 0 to " + std::to_string(largest) +
+                                             " such as 4-11, or one of them, not \"" + text + "\"");
+    }
+    range = {std::stoi(first), std::stoi(last)};
+  };
+  command.add_option_function<std::string>(option, take, help)->option_text("A-B");
 }
 
 CLI::Validator onOff() {

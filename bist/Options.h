@@ -15,7 +15,7 @@ struct PortOption {
   unsigned int shimModule = 0;  ///< module whose shim switch has the port; ports 4 and 5 only
 
   /// A call that names port 4 or 5 without a module is a wrong one.
-  void addTo(CLI::App& command);
+  void addTo(CLI::App& command, bool required = true);
 
   /// Sets up the shim switch that has the port, if it is on one.
   void reach(PCIeDiagnostics& diagnostics) const;
@@ -38,8 +38,21 @@ struct PortOption {
 /// --seconds, 0 to 86400.
 CLI::Option* addSeconds(CLI::App& command, unsigned int& seconds, const char* help);
 
+/// Makes its number of the name of a port of the main switch.
+CLI::Validator mainPortNumber();
+
 /// Takes 0 to `largest`, in decimal digits.
 CLI::Validator wholeNumber(unsigned int largest);
+
+/// Whole numbers from the first to the last.
+struct Range {
+  int first;
+  int last;
+};
+
+/// An option that takes A-B or A, of 0 to `largest`. Unless it is given, `range` stays.
+void addRange(CLI::App& command, const char* option, Range& range, unsigned int largest,
+              const char* help);
 
 /// Makes true of "on" and false of "off".
 CLI::Validator onOff();

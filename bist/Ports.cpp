@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Ports.h"
 
+#include <linux/pci_regs.h>
+#include <pciaccess.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -17,19 +20,16 @@ namespace {
 constexpr struct {
   const char* name;
   int slot;
-} ports[] = {{"DownstreamPort1", 0}, {"DownstreamPort5", 3}, {"DownstreamPort7", 2},
-             {"DownstreamPort9", 1}, {"ShimPort1", -1},      {"ShimPort5", -1}};
+  unsigned int loopback;  ///< the port's bit in register 0x224 of its switch
+} ports[] = {{"DownstreamPort1", 0, 0x1},    {"DownstreamPort5", 3, 0x10000},
+             {"DownstreamPort7", 2, 0x1000}, {"DownstreamPort9", 1, 0x100},
+             {"ShimPort1", -1, 0x1},         {"ShimPort5", -1, 0x100}};
 
 static_assert(std::size(ports) == std::extent_v<decltype(DiagnosticMaskRegs)>,
               "each port has a row");
 
-constexpr unsigned int lastPrbsCount = 255;  // where the counter stops
-
-std::string hex(unsigned int number) {
-  char text[12];
-  std::snprintf(text, sizeof text, "0x%x", number);
-  return text;
-}
+constexpr unsigned int linkStatusRegister = 0x68 + PCI_EXP_LNKSTA;  // of a port of a switch
+constexpr unsigned int lastPrbsCount = 255;                         // where the counter stops
 
 /// A register field of the record with the texts that it decodes to.
 struct StatusWord {
@@ -93,10 +93,46 @@ std::string portTitle(PCIeDownstreamPorts port, int slot) {
   return portName(port) + " (slot " + std::to_string(slot) + ")";
 }
 
+std::string leftOn(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
+  constexpr int prbsColumn = 2;
+  const unsigned int prbs = DiagnosticMaskRegs[port][prbsColumn];
+  const bool hasPrbs = diagnostics.getDevicePortBits(port, 0x25C, prbs, 0) != 0;
+  const bool hasLoopback = diagnostics.getDevicePortBits(port, 0x224, ports[port].loopback, 0) != 0;
+  return hasPrbs && hasLoopback ? "PRBS and loopback"
+         : hasPrbs              ? "PRBS"
+         : hasLoopback          ? "loopback"
+                                : "";
+}
+
+void addLeftOn(Section& section, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
+  const std::string what = leftOn(diagnostics, port);
+  if (!what.empty()) {
+    section.lines.push_back({"left on", what + "; talvero-bist stop ends that"});
+  }
+}
+
 std::string hex(DeviceIds ids) {
   char text[12];
   std::snprintf(text, sizeof text, "%04x:%04x", ids.vendorId, ids.deviceId);
   return text;
+}
+
+std::string hex(unsigned int number) {
+  char text[12];
+  std::snprintf(text, sizeof text, "0x%x", number);
+  return text;
+}
+
+LinkStatus linkStatus(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
+  constexpr double rates[] = {0, 2.5e9, 5e9, 8e9, 16e9};  // of one lane, by speed
+  std::uint16_t word = 0;
+  pci_device* const device = diagnostics.downstreamPorts[port];
+  if (device != nullptr) {
+    pci_device_cfg_read_u16(device, &word, linkStatusRegister);
+  }
+  const unsigned int speed = word & PCI_EXP_LNKSTA_CLS;
+  const unsigned int lanes = (word & PCI_EXP_LNKSTA_NLW) >> PCI_EXP_LNKSTA_NLW_SHIFT;
+  return {word, speed < std::size(rates) ? rates[speed] * lanes : 0};
 }
 
 bool found(DeviceIds ids) { return ids.vendorId != 0; }
@@ -160,6 +196,12 @@ Line testPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnos
               PCIeDownstreamPorts port, int slot, unsigned int seconds,
               DiagnosticsResults& results) {
   report.progress("PRBS on " + portTitle(port, slot), seconds);
+  return runPrbs(label, report, diagnostics, port, slot, seconds, results);
+}
+
+Line runPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
+             PCIeDownstreamPorts port, int slot, unsigned int seconds,
+             DiagnosticsResults& results) {
   const Json before = undoOfPrbs(diagnostics, port, slot);
   report.willSwitch(before);
   const auto start = std::chrono::steady_clock::now();

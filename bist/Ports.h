@@ -15,10 +15,29 @@ int slotOf(PCIeDownstreamPorts port);
 /// "DownstreamPort5 (slot 3)".
 std::string portTitle(PCIeDownstreamPorts port, int slot);
 
+/// The ports of the main switch.
+constexpr PCIeDownstreamPorts mainPorts[] = {DownstreamPort1, DownstreamPort5, DownstreamPort7,
+                                             DownstreamPort9};
+
+/// What a test has left switched on at a port: "PRBS", "loopback" or both; empty for nothing.
+std::string leftOn(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port);
+
+/// Adds a line that says so, if something is.
+void addLeftOn(Section& section, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port);
+
 /// "vendor:device", four hexadecimal digits each.
 std::string hex(DeviceIds ids);
 
 bool found(DeviceIds ids);
+
+std::string hex(unsigned int number);
+
+/// What the link below a port has come to.
+struct LinkStatus {
+  unsigned int word;  ///< the port's Link Status register
+  double rate;        ///< bits a second on the line, all lanes together; 0 for an unknown speed
+};
+LinkStatus linkStatus(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port);
 
 /// The name of a test of a port, such as "DownstreamPort9.link" or "module1.ShimPort5.link".
 std::string portTest(PCIeDownstreamPorts port, int slot, const std::string& what);
@@ -37,6 +56,10 @@ Line linkLine(const std::string& label, const std::string& test, const Diagnosti
 Line testPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
               PCIeDownstreamPorts port, int slot, unsigned int seconds,
               DiagnosticsResults& results);
+
+/// The same without a word on the progress.
+Line runPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
+             PCIeDownstreamPorts port, int slot, unsigned int seconds, DiagnosticsResults& results);
 
 /// A line for each status word of the path. Names of tests begin with `test`.
 std::vector<Line> errorLines(const std::string& test, const PCIeDiagnostics& diagnostics,

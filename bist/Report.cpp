@@ -27,6 +27,7 @@ std::string joined(const std::vector<std::string>& words) {
 
 void Report::begin(const Section& section, std::size_t labelWidth, std::size_t textWidth) {
   current = section;
+  others.clear();
   events({{"event", "section"},
           {"key", section.key},
           {"title", section.title},
@@ -36,10 +37,14 @@ void Report::begin(const Section& section, std::size_t labelWidth, std::size_t t
   started = std::chrono::steady_clock::now();
 }
 
-void Report::tell(const Line& line) {
+void Report::note(const Line& line) {
+  failed = failed || line.verdict == Verdict::fail || line.verdict == Verdict::notTested;
+}
+
+Json Report::eventOf(const Line& line) const {
   const auto now = std::chrono::steady_clock::now();
   const auto duration = Seconds(now - started).count();
-  events({{"event", "line"},
+  return {{"event", "line"},
           {"label", line.label},
           {"text", line.text},
           {"verdict", verdictNames[static_cast<int>(line.verdict)]},
@@ -47,11 +52,13 @@ void Report::tell(const Line& line) {
           {"test", line.test},
           {"seconds", duration},
           {"figures", line.figures},
-          {"limit", line.limit}});
+          {"limit", line.limit},
+          {"kept", line.kept}};
 }
 
 void Report::line(const Line& line, const Subject& about) {
-  tell(line);
+  note(line);
+  events(eventOf(line));
   started = std::chrono::steady_clock::now();
   takeMessages(about);
   tellMessages();
@@ -63,11 +70,31 @@ void Report::takeMessages(const Subject& about) {
   }
 }
 
+void Report::takeOtherMessages(const Subject& about, const std::vector<std::string>& known) {
+  for (const std::string& text : output.takeMessages(current.showTrace)) {
+    const bool isKnown = std::any_of(known.begin(), known.end(), [&](const std::string& begin) {
+      return text.rfind(begin, 0) == 0;
+    });
+    if (!isKnown && others.insert(text).second) {
+      messages.push_back({{"event", "message"}, {"about", subjectJson(about)}, {"text", text}});
+    }
+  }
+}
+
 void Report::tellMessages() {
   for (const Json& message : messages) {
     events(message);
   }
   messages.clear();
+}
+
+void Report::soFar(const std::vector<Line>& lines, const Json& data) {
+  Json ending = Json::array();
+  for (const Line& line : lines) {
+    ending.push_back(eventOf(line));
+  }
+  ending.push_back({{"event", "end of section"}, {"data", data}});
+  events({{"event", "so far"}, {"events", ending}});
 }
 
 void Report::end(const Json& data) {
@@ -87,7 +114,8 @@ void Report::add(const Section& section) {
   begin(section, labelWidth, textWidth);
   started = before;
   for (const Line& line : section.lines) {
-    tell(line);
+    note(line);
+    events(eventOf(line));
   }
   started = std::chrono::steady_clock::now();
   takeMessages(section.about);

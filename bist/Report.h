@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,7 @@ struct Line {
   std::string test = {};     ///< name of the test whose result it is, the same for years
   Json figures = {};         ///< what it is judged by
   Json limit = {};           ///< and against what
+  bool kept = true;          ///< or else it is shown as it comes, and is not among the results
 };
 
 /// A part of the instrument by its number, such as {"slot", 1}; no part without a kind.
@@ -69,11 +71,22 @@ class Report {
   /// comes next.
   void takeMessages(const Subject& about);
 
+  /// Says how the section ends if nothing more comes, because the run ends or is interrupted: in
+  /// place of what the call before has said.
+  void soFar(const std::vector<Line>& lines, const Json& data);
+
+  /// Takes them but for what begins with one of these, which the lines say already, and what it has
+  /// taken since the section began.
+  void takeOtherMessages(const Subject& about, const std::vector<std::string>& known);
+
   /// Ends the section that has begun.
   void end(const Json& data);
 
   /// Adds a whole section, all of whose lines are there.
   void add(const Section& section);
+
+  /// Whether a line so far says that something failed or was not tested.
+  bool hasFailed() const { return failed; }
 
   /// Says what goes on now and, if that is known, for how many seconds; 0 if not.
   void progress(const std::string& title, unsigned int seconds = 0);
@@ -83,13 +96,22 @@ class Report {
   void willSwitch(const Json& undo);
   void switchedBack();
 
+  /// A report of the same library's lines, whose events something else takes.
+  Report redirected(Events takeEvents) const { return {output, std::move(takeEvents)}; }
+
+  /// Passes an event of such a report on.
+  void pass(const Json& event) { events(event); }
+
  private:
-  void tell(const Line& line);
+  Json eventOf(const Line& line) const;
+  void note(const Line& line);
   void tellMessages();
 
   LibraryOutput& output;
   Events events;
+  bool failed = false;
   Section current;
-  std::vector<Json> messages;  ///< events that the next line or the end of the section brings
+  std::vector<Json> messages;    ///< events that the next line or the end of the section brings
+  std::set<std::string> others;  ///< that takeOtherMessages has taken
   std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };

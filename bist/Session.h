@@ -14,12 +14,17 @@
 ///
 /// Events, by "event":
 ///   "section"         begins one: key, title, about (a part by its kind), labelWidth, textWidth
-///   "line"            in it: label, text, verdict, failure, test, seconds, figures, limit
+///   "line"            in it: label, text, verdict, failure, test, seconds, figures, limit, and
+///                     kept, whether it stays in the record
 ///   "message"         of the library, in it: about, text
 ///   "end of section"  data
+///   "so far"          events, which come at the end of the run if that is in this section
 ///   "progress"        what goes on now: title, and seconds if it is known how long
 ///   "switch"          undo: how to undo what is switched now
 ///   "switched back"   the last one of these is undone
+///   "not put back"    the last one of these could not be: why
+///   "trace"           text: a line that the library writes, for an output that wants those
+///   "interrupted"     by what
 class Session {
  public:
   explicit Session(const RunFacts& facts) { record.facts = facts; }
@@ -35,9 +40,12 @@ class Session {
   /// Notes that the run ends here, by a signal such as "SIGINT" or for another reason.
   void interrupt(const std::string& reason);
 
-  /// Ends the outputs, of which those that fail are left at that if nobody reads them. Returns
-  /// whether everything passed.
+  /// Ends all outputs. Throws what the first one that fails has thrown, unless nobody reads them.
+  /// Returns whether everything passed.
   bool finish(bool unread = false);
+
+  /// Ends the records where an error ends the run: what has been found until then is not lost.
+  void abandon(const std::string& error);
 
   const Record& results() const { return record; }
 
@@ -45,4 +53,5 @@ class Session {
   Record record;
   std::vector<Output*> outputs;
   std::vector<Json> undos;
+  Json ending = Json::array();
 };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Slots.h"
 
+#include <chrono>
 #include <exception>
 
 #include "modules/Udev_PCA9536.h"
@@ -16,11 +17,13 @@ bool hasExpander(int slot) {
 }
 
 Line switchSlot(BackplaneInterface& backplane, int slot, bool on) {
+  const auto start = std::chrono::steady_clock::now();
   if (on) {
     backplane.turnModuleOn(slot);
   } else {
     backplane.turnModuleOff(slot);
   }
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
   const Udev_PCA9536 controller(static_cast<unsigned int>(slot));
   const bool readsOn = backplane.isModuleOn(slot);
   // The library does not wait for the power sequence of slots 4 and 5.
@@ -34,7 +37,9 @@ Line switchSlot(BackplaneInterface& backplane, int slot, bool on) {
     line.text = "power sequence not finished";
   }
   line.test = slotTest(slot, on ? "power-on" : "power-off");
-  line.figures = {{"on", readsOn}, {"sequenceFollows", hasSequence ? Json(done) : Json(nullptr)}};
+  line.figures = {{"on", readsOn},
+                  {"sequenceFollows", hasSequence ? Json(done) : Json(nullptr)},
+                  {"seconds", taken.count()}};
   line.limit = {{"on", on}};
   return line;
 }

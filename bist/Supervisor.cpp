@@ -121,12 +121,14 @@ class Reader {
 };
 
 /// Undoes what is switched, the last first. Another signal ends the process.
-void undoAll(const Session& session, LibraryOutput& libraryOutput) {
+void undoAll(Session& session, LibraryOutput& libraryOutput) {
   std::vector<Json> switched = session.switched();
   for (; !switched.empty(); switched.pop_back()) {
     try {
       undo(switched.back());
+      session.take({{"event", "switched back"}});
     } catch (const std::exception& error) {
+      session.take({{"event", "not put back"}, {"why", error.what()}});
       dprintf(STDERR_FILENO, "talvero-bist: %s is not put back: %s\n",
               wordsOf(switched.back()).c_str(), error.what());
     }
@@ -207,15 +209,17 @@ int supervise(Session& session, LibraryOutput& libraryOutput, ProgressOutput* pr
     }
     interrupting = SIGPIPE;
   }
-  if (!reader.ended) {  // or else what is still switched is to stay so
-    undoAll(session, libraryOutput);
-  }
   if (interrupting != 0) {
     session.interrupt(interrupting == SIGPIPE ? "nobody reads the output"
                                               : std::string("SIG") + sigabbrev_np(interrupting));
-  } else if (!reader.error.empty()) {
+  }
+  if (!reader.ended) {  // or else what is still switched is to stay so
+    undoAll(session, libraryOutput);
+  }
+  if (interrupting == 0 && !reader.error.empty()) {
     throw std::runtime_error(reader.error);
-  } else if (!reader.ended) {
+  }
+  if (interrupting == 0 && !reader.ended) {
     throw std::runtime_error("the process that tests has ended without a word");
   }
   return interrupting;

@@ -16,6 +16,8 @@ struct Field {
   unsigned int offset;
   unsigned int mask;
 };
+constexpr Field driveLevelField = {0xB98, 0xF};
+constexpr Field postCursorField = {0xBA8, 0xF};
 Json undoOfFields(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int shimModule,
                   const std::vector<Field>& fields);
 

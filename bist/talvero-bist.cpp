@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,8 +22,9 @@ namespace {
 
 /// The commands, in the order of --help.
 constexpr const Command* commands[] = {
-    &reportCommand, &boardCommand, &slotsCommand, &powerCommand, &topologyCommand, &linkCommand,
-    &errorsCommand, &prbsCommand,  &shimCommand,  &txCommand,    &captureCommand};
+    &reportCommand, &boardCommand,    &slotsCommand, &powerCommand,  &topologyCommand, &linkCommand,
+    &errorsCommand, &prbsCommand,     &soakCommand,  &marginCommand, &shimCommand,     &txCommand,
+    &stopCommand,   &registerCommand, &listCommand,  &captureCommand};
 
 enum ExitStatus { pass = 0, fail = 1, usageOrNoHardware = 2, signalled = 128 };
 
@@ -30,7 +32,37 @@ enum ExitStatus { pass = 0, fail = 1, usageOrNoHardware = 2, signalled = 128 };
 struct Common {
   bool json = false;
   std::string traceFile;
+  std::string logFile;
+  std::string junitFile;
+  std::string htmlFile;
+
+  bool records() const {
+    return json || !logFile.empty() || !junitFile.empty() || !htmlFile.empty();
+  }
 };
+
+/// The options that name a file to be written.
+constexpr struct {
+  const char* option;
+  const char* help;
+  std::string Common::*file;
+} fileOptions[] = {
+    {"--trace", "write the library's register trace to this file", &Common::traceFile},
+    {"--log", "keep everything in this file, as it happens", &Common::logFile},
+    {"--junit", "write the results to this file as JUnit XML", &Common::junitFile},
+    {"--html", "write the results to this file as a page", &Common::htmlFile}};
+
+/// Throws std::runtime_error when one file is to be written by two.
+void requireOwnFiles(const Common& common) {
+  for (const auto& one : fileOptions) {
+    for (const auto& other : fileOptions) {
+      const std::string& name = common.*one.file;
+      if (&one < &other && !name.empty() && name == common.*other.file) {
+        throw std::runtime_error(name + ": named by both " + one.option + " and " + other.option);
+      }
+    }
+  }
+}
 
 bool isColoured() {
   const char* const no = std::getenv("NO_COLOR");
@@ -43,7 +75,29 @@ Json boardJson() {
   return {{"id", board.id}, {"description", board.idDescription}};
 }
 
+/// Adds an output into a file if one is named.
+template <class FileOutputClass, class... Facts>
+std::unique_ptr<Output> fileOutput(Session& session, const std::string& file,
+                                   const Facts&... facts) {
+  if (file.empty()) {
+    return nullptr;
+  }
+  auto output = std::make_unique<FileOutputClass>(file, facts...);
+  session.addOutput(*output);
+  return output;
+}
+
+/// Makes events of the library's lines if there is a log.
+void listenFor(const Output* log, LibraryOutput& output, const Events& events) {
+  if (log != nullptr) {
+    output.listen([events](const std::string& line) {
+      events({{"event", "trace"}, {"text", line}});
+    });
+  }
+}
+
 int execute(const Command& command, const Common& common, RunFacts facts) {
+  requireOwnFiles(common);
   LibraryOutput output(common.traceFile);
   if (command.needs != Needs::nothing) {
     requireInstrument();
@@ -51,7 +105,8 @@ int execute(const Command& command, const Common& common, RunFacts facts) {
   if (command.needs == Needs::spb) {
     requireSpb(command.name);
   }
-  if (common.json && command.needs != Needs::nothing) {
+  facts.informs = command.needs == Needs::nothing;
+  if (common.records() && command.needs != Needs::nothing) {
     facts.board = boardJson();
   }
   Session session(facts);
@@ -62,17 +117,29 @@ int execute(const Command& command, const Common& common, RunFacts facts) {
   if (onTerminal) {
     session.addOutput(progress);
   }
+  // The log first: it has what was going on when another one fails.
+  const auto log = fileOutput<LogOutput>(session, common.logFile, facts);
+  const auto junit = fileOutput<JUnitOutput>(session, common.junitFile);
+  const auto html = fileOutput<HtmlOutput>(session, common.htmlFile);
   session.addOutput(common.json ? static_cast<Output&>(json) : text);
   const auto work = [&](const Events& events) {
+    listenFor(log.get(), output, events);
     Report report(output, events);
     command.run(report);
     output.requireTrace();
   };
+  const Events take = [&session](const Json& event) { session.take(event); };
   int signal = 0;
-  if (command.supervised) {
-    signal = supervise(session, output, onTerminal ? &progress : nullptr, work);
-  } else {
-    work([&session](const Json& event) { session.take(event); });
+  try {
+    listenFor(log.get(), output, take);
+    if (command.supervised) {
+      signal = supervise(session, output, onTerminal ? &progress : nullptr, work);
+    } else {
+      work(take);
+    }
+  } catch (const std::exception& error) {
+    session.abandon(error.what());
+    throw;
   }
   const bool passed = session.finish(signal == SIGPIPE);
   return signal != 0 ? signalled + signal : passed ? pass : fail;
@@ -107,7 +174,7 @@ int main(int argc, char** argv) {
       "talvero-bist");
   const std::string exitStatus =
       "Exit status: 0 everything passed, 1 something failed or was not tested, 2 wrong call, no\n"
-      "instrument or SPB here, no rights, or output or trace that cannot be written, 128 and the\n"
+      "instrument or SPB here, no rights, or output or a file that cannot be written, 128 and the\n"
       "signal's number when interrupted.\n";
   app.footer(exitStatus);
   app.set_version_flag("--version", [] {
@@ -119,8 +186,9 @@ int main(int argc, char** argv) {
   Common common;
   app.add_flag("--json", common.json, "print one JSON object instead of text")
       ->disable_flag_override();
-  app.add_option("--trace", common.traceFile, "write the library's register trace to this file")
-      ->option_text("FILE");
+  for (const auto& [option, help, file] : fileOptions) {
+    app.add_option(option, common.*file, help)->option_text("FILE");
+  }
   addSpbOption(app);
   const std::string commonHelp = commonOptions(app).substr(1);  // begins with an empty line
   const Command* chosen = nullptr;
@@ -132,7 +200,7 @@ int main(int argc, char** argv) {
   }
   try {
     app.parse(argc, argv);
-    return execute(*chosen, common, {{argv + 1, argv + argc}, {}});
+    return execute(*chosen, common, {{argv + 1, argv + argc}});
   } catch (const CLI::ParseError& error) {
     const bool unknown = error.get_name() == "RequiredError" || error.get_name() == "ExtrasError";
     if (unknown && app.get_subcommands().empty()) {

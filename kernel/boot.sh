@@ -27,7 +27,7 @@ for module in i2c-dev i2c-mux i2c-mux-pca954x fixed reset-imx7 phy-fsl-imx8m-pci
 done
 libraries=build/sysroot/usr/lib/aarch64-linux-gnu
 for library in ld-linux-aarch64.so.1 libc.so.6 libgcc_s.so.1 libm.so.6 libpciaccess.so.0 \
-  libstdc++.so.6 libudev.so.1 libz.so.1; do
+  libstdc++.so.6 libtinyxml2.so.9 libudev.so.1 libz.so.1; do
   cp -L "$libraries/$library" "$root/lib"
 done
 cp -r "$work"/. "$root/work"

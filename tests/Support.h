@@ -7,6 +7,14 @@
 
 #include "simulator/instrument/SimulatedInstrument.h"
 
+/// How many times fewer of many cases of a kind are tried where programs run many times slower: on
+/// the target's processor, which is emulated, and with a sanitizer.
+#if defined(__aarch64__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int fewer = 6;
+#else
+constexpr int fewer = 1;
+#endif
+
 /// An instrument described by a text, in virtual time.
 class Instrument : public simulator::SimulatedInstrument {
  public:

@@ -173,6 +173,11 @@ TEST(TalveroBist, RefusesAWrongCall) {
       {"power 6 on", "SLOT: must be a whole number from 0 to 5, not \"6\""},
       {"link 0 --seconds 1.5", "--seconds: must be a whole number from 0 to 86400, not \"1.5\""},
       {"prbs 0 --seconds 86401", "0 to 86400"},
+      {"margin 0 --drive-level 4-16", "--drive-level: must be a range of 0 to 15 such as 4-11"},
+      {"margin 0 --post-cursor 11-4", "or one of them, not \"11-4\""},
+      {"margin 0 --post-cursor 4-", "--post-cursor: must be a range of 0 to 15"},
+      {"margin 0 --post-cursor 1-2-3", "not \"1-2-3\""},
+      {"margin 0 --seconds x", "--seconds: must be a whole number from 0 to 86400"},
       {"topology -1", "MODULE: must be a whole number from 0 to 4294967295, not \"-1\""},
       {"topology 99999999999999999999", "not \"99999999999999999999\""},
       {"link Port9", "3 or DownstreamPort9 (slot 1), 4 or ShimPort1 (that of --module), "},
@@ -220,9 +225,9 @@ TEST(TalveroBist, RefusesAMachineThatIsNoInstrument) {
   const std::string strapless =
       directory.file("strapless.conf", "[board]\nstraps=100010\n[gpio]\n135=missing\n[pci]\n");
   const std::string trace = directory.path + "/trace";
-  const std::string spbCommands[] = {"slots",          "power 1 on",         "link 0",
-                                     "errors 0",       "prbs 0 --seconds 1", "shim 1",
-                                     "tx 0 --quiet on"};
+  const std::string spbCommands[] = {"slots",    "power 1 on",         "link 0",
+                                     "errors 0", "prbs 0 --seconds 1", "margin 0",
+                                     "shim 1",   "tx 0 --quiet on"};
   const auto refused = [&](const std::string& instrument, const std::string& call,
                            const std::string& sentence) {
     const Outcome outcome = runCommand(TALVERO_SIM " --fast --trace " + trace + " --instrument " +
@@ -277,7 +282,7 @@ TEST(TalveroBist, ReportsEveryFaultAndNoOther) {
   const json messages = json::parse(broken.output)["messages"];
   EXPECT_EQ(messages[0], json::parse(R"({"section": "slots",
                                          "text": "could not enumerate module: 1"})"));
-  EXPECT_EQ(messages[7],
+  EXPECT_EQ(messages[8],
             json::parse(R"({"section": "pcie", "port": 0, "text": "prbsErrors: 30"})"));
   EXPECT_EQ(messages.back(), json::parse(R"({"section": "powerCycle", "slot": 1,
                                              "text": "Power on sequence done timed out"})"));
@@ -467,7 +472,7 @@ TEST(TalveroBist, ReportsWornHardware) {
   slot 3  empty     -             -      down  PASS
   slot 4  present   -             -      -     PASS
   slot 5  present   -             -      -     PASS
-  | could not enumerate module: 1 (6 times)
+  | could not enumerate module: 1 (7 times)
 
 PCIe
   DownstreamPort1 (slot 0)         link down          FAIL
@@ -587,7 +592,7 @@ TEST(TalveroBist, TouchesWhatItIsAskedTo) {
   } cases[] = {{"link 0", 1, 1},
                {"link 0 --clear --seconds 2", 2, 20},
                {"errors 0 --seconds 3", 2, 30},
-               {"report", 8, 8}};
+               {"report", 9, 8}};
   for (const auto& test : cases) {
     runCommand(TALVERO_SIM " --fast --trace " + trace + " -- " TALVERO_BIST " " + test.arguments);
     const std::string accesses = contentOf(trace);
@@ -620,6 +625,8 @@ TEST(TalveroBist, CountsTheSecondsOnATerminal) {
   EXPECT_THAT(shown("link 1 --seconds 2"), counts("watching"));
   EXPECT_THAT(shown("errors 1 --seconds 2"), counts("watching"));
   EXPECT_THAT(shown("prbs 1 --seconds 2"), counts("PRBS on"));
+  EXPECT_THAT(shown("margin 1 --seconds 2 --drive-level 0 --post-cursor 0-1"),
+              HasSubstr("\rpoint 2 of 2 on DownstreamPort5 (slot 3): 0 s, 2 s left"));
   EXPECT_THAT(shown("power 1 on"),
               AllOf(StartsWith("\rslot 1 on: 0 s\033[K\r"), EndsWith("\r\033[K")));
   EXPECT_THAT(shown("report --power-cycle"),

@@ -148,7 +148,11 @@ present=no
 )";
 
 TEST_F(Capture, IsWhatTheInstrumentIs) {
+  int number = 0;
   for (const std::string& instrument : shippedInstruments()) {
+    if (number++ % fewer != 0) {
+      continue;
+    }
     const std::string captured = expectSameReplayed(directory, instrument);
     const bool broken = instrument.find("broken") != std::string::npos;
     EXPECT_THAT(captured, StartsWith("# Captured at 1970-01-02T00:00:00Z on "));
@@ -281,7 +285,11 @@ TEST_F(Capture, FollowsWhatHasHappened) {
       "change \"mux 2-0070 present=no\" \"pci switch register-1e8=0x5\";",
       leftOn,
   };
+  int number = 0;
   for (const char* const script : scripts) {
+    if (number++ % fewer != 0) {
+      continue;
+    }
     expectSameReplayed(directory, "full", script);
   }
 }
@@ -356,7 +364,11 @@ TEST_F(Capture, RemarksWhatCannotBeRead) {
       {"[pci root]\nclass=0x060000",
        "0000:00:00.0 is no root port of an instrument (class 0x60000)"},
   };
+  int number = 0;
   for (const auto& [description, remark] : cases) {
+    if (number++ % fewer != 0) {
+      continue;
+    }
     directory.file("d.conf",
                    std::string("[board]\nstraps=100010\n[i2c]\n0-0074=pmb\n[pci]\n[power 1]"
                                "\n[mux 2-0070]\n1=i2c-9\n[module 2-0050]\nid=1\n"

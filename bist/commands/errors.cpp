@@ -23,6 +23,7 @@ void run(Report& report) {
   if (found(results.portIds)) {
     section.lines = errorLines(target.test("errors"), diagnostics, results);
   }
+  addLeftOn(section, diagnostics, target.port);
   if (!reason.empty()) {
     Line line{"port", reason, Verdict::fail};
     line.test = target.test("errors");

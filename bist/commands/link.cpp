@@ -28,6 +28,7 @@ void run(Report& report) {
         {"data link layer", results.portDataLinkActive ? "active" : "inactive"});
     const Line errors = errorSummary("errors", "", diagnostics, results);
     section.lines.push_back({errors.label, errors.text});
+    addLeftOn(section, diagnostics, target.port);
   }
   report.add(section);
 }

@@ -1,124 +1,66 @@
 // SPDX-License-Identifier: MIT
-#include <exception>
+#include <algorithm>
 
 #include "bist/Command.h"
 #include "bist/Machine.h"
+#include "bist/Options.h"
 #include "bist/Platform.h"
-#include "bist/Ports.h"
 #include "bist/Slots.h"
+#include "bist/Tests.h"
 #include "bist/Undo.h"
 
 namespace {
 
-constexpr PCIeDownstreamPorts mainPorts[] = {DownstreamPort1, DownstreamPort5, DownstreamPort7,
-                                             DownstreamPort9};
-
-/// Why the link to a slot need not be up: the slot is empty or off. Empty when it has to be, or
-/// when the modules' topology keeps that from being found out.
-std::string reasonForNoLink(int slot) {
-  try {
-    BackplaneInterface backplane(slot);
-    if (!backplane.isModulePresent(slot)) {
-      return slotName(slot) + " is empty";
-    }
-    return hasExpander(slot) && !backplane.isModuleOn(slot) ? slotName(slot) + " is off" : "";
-  } catch (const std::exception&) {
-    return "";
-  }
-}
-
-/// Why the link of a port is down, where that is no fault; empty otherwise.
-std::string excuse(const Line& link, const DiagnosticsResults& results, int slot) {
-  return link.verdict == Verdict::fail && found(results.portIds) ? reasonForNoLink(slot) : "";
-}
-
-/// Link, errors and PRBS result of a port, of one without a link the link alone. Counts the ports
-/// that are tested. Returns what the port's JSON has.
-Json testPort(Report& report, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int& tested) {
-  constexpr unsigned int seconds = 1;
-  const int slot = slotOf(port);
-  const std::string title = portTitle(port, slot);
-  const Subject about{"port", static_cast<int>(port)};
-  report.progress("watching " + title);
-  DiagnosticsResults results = diagnostics.checkLiveDownstreamPort(port, 0, true);
-  Line line = linkLine(title, portTest(port, slot, "link"), results);
-  const std::string reason = excuse(line, results, slot);
-  if (!reason.empty()) {
-    line.text = "link down: " + reason;
-    line.verdict = Verdict::skipped;
-  }
-  report.line(line, about);
-  tested += line.verdict == Verdict::skipped ? 0 : 1;
-  if (line.verdict == Verdict::pass) {
-    report.line(
-        errorSummary(title + " errors", portTest(port, slot, "errors"), diagnostics, results),
-        about);
-    line = testPrbs(title + " PRBS", report, diagnostics, port, slot, seconds, results);
-    report.line(line, about);
-  }
-  return portJson(diagnostics, port, slot, results, line.text);
-}
-
-void addPcie(Report& report) {
-  report.begin({"pcie", "PCIe"}, 31, 17);
-  PCIeDiagnostics diagnostics;
-  report.takeMessages({});
-  Json ports = Json::array();
-  int tested = 0;
-  for (const PCIeDownstreamPorts port : mainPorts) {
-    ports.push_back(testPort(report, diagnostics, port, tested));
-  }
-  if (tested == 0) {
-    report.line({"ports", "no link is up", Verdict::notTested, "", "ports"}, {});
-  }
-  report.end(ports);
-}
-
-/// Adds a step of a power cycle to the section and to its JSON.
-void addStep(Report& report, Json& steps, const Line& line, int slot) {
-  report.line(line, {"slot", slot});
-  steps.push_back({{"step", line.label}, {"result", line.text}});
-}
-
-void cyclePower(Report& report, BackplaneInterface& backplane, int slot, Json& steps) {
-  report.progress("power cycle of " + slotName(slot));
-  const bool wasOn = backplane.isModuleOn(slot);
-  report.willSwitch(undoOfPower(slot, wasOn));
-  addStep(report, steps, switchSlot(backplane, slot, false), slot);
-  addStep(report, steps, switchSlot(backplane, slot, true), slot);
-  if (!wasOn) {
-    switchSlot(backplane, slot, false);
-  }
-  report.switchedBack();
-}
-
-/// Turns each module that has a power controller off and on, and leaves it as it was.
-void addPowerCycle(Report& report) {
-  report.begin({"powerCycle", "Power cycle"}, 10, 3);
-  Json steps = Json::array();
-  Section troubles;
-  guarded(troubles, [&] {
-    BackplaneInterface backplane;
-    report.takeMessages({});
-    for (int slot = 0; slot < slotCount; ++slot) {
-      if (hasExpander(slot)) {
-        cyclePower(report, backplane, slot, steps);
-      }
-    }
-  });
-  for (const Line& line : troubles.lines) {
-    report.line(line, {});
-    steps.push_back({{"step", line.label}, {"result", line.text}});
-  }
-  report.end(steps);
-}
-
 bool powerCycle = false;
+bool powerOn = false;
+unsigned int seconds = 1;
+std::string expectationFile;
+std::string writtenFile;
+Choice choice;
+
+/// Takes a kind of test.
+CLI::Validator testKind() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        std::vector<std::string> names;
+        for (const TestKind& kind : testKinds) {
+          if (kind.chosen) {
+            names.emplace_back(kind.name);
+          }
+        }
+        return std::find(names.begin(), names.end(), text) != names.end()
+                   ? ""
+                   : "\"" + text + "\" is no kind of test; there are " + joined(names);
+      },
+      "");
+}
 
 void addOptions(CLI::App& app) {
   app.add_flag("--power-cycle", powerCycle,
                "also turn each module off and on; modules that were off stay off")
       ->disable_flag_override();
+  app.add_flag("--power-on", powerOn,
+               "turn all modules on first, and those that were off, off again in the end")
+      ->disable_flag_override();
+  app.add_option("--tests", choice.tests, "kinds of tests, separated by commas; see list")
+      ->delimiter(',')
+      ->check(testKind())
+      ->option_text("KIND,...");
+  app.add_option("--slots", choice.slots, "these slots and their ports only, 0 to 5")
+      ->delimiter(',')
+      ->check(wholeNumber(5))
+      ->option_text("SLOT,...");
+  app.add_option("--ports", choice.ports, "these ports only")
+      ->delimiter(',')
+      ->transform(mainPortNumber())
+      ->option_text("PORT,...");
+  addSeconds(app, seconds, "how long PRBS is tested on each port, 0 to 86400; 1 unless given");
+  app.add_option("--expect", expectationFile,
+                 "compare with what must be there, and judge by the limits in this file")
+      ->option_text("FILE");
+  app.add_option("--write-expectation", writtenFile,
+                 "write what is there to this file, if everything has passed")
+      ->option_text("FILE");
 }
 
 void addPlatform(Report& report) {
@@ -126,17 +68,87 @@ void addPlatform(Report& report) {
   report.add({"platform", "Platform", {{"library", joined(libraries)}}, libraries});
 }
 
-/// Only an SPB has a backplane and a PCIe switch.
-void run(Report& report) {
-  boardCommand.run(report);
-  addPlatform(report);
-  if (!isSpb()) {
+/// Turns on what is off; the slots that were.
+std::vector<int> turnAllOn(Report& report) {
+  std::vector<int> slots;
+  Section section{"powerOn", "Power on"};
+  section.data = Json::array();
+  guarded(section, [&] {
+    for (const int slot : slotsWithPower(choice)) {
+      BackplaneInterface backplane(slot);
+      if (!backplane.isModuleOn(slot)) {
+        report.progress(slotName(slot) + " on");
+        report.willSwitch(undoOfPower(slot, false));
+        slots.push_back(slot);
+        section.lines.push_back(switchSlot(backplane, slot, true));
+      }
+    }
+  });
+  for (const Line& line : section.lines) {
+    section.data.push_back({{"step", line.label}, {"result", line.text}});
+  }
+  report.add(section);
+  return slots;
+}
+
+/// Turns them off again.
+void turnOff(Report& report, std::vector<int> slots) {
+  for (; !slots.empty(); slots.pop_back()) {
+    BackplaneInterface backplane(slots.back());
+    report.progress(slotName(slots.back()) + " off");
+    switchSlot(backplane, slots.back(), false);
+    report.switchedBack();
+  }
+}
+
+/// Compares what is there with what must be, and writes it.
+void addExpectation(Report& report) {
+  if (expectationFile.empty() && writtenFile.empty()) {
     return;
   }
-  slotsCommand.run(report);
-  addPcie(report);
+  Section section{"expectation", "Expectation"};
+  const Json found = whatIsThere();
+  section.data = found;
+  section.lines = choice.expectation.compare(found);
+  if (!writtenFile.empty() && report.hasFailed()) {
+    section.lines.push_back(
+        {writtenFile, "not written: not everything has passed", Verdict::fail, "", "expectation"});
+  } else if (!writtenFile.empty()) {
+    writeExpectation(writtenFile, found);
+    section.lines.push_back({writtenFile, "written"});
+  }
+  report.add(section);
+}
+
+/// Only an SPB has a backplane and a PCIe switch.
+void testSpb(Report& report) {
+  const std::vector<int> switchedOn = powerOn ? turnAllOn(report) : std::vector<int>();
+  if (choice.hasTest("slots")) {
+    slotsCommand.run(report);
+  }
+  if (choice.hasTest("link") || choice.hasTest("errors") || choice.hasTest("prbs")) {
+    report.begin({"pcie", "PCIe"}, 31, 17);
+    PCIeDiagnostics diagnostics;
+    report.takeMessages({});
+    testPorts(report, diagnostics, seconds, choice);
+  }
   if (powerCycle) {
-    addPowerCycle(report);
+    cyclePower(report, slotsWithPower(choice));
+  }
+  addExpectation(report);
+  turnOff(report, switchedOn);
+}
+
+void run(Report& report) {
+  if (!expectationFile.empty()) {
+    choice.expectation = Expectation(expectationFile);
+  }
+  if (choice.hasTest("board")) {
+    boardCommand.run(report);
+    addPlatform(report);
+  }
+  if (isSpb()) {
+    testSpb(report);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "bist/Command.h"
+#include "bist/Ports.h"
 #include "modules/ModuleI2CInfo.h"
 #include "modules/Udev_PCA9536.h"
 
@@ -46,6 +47,14 @@ void run(Report& report) {
     section.lines.push_back({"", row("module", "controller", "power", "link")});
     for (int slot = 0; slot < slotCount; ++slot) {
       addSlot(section, backplane, slot);
+    }
+    PCIeDiagnostics diagnostics;
+    for (const PCIeDownstreamPorts port : mainPorts) {
+      const std::string what = leftOn(diagnostics, port);
+      if (!what.empty()) {
+        section.lines.push_back(
+            {slotName(slotOf(port)), what + " left on; talvero-bist stop ends that"});
+      }
     }
   });
   report.add(section);

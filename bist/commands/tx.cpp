@@ -17,18 +17,10 @@ struct Setting {
 };
 
 constexpr Setting settings[] = {
-    {"--drive-level",
-     "drive level",
-     "drive level",
-     nullptr,
-     &PCIeDiagnostics::setDriveLevel,
-     {0xB98, 0xF}},
-    {"--post-cursor",
-     "post-cursor emphasis",
-     "post-cursor",
-     nullptr,
-     &PCIeDiagnostics::setPostCursorEmphasis,
-     {0xBA8, 0xF}},
+    {"--drive-level", "drive level", "drive level", nullptr, &PCIeDiagnostics::setDriveLevel,
+     driveLevelField},
+    {"--post-cursor", "post-cursor emphasis", "post-cursor", nullptr,
+     &PCIeDiagnostics::setPostCursorEmphasis, postCursorField},
     {"--quiet",
      "quiet 5 GT/s transmit without loopback",
      "quiet transmit",

@@ -29,7 +29,7 @@ Json testsOf(const Record& record) {
   Json tests = Json::array();
   for (const Json& section : record.sections) {
     for (const Json& line : section["lines"]) {
-      if (line["test"] != "") {
+      if (isTest(line)) {
         tests.push_back({{"name", line["test"]},
                          {"verdict", line["verdict"]},
                          {"text", line["failure"]},

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <fstream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -11,7 +12,8 @@
 /// What a run is, besides its results.
 struct RunFacts {
   std::vector<std::string> arguments;
-  Json board = {};  ///< its number and description; null where the command asks for none
+  bool informs = false;  ///< the command may have nothing to test
+  Json board = {};       ///< its number and description; null where the command asks for none
   std::chrono::system_clock::time_point start = std::chrono::system_clock::now();
 };
 
@@ -36,12 +38,18 @@ struct Record {
   std::string counts() const;
 };
 
+/// Whether a line is about a test.
+bool isTest(const Json& line);
+
 /// One form in which results are written. Failing to write is an exception.
 class Output {
  public:
   virtual ~Output() = default;
   virtual void take(const Json& /*event*/) {}
   virtual void finish(const Record& record) = 0;
+
+  /// Whether it keeps what has been found though an error ends the run.
+  virtual bool isRecord() const { return false; }
 };
 
 /// Sections as indented text, line by line as they come; a last line says the verdict. Coloured if
@@ -68,6 +76,51 @@ class JsonOutput : public Output {
 
  private:
   std::ostream& out;
+};
+
+/// An output into a file of its own, which is opened, and loses what it has, at once. Throws
+/// std::runtime_error when it cannot be written.
+class FileOutput : public Output {
+ public:
+  explicit FileOutput(const std::string& fileName);
+  bool isRecord() const override { return true; }
+
+ protected:
+  void requireWritten();
+
+  std::ofstream out;
+
+ private:
+  std::string name;
+};
+
+/// What happens, as it happens, each line with its time and on the disk at once: all that other
+/// outputs have, the library's register trace, what is switched and what is put back.
+class LogOutput : public FileOutput {
+ public:
+  LogOutput(const std::string& fileName, const RunFacts& facts);
+  void take(const Json& event) override;
+  void finish(const Record& record) override;
+
+ private:
+  void log(const char* kind, const std::string& text);
+  void logLine(const Json& line);
+
+  std::vector<std::string> switched;  ///< in words
+};
+
+/// JUnit XML: a suite for each section, a case for each test.
+class JUnitOutput : public FileOutput {
+ public:
+  using FileOutput::FileOutput;
+  void finish(const Record& record) override;
+};
+
+/// A page to look at and to print, in one file without scripts.
+class HtmlOutput : public FileOutput {
+ public:
+  using FileOutput::FileOutput;
+  void finish(const Record& record) override;
 };
 
 /// While the run goes on, a line on the terminal that says what is going on.

@@ -29,7 +29,7 @@ std::string shown(const std::string& verdict, bool colour) {
 /// A message with the part that it is about, where the section's other lines do not tell.
 std::string textOf(const Json& message, const Json& section) {
   const Json& about = message["about"];
-  const std::string text = message["text"];
+  std::string text = message["text"];
   if (about.empty() || section["about"].contains(about.begin().key())) {
     return text;
   }
@@ -87,9 +87,10 @@ void TextOutput::finish(const Record& record) {
     printMessages(out, messages);
     out << "\n";
   }
-  if (record.interrupted.empty()) {
+  const bool hasTested = record.verdict() != "pass" || record.count("pass") != 0;
+  if (record.interrupted.empty() && hasTested) {
     out << shown(record.verdict(), colour) << ": " << record.counts() << "\n";
-  } else {
+  } else if (!record.interrupted.empty()) {
     out << "interrupted (" << record.interrupted << "): " << record.counts() << "\n";
   }
   requireWritten(out);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <linux/pci_regs.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -43,6 +44,8 @@ void describeDevice(PciDevice (&devices)[pciPlaceCount], PciPlace place, PciPlac
   device.linkUp = true;
   device.linkStatus = goodLink;
   device.prbsErrorsAfter = never;
+  device.prbsErrorsPerStep = 4;
+  device.prbsSyncSteps = 3;
   pci::reset(device, place);
   put(device, PCI_VENDOR_ID, vendorId);
   put(device, PCI_DEVICE_ID, static_cast<std::uint16_t>(firstDeviceId + place));
@@ -149,7 +152,53 @@ constexpr Key<PciDevice> portKeys[] = {
     {"prbs", &PciDevice::prbsOutOfSync, {"no-sync", "sync"}},
     {"prbs-errors-after", &PciDevice::prbsErrorsAfter, {"never"}},
     {"prbs-errors-per-second", &PciDevice::prbsErrorsPerSecond},
+    {"prbs-errors-per-step", &PciDevice::prbsErrorsPerStep},
+    {"prbs-sync-steps", &PciDevice::prbsSyncSteps},
 };
+
+/// Takes a range such as 5-11 or, without a last one, 5; false if it is none of settings.
+bool takeRange(std::uint8_t (&range)[2], const std::string& first, const std::string& last) {
+  range[0] = static_cast<std::uint8_t>(std::stoi(first));
+  range[1] = last.empty() ? range[0] : static_cast<std::uint8_t>(std::stoi(last));
+  return range[0] <= range[1] && range[1] <= TransmitterSettings::most;
+}
+
+/// Takes areas of settings such as "5-11/3-7, 2/12".
+void setGoodSettings(PciDevice& device, const std::string& value) {
+  static const std::string range = "([0-9]{1,2})(?:-([0-9]{1,2}))?";
+  static const std::string area = range + "/" + range;
+  static const auto& each = *new std::regex(area);
+  static const auto& all = *new std::regex("any|" + area + "(, ?" + area + ")*");
+  TransmitterSettings areas[goodSettingsCount];
+  std::size_t used = 0;
+  bool good = std::regex_match(value, all);
+  for (std::sregex_iterator at(value.begin(), value.end(), each), end; good && at != end; ++at) {
+    if (used == goodSettingsCount) {
+      throw std::runtime_error("more than " + std::to_string(goodSettingsCount) + " areas");
+    }
+    good = takeRange(areas[used].driveLevel, at->str(1), at->str(2)) &&
+           takeRange(areas[used].postCursor, at->str(3), at->str(4));
+    ++used;
+  }
+  if (!good) {
+    throw mustBe("any, or drive levels and post-cursors from 0 to 15 such as 5-11/3-7, 2/12",
+                 value);
+  }
+  std::copy(areas, areas + used, device.prbsGood);
+  device.prbsGoodUsed = used;
+}
+
+std::string goodSettings(const PciDevice& device) {
+  const auto text = [](const std::uint8_t(&range)[2]) {
+    return std::to_string(range[0]) + (range[0] == range[1] ? "" : "-" + std::to_string(range[1]));
+  };
+  std::string all;
+  for (std::size_t index = 0; index < device.prbsGoodUsed; ++index) {
+    const TransmitterSettings& area = device.prbsGood[index];
+    all += (all.empty() ? "" : ", ") + text(area.driveLevel) + "/" + text(area.postCursor);
+  }
+  return all.empty() ? "any" : all;
+}
 
 std::uint32_t registerOffset(const std::string& digits) {
   const std::uint32_t offset = number("0x" + digits);
@@ -218,6 +267,11 @@ void setDevice(Hardware& hardware, const std::string& instance, const std::strin
     device.prbsSince = hardware.time - duration(value);
   } else if (hasKey(linkKeys, key)) {
     setKeyOf(!pci::isSwitch(place), linkKeys, device, key, value);
+  } else if (key == "prbs-good") {
+    if (!pci::isDownstreamPort(place)) {
+      throw std::runtime_error("no effect on this device");
+    }
+    setGoodSettings(device, value);
   } else if (hasKey(portKeys, key)) {
     setKeyOf(pci::isDownstreamPort(place), portKeys, device, key, value);
   } else {
@@ -243,6 +297,7 @@ Entries describeDevices(const Hardware& hardware) {
     }
     if (pci::isDownstreamPort(place)) {
       describeKeys(portKeys, device, add);
+      add("prbs-good", goodSettings(device));
       if (pci::prbsIsOn(hardware, place)) {
         add("prbs-since", secondsText(hardware.time - device.prbsSince));
       }

@@ -33,6 +33,8 @@ constexpr std::uint32_t loopbackRegister = 0x224;
 constexpr std::uint32_t diagnosticRegister = 0x244;
 constexpr std::uint32_t prbsRegister = 0x25C;
 constexpr std::uint32_t syncRegister = 0xB84;
+constexpr std::uint32_t driveLevelRegister = 0xB98;
+constexpr std::uint32_t postCursorRegister = 0xBA8;
 
 constexpr std::uint32_t serialNumber = PCI_CFG_SPACE_SIZE + 4;  // in its capability
 
@@ -99,21 +101,60 @@ bool isReached(const State& state, PciPlace place) {
          (isReached(state, above) && (isSwitch(above) || linkIsUp(state, above)));
 }
 
-bool inSync(const State& state, PciPlace port) {
-  return prbsIsOn(state.hardware, port) && isLoopbackMaster(state.hardware, port) &&
-         linkIsUp(state, port) && !state.hardware.pci[port].prbsOutOfSync;
+/// How far a transmitter setting is from those from the first to the last.
+std::uint32_t stepsFrom(const std::uint8_t (&range)[2], const PciDevice& upstream,
+                        std::uint32_t offset) {
+  const std::uint32_t setting = load<std::uint32_t>(upstream, offset) & TransmitterSettings::most;
+  return setting < range[0] ? range[0] - setting : setting > range[1] ? setting - range[1] : 0;
 }
 
-std::uint32_t errorCount(const State& state, const PciDevice& device) {
-  if (device.prbsErrorsAfter < 0) {
-    return 0;
+/// How far the transmitter settings of a port's switch are from the nearest ones that bring no
+/// errors about on the port.
+std::uint32_t stepsFromGood(const Hardware& hardware, PciPlace port) {
+  const PciDevice& device = hardware.pci[port];
+  const PciDevice& upstream = hardware.pci[wiringOf(port).upstream];
+  std::uint32_t steps = device.prbsGoodUsed == 0 ? 0 : ~0U;
+  for (std::size_t index = 0; index < device.prbsGoodUsed; ++index) {
+    const TransmitterSettings& good = device.prbsGood[index];
+    steps = std::min(steps, stepsFrom(good.driveLevel, upstream, driveLevelRegister) +
+                                stepsFrom(good.postCursor, upstream, postCursorRegister));
   }
-  constexpr std::int64_t most = 255;
-  const std::int64_t rate = device.prbsErrorsPerSecond;
-  const std::int64_t time =
-      std::max<std::int64_t>(now(state) - device.prbsSince - device.prbsErrorsAfter, 0);
-  return static_cast<std::uint32_t>(
-      rate != 0 && time > most * second / rate ? most : time * rate / second);
+  return steps;
+}
+
+bool inSync(const State& state, PciPlace port) {
+  const PciDevice& device = state.hardware.pci[port];
+  return prbsIsOn(state.hardware, port) && isLoopbackMaster(state.hardware, port) &&
+         linkIsUp(state, port) && !device.prbsOutOfSync &&
+         stepsFromGood(state.hardware, port) <= device.prbsSyncSteps;
+}
+
+constexpr std::int64_t lastCount = 255;
+
+/// Errors per second that the transmitter settings bring about.
+std::int64_t rateOfSettings(const Hardware& hardware, PciPlace port) {
+  std::uint32_t steps = stepsFromGood(hardware, port);
+  std::int64_t rate = steps == 0 ? 0 : 1;
+  for (; steps != 0 && rate < lastCount * second; --steps) {
+    rate *= hardware.pci[port].prbsErrorsPerStep;
+  }
+  return rate;
+}
+
+std::int64_t errorsIn(std::int64_t time, std::int64_t rate) {
+  return time <= 0 || rate == 0             ? 0
+         : time > lastCount * second / rate ? lastCount
+                                            : time * rate / second;
+}
+
+std::uint32_t errorCount(const State& state, PciPlace port) {
+  const PciDevice& device = state.hardware.pci[port];
+  const std::int64_t time = now(state) - device.prbsSince;
+  std::int64_t errors = errorsIn(time, rateOfSettings(state.hardware, port));
+  if (device.prbsErrorsAfter >= 0) {
+    errors += errorsIn(time - device.prbsErrorsAfter, device.prbsErrorsPerSecond);
+  }
+  return static_cast<std::uint32_t>(std::min(errors, lastCount));
 }
 
 // The registers that show what the ports do are made up when they are read.
@@ -126,7 +167,7 @@ void showPort(State& state, const PortWiring& port) {
   const auto diagnostic = load<std::uint32_t>(upstream, diagnosticRegister);
   if ((diagnostic & selectMask) == port.select && prbsIsOn(state.hardware, port.port)) {
     put(upstream, diagnosticRegister,
-        diagnostic | counterValid | errorCount(state, state.hardware.pci[port.port]) << 16);
+        diagnostic | counterValid | errorCount(state, port.port) << 16);
   }
 }
 

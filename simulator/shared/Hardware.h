@@ -130,6 +130,15 @@ constexpr PciPlace modulePorts[] = {port1, port9, port7, port5};
 /// Bytes of a configuration space.
 constexpr std::uint32_t configSize = 4096;
 
+/// Transmitter settings of a switch, each from the first to the last, of those from 0 to most.
+struct TransmitterSettings {
+  static constexpr std::uint8_t most = 15;
+  std::uint8_t driveLevel[2];
+  std::uint8_t postCursor[2];
+};
+
+constexpr std::size_t goodSettingsCount = 8;
+
 /// A device of the PCI Express fabric, function 0 in domain 0.
 struct PciDevice {
   bool described;
@@ -156,6 +165,10 @@ struct PciDevice {
   std::int64_t prbsErrorsAfter;  ///< from when PRBS is switched on; negative for never
   std::uint32_t prbsErrorsPerSecond;
   std::int64_t prbsSince;
+  TransmitterSettings prbsGood[goodSettingsCount];  ///< that bring no errors about
+  std::size_t prbsGoodUsed;                         ///< 0 where no setting does
+  std::uint32_t prbsErrorsPerStep;                  ///< the rate grows by this from step to step
+  std::uint32_t prbsSyncSteps;                      ///< there is sync so far from the good ones
 
   std::uint8_t config[configSize];
   std::uint8_t afterReset[configSize];  ///< configuration space when the instrument started

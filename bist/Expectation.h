@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "bist/Report.h"
+#include "pcie/PCIeDiagnostics.h"
+
+/// By what a port is judged.
+struct Limits {
+  unsigned int prbsErrors = 0;            ///< that a PRBS test may count
+  unsigned int ignoredCorrectable = 0;    ///< bits of the port's error status that do not count
+  unsigned int ignoredUncorrectable = 0;  ///< and of the other one
+};
+
+/// What an instrument has: "board", its number; "modules", by slot whether one is there;
+/// "controllers", by slot whether a power expander answers; "links", by port its speed and width or
+/// "down".
+Json whatIsThere();
+
+/// What an instrument is to have, and limits, from a JSON file: the keys of whatIsThere(), of which
+/// some may be missing, and "limits", by port or for "all" of them, with the fields of Limits.
+class Expectation {
+ public:
+  Expectation() = default;
+
+  /// Throws std::runtime_error with the file and the key for one that cannot be read or makes no
+  /// sense.
+  explicit Expectation(const std::string& file);
+
+  Limits limitsOf(PCIeDownstreamPorts port) const;
+
+  /// Whether all links are to be down.
+  bool expectsNoLink() const;
+
+  /// A line for each expectation.
+  std::vector<Line> compare(const Json& found) const;
+
+ private:
+  Json expected = Json::object();
+};
+
+/// Writes what there is as an expectation; throws std::runtime_error if it cannot be written.
+void writeExpectation(const std::string& file, const Json& found);
