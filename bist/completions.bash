@@ -12,7 +12,9 @@ _talvero_bist() {
     power | --slots) words="0 1 2 3 4 5" ;;
     shim | --module) words="0 1 2 3" ;;
     --quiet | --analog-loopback | [0-5]) words="on off $words" ;;
-    --log | --junit | --html | --trace | --csv | --resume | capture)
+    --tests) words="board slots link errors prbs" ;;
+    --width) words="8 16 32" ;;
+    --expect | --write-expectation | --log | --junit | --html | --trace | --csv | --resume | capture)
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return
       ;;

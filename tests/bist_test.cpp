@@ -110,6 +110,30 @@ TEST(TalveroBist, IsDescribedAsItIs) {
   EXPECT_EQ(matches(completion.output, "(\\S+)"), words) << completion.errors;
 }
 
+TEST(TalveroSim, IsDescribedAsItIs) {
+  constexpr char option[] = "(--[a-z-]+)";
+  const std::string help = runCommand(TALVERO_SIM " --help; " TALVERO_SIM " set --help").output;
+  std::set<std::string> options = matches(help, "\n +(?:-h,)?(--[a-z-]+)");
+  const std::string manual = std::regex_replace(contentOf(SOURCE_DIR "/simulator/talvero-sim.1"),
+                                                std::regex("\\\\-"), "-");
+  const std::set<std::string> described = matches(manual, option);
+  for (const std::string& known : options) {
+    EXPECT_TRUE(known == "--help" || described.count(known) == 1) << known;
+  }
+  const auto completed = [](const std::string& words) {
+    return runCommand("bash -c '. " SOURCE_DIR
+                      "/simulator/completions.bash; COMP_WORDS=(" TALVERO_SIM " " +
+                      words +
+                      "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _talvero_sim; "
+                      "printf \"%s\\n\" \"${COMPREPLY[@]}\"'")
+        .output;
+  };
+  options.insert("--");
+  EXPECT_EQ(matches(completed("\"\""), "(--[a-z-]*)"), options);
+  EXPECT_EQ(completed("--instrument prot"), "proto-0\nproto-1\nproto-2\n");
+  EXPECT_EQ(completed("--fast -- " TALVERO_BIST), TALVERO_BIST "\n");
+}
+
 TEST(TalveroBist, ReportsEveryShippedInstrument) {
   for (const auto& file : std::filesystem::directory_iterator(INSTRUMENTS)) {
     const Outcome outcome = bist(file.path(), "board --json");
