@@ -151,6 +151,17 @@ TEST_F(Choice, ToTurnModulesOnFirst) {
                     HasSubstr("DownstreamPort9 (slot 1)         link down          FAIL")));
 }
 
+TEST_F(Choice, SlotsFailByWhatTheyShow) {
+  const std::string broken = directory.file(
+      "x.conf", contentOf(INSTRUMENTS "/full.conf") +
+                    "[power 1]\non-delay=never\n[gpio]\n133=no-value\n80=no-value\n");
+  const json result = json::parse(run("bist --json slots", broken).output);
+  EXPECT_EQ(result["failures"], json::parse(R"(["Slots, slot 0: presence line 80 cannot be read",
+                            "Slots, slot 1: on, but its power sequence is not finished",
+                            "Slots, slot 2: presence line 133 cannot be read",
+                            "Slots, slot 5: presence line 80 cannot be read"])"));
+}
+
 TEST_F(Choice, OfRegisters) {
   const std::string stuck =
       directory.file("x.conf",

@@ -7,6 +7,7 @@
 #include "bist/Ports.h"
 #include "modules/ModuleI2CInfo.h"
 #include "modules/Udev_PCA9536.h"
+#include "sysfs/SysfsUtil.h"
 
 namespace {
 
@@ -18,20 +19,39 @@ std::string row(const char* module, const char* controller, const char* power, c
   return text;
 }
 
+// What tells whether a module is in a slot; slot 4 always has one.
+constexpr const char* presenceLines[slotCount] = {"80", "127", "133", "134", nullptr, "80"};
+
+bool canReadPresence(int slot) {
+  bool success = true;
+  if (presenceLines[slot] != nullptr) {
+    SysfsUtil().readGpioValue(presenceLines[slot], &success);
+  }
+  return success;
+}
+
 void addSlot(Section& section, BackplaneInterface& backplane, int slot) {
   const auto module = static_cast<unsigned int>(slot);
   const bool present = backplane.isModulePresent(slot);
-  const std::string expander = Udev_PCA9536(module).GetPath();
+  Udev_PCA9536 powerControl(module);
+  const std::string expander = powerControl.GetPath();
   const bool on = backplane.isModuleOn(slot);
   const bool linkUp = backplane.isModuleLinkUp(slot);
   // The device tree says where the slot's expander is, but none answers there.
   const bool missing = present && expander.empty() && !ModuleI2CInfo(module).systemBus.empty();
+  // The library knows of no sequence of slots 4 and 5.
+  const bool unfinished = on && slot < 4 && !powerControl.PowerSequenceDone();
+  const bool readable = canReadPresence(slot);
+  const std::string failure =
+      !readable ? std::string("presence line ") + presenceLines[slot] + " cannot be read"
+      : missing ? "present, but no expander answers"
+                : "on, but its power sequence is not finished";
   const char* const controller = missing ? "no expander" : expander.empty() ? "-" : "expander";
   const char* const power = expander.empty() ? "-" : on ? "on" : "off";
   const char* const link = slot >= slotsWithPort ? "-" : linkUp ? "up" : "down";
   section.lines.push_back(
       {slotName(slot), row(present ? "present" : "empty", controller, power, link),
-       passIf(!missing), "present, but no expander answers", slotTest(slot, "controller")});
+       passIf(!missing && !unfinished && readable), failure, slotTest(slot, "controller")});
   section.data.push_back({{"slot", slot},
                           {"present", present},
                           {"controller", expander.empty() ? Json(nullptr) : Json(expander)},
