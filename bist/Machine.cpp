@@ -17,9 +17,7 @@ constexpr char spbOption[] = "--spb-despite-straps";
 
 bool spbDespiteStraps = false;
 
-}  // namespace
-
-std::vector<std::string> unreadableStraps() {
+std::vector<std::string> readStraps() {
   std::vector<std::string> lines;
   SysfsUtil sysfs;
   for (const char* const line : strapLines) {
@@ -29,6 +27,13 @@ std::vector<std::string> unreadableStraps() {
       lines.emplace_back(line);
     }
   }
+  return lines;
+}
+
+}  // namespace
+
+const std::vector<std::string>& unreadableStraps() {
+  static const std::vector<std::string> lines = readStraps();
   return lines;
 }
 
@@ -55,7 +60,7 @@ void requireInstrument() {
                              ". On a workstation, run it on a simulated one: talvero-sim -- "
                              "talvero-bist report");
   }
-  const std::vector<std::string> unreadable = unreadableStraps();
+  const std::vector<std::string>& unreadable = unreadableStraps();
   if (unreadable.size() == std::size(strapLines) && !spbDespiteStraps) {
     throw std::runtime_error("no instrument here: none of the strap lines can be read (" +
                              joined(unreadable) + ")");
@@ -67,7 +72,7 @@ void requireSpb(const std::string& command) {
     return;
   }
   const BoardId board;
-  const std::vector<std::string> unreadable = unreadableStraps();
+  const std::vector<std::string>& unreadable = unreadableStraps();
   throw std::runtime_error(command + " needs an SPB, and by its straps this board is " +
                            std::to_string(board.id) + " (" + board.idBitString + "), " +
                            board.idDescription +

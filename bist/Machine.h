@@ -8,8 +8,9 @@
 /// Which machine the program runs on: many that are no instrument have GPIO lines and PCI devices
 /// of their own, which no test may touch.
 
-/// The GPIO lines of the straps that cannot be read, bit 5's first. BoardId takes those for low.
-std::vector<std::string> unreadableStraps();
+/// The GPIO lines of the straps that cannot be read when it is asked first, bit 5's first. BoardId
+/// takes those for low.
+const std::vector<std::string>& unreadableStraps();
 
 /// --spb-despite-straps, for the bring-up of a board whose straps are broken.
 void addSpbOption(CLI::App& app);

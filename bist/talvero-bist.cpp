@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -195,7 +196,9 @@ int main(int argc, char** argv) {
   for (const Command* const command : commands) {
     CLI::App& subcommand = *app.add_subcommand(command->name, command->help);
     subcommand.parse_complete_callback([&chosen, command] { chosen = command; });
-    command->addOptions(subcommand);
+    if (std::find(argv + 1, argv + argc, std::string(command->name)) != argv + argc) {
+      command->addOptions(subcommand);  // of the others there is no need to know them
+    }
     subcommand.footer(commonHelp + "\n" + exitStatus);
   }
   try {

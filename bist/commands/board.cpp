@@ -24,7 +24,7 @@ const char* connection(bool connected) { return connected ? "connected" : "not c
 
 void run(Report& report) {
   const BoardId board;
-  const std::vector<std::string> unreadable = unreadableStraps();
+  const std::vector<std::string>& unreadable = unreadableStraps();
   const bool pmb = board.isPMBConnected();
   const bool imb = board.isIMBConnected();
   const Json proto = prototype(board);
