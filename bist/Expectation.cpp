@@ -6,6 +6,7 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "bist/Machine.h"
 #include "bist/Ports.h"
 #include "bist/Slots.h"
 #include "board/BoardId.h"
@@ -101,7 +102,8 @@ void check(const std::string& key, const Json& value) {
 Line compared(const std::string& label, const std::string& test, const Json& expected,
               const Json& found) {
   const auto text = [](const Json& value) {
-    return value.is_string()     ? value.get<std::string>()
+    return value.is_null()       ? "no such part"
+           : value.is_string()   ? value.get<std::string>()
            : !value.is_boolean() ? value.dump()
            : value.get<bool>()   ? "there"
                                  : "none";
@@ -119,6 +121,9 @@ Line compared(const std::string& label, const std::string& test, const Json& exp
 }  // namespace
 
 Json whatIsThere() {
+  if (!isSpb()) {
+    return {{"format", format}, {"board", BoardId().id}};
+  }
   Json modules = Json::object();
   Json controllers = Json::object();
   Json links = Json::object();
@@ -194,7 +199,7 @@ std::vector<Line> Expectation::compare(const Json& found) const {
       const std::string& part = item.key();
       lines.push_back(compared((ofSlot ? "slot " : "") + part + " " + what,
                                (ofSlot ? "slot" : "") + part + "." + what, item.value(),
-                               found[key][part]));
+                               found.value(key, Json::object()).value(part, Json())));
     }
   }
   return lines;

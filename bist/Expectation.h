@@ -16,7 +16,7 @@ struct Limits {
 
 /// What an instrument has: "board", its number; "modules", by slot whether one is there;
 /// "controllers", by slot whether a power expander answers; "links", by port its speed and width or
-/// "down".
+/// "down". Of a board that is no SPB, "board" alone.
 Json whatIsThere();
 
 /// What an instrument is to have, and limits, from a JSON file: the keys of whatIsThere(), of which

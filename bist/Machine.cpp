@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr const char* strapLines[] = {"135", "171", "170", "169", "168", "167"};
 constexpr char spbOption[] = "--spb-despite-straps";
 
 bool spbDespiteStraps = false;

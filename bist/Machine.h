@@ -8,6 +8,13 @@
 /// Which machine the program runs on: many that are no instrument have GPIO lines and PCI devices
 /// of their own, which no test may touch.
 
+/// The GPIO lines of the straps, bit 5's first.
+constexpr const char* strapLines[] = {"135", "171", "170", "169", "168", "167"};
+
+/// The GPIO lines that tell by slot whether a module is there, those of slots 0 and 5 for an IMB;
+/// null for slot 4, which always has one.
+constexpr const char* presenceLines[] = {"80", "127", "133", "134", nullptr, "80"};
+
 /// The GPIO lines of the straps that cannot be read when it is asked first, bit 5's first. BoardId
 /// takes those for low.
 const std::vector<std::string>& unreadableStraps();

@@ -71,13 +71,13 @@ class Report {
   /// comes next.
   void takeMessages(const Subject& about);
 
+  /// Takes what the library has written but for lines that begin with one of these, which the
+  /// results say already, and lines that it has taken since the section began.
+  void takeOtherMessages(const Subject& about, const std::vector<std::string>& known);
+
   /// Says how the section ends if nothing more comes, because the run ends or is interrupted: in
   /// place of what the call before has said.
   void soFar(const std::vector<Line>& lines, const Json& data);
-
-  /// Takes them but for what begins with one of these, which the lines say already, and what it has
-  /// taken since the section began.
-  void takeOtherMessages(const Subject& about, const std::vector<std::string>& known);
 
   /// Ends the section that has begun.
   void end(const Json& data);

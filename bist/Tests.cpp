@@ -147,7 +147,9 @@ void testPorts(Report& report, PCIeDiagnostics& diagnostics, unsigned int second
     }
   }
   if (tested == 0 && !choice.expectation.expectsNoLink()) {
-    report.line({"ports", "no link is up", Verdict::notTested, "", "ports"}, {});
+    report.line({"ports", ports.empty() ? "none is chosen" : "no link is up", Verdict::notTested,
+                 "", "ports"},
+                {});
   }
   report.end(ports);
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Boots a guest on what kernel/packages.sh has unpacked, with a directory of programs as its /work,
+# Boots a guest on what kernel/packages.sh has unpacked, with a directory of programs as its /programs,
 # whose shell script "steps" it runs. What that leaves in /results is unpacked into a directory.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -17,7 +17,7 @@ dtc -q -I dtb -O dts "$dtb" | cat - kernel/instrument.dts |
 # Its first file system.
 root=$unpacked/root
 rm -rf "$root" "$results"
-mkdir -p "$root"/{bin,lib,run,work} "$results"
+mkdir -p "$root"/{bin,lib,programs,run} "$results"
 cp "$unpacked/guest/bin/busybox" "$root/bin"
 cp kernel/init "$root"
 for module in i2c-dev i2c-mux i2c-mux-pca954x fixed reset-imx7 phy-fsl-imx8m-pcie i2c-imx; do
@@ -30,7 +30,7 @@ for library in ld-linux-aarch64.so.1 libc.so.6 libgcc_s.so.1 libm.so.6 libpciacc
   libstdc++.so.6 libtinyxml2.so.9 libudev.so.1 libz.so.1; do
   cp -L "$libraries/$library" "$root/lib"
 done
-cp -r "$work"/. "$root/work"
+cp -r "$work"/. "$root/programs"
 (cd "$root" && find . | cpio --quiet -o -H newc) | gzip -1 >"$unpacked/initrd.gz"
 
 # QEMU has no PCA9536: a memory stands for each, and kernel/expanders.cpp for what the chip does.

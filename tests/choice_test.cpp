@@ -53,6 +53,8 @@ TEST_F(Choice, OfTestsSlotsAndPorts) {
   for (const char* const wrong : {"--tests lnk", "--slots 6", "--ports 4", "--seconds x"}) {
     EXPECT_EQ(run(std::string("bist report ") + wrong).status, 2) << wrong;
   }
+  EXPECT_THAT(run("bist report --tests link --ports 0 --slots 3").output,
+              HasSubstr("ports                            none is chosen     NOT TESTED"));
   const Outcome list = run("bist list");
   EXPECT_EQ(list.status, 0);
   EXPECT_THAT(list.output,
@@ -86,6 +88,14 @@ TEST_F(Choice, OfWhatMustBeThere) {
                           [](const std::string& text) { return text.find("Expectation") == 0; }),
             7)
       << failures;
+
+  outcome = run("bist report --expect good.json", "mmb");
+  EXPECT_EQ(outcome.status, 1) << "a board without slots has none of what must be there";
+  EXPECT_THAT(outcome.output,
+              AllOf(HasSubstr("  board                 0, expected 34"),
+                    HasSubstr("slot 1 module         no such part, expected there")));
+  EXPECT_EQ(run("bist report --write-expectation mmb.json", "mmb").status, 0);
+  EXPECT_EQ(run("bist report --expect mmb.json", "mmb").status, 0);
 
   outcome = run("bist report --write-expectation bad.json", "broken");
   EXPECT_THAT(outcome.output, HasSubstr("bad.json  not written: not everything has passed  FAIL"));

@@ -10,6 +10,7 @@
 #include <set>
 #include <utility>
 
+#include "bist/Machine.h"
 #include "bist/capture/Capture.h"
 
 namespace {
@@ -18,9 +19,20 @@ namespace fs = std::filesystem;
 
 constexpr char gpioClass[] = "/sys/class/gpio/";
 
-// The lines of the board that the library knows: straps, the IMB, presence in slots 1 to 3. Others
-// are not exported, which could change what their pins are used for.
-constexpr int boardLines[] = {135, 171, 170, 169, 168, 167, 80, 127, 133, 134};
+/// The lines of the board that the library knows. Others are not exported, which could change what
+/// their pins are used for.
+std::set<int> boardLines() {
+  std::set<int> lines;
+  for (const char* const line : strapLines) {
+    lines.insert(std::atoi(line));
+  }
+  for (const char* const line : presenceLines) {
+    if (line != nullptr) {
+      lines.insert(std::atoi(line));
+    }
+  }
+  return lines;
+}
 
 int writeNumber(const char* file, int number) {
   const int fd = ::open((std::string(gpioClass) + file).c_str(), O_WRONLY | O_CLOEXEC);
@@ -167,7 +179,7 @@ void captureLines(Capture& capture) {
     return;
   }
   std::set<int> numbers = exportedLines(capture);
-  numbers.insert(std::begin(boardLines), std::end(boardLines));
+  numbers.merge(boardLines());
   for (const Capture::Chip& chip : capture.chips) {
     for (int number = chip.base; number < chip.base + chip.count; ++number) {
       numbers.insert(number);

@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <stdexcept>
 
 #include "bist/Command.h"
+#include "bist/Machine.h"
+#include "bist/output/Output.h"
 #include "simulator/parts/Changes.h"
 #include "simulator/parts/Description.h"
 
@@ -32,32 +34,27 @@ void addOptions(CLI::App& app) {
 }
 
 /// Now or, where captures are to be compared, the time that the environment says.
-std::string timeText() {
+std::chrono::system_clock::time_point captureTime() {
   const char* const given = std::getenv("SOURCE_DATE_EPOCH");
-  std::time_t time = std::time(nullptr);
-  if (given != nullptr) {
-    const std::string digits = given;
-    if (digits.empty() || digits.size() > 11 ||
-        digits.find_first_not_of("0123456789") != std::string::npos) {
-      throw std::runtime_error("SOURCE_DATE_EPOCH must be seconds since 1970, not \"" + digits +
-                               "\"");
-    }
-    time = static_cast<std::time_t>(std::stoll(digits));
+  if (given == nullptr) {
+    return std::chrono::system_clock::now();
   }
-  char text[32];
-  std::tm parts{};
-  gmtime_r(&time, &parts);
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
+  const std::string digits = given;
+  if (digits.empty() || digits.size() > 11 ||
+      digits.find_first_not_of("0123456789") != std::string::npos) {
+    throw std::runtime_error("SOURCE_DATE_EPOCH must be seconds since 1970, not \"" + digits +
+                             "\"");
+  }
+  return std::chrono::system_clock::from_time_t(std::stoll(digits));
 }
 
 /// The board's number where all of its straps have been read.
 std::string boardText(const Capture& capture) {
   std::size_t read = 0;
-  for (const int strap : {135, 171, 170, 169, 168, 167}) {
-    read += static_cast<std::size_t>(
-        std::count_if(capture.lines.begin(), capture.lines.end(),
-                      [=](const Capture::Line& line) { return line.number == strap; }));
+  for (const char* const strap : strapLines) {
+    read += static_cast<std::size_t>(std::count_if(
+        capture.lines.begin(), capture.lines.end(),
+        [=](const Capture::Line& line) { return std::to_string(line.number) == strap; }));
   }
   const std::string bits = *simulator::valueOf(*capture.hardware, {"board", "straps", ""});
   return read == bits.size()
@@ -70,7 +67,8 @@ std::vector<std::string> commentsOf(const Capture& capture) {
   utsname system{};
   uname(&system);
   std::vector<std::string> comments = {
-      "Captured at " + timeText() + " on " + system.nodename + ", " + boardText(capture) + ",",
+      "Captured at " + timeText(captureTime()) + " on " + system.nodename + ", " +
+          boardText(capture) + ",",
       std::string("by talvero-bist ") + TALVERO_VERSION + ", kernel " + system.release + " " +
           system.machine,
       "",
@@ -158,7 +156,7 @@ std::runtime_error nothingFound(const Capture& capture) {
 }
 
 void run(Report& report) {
-  timeText();  // throws for a wrong one before anything is done
+  captureTime();  // throws for a wrong one before anything is done
   Draft draft;
   Capture capture;
   capture.exportsLines = !noExport;

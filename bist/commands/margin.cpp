@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 
 #include "bist/Command.h"
@@ -111,26 +112,34 @@ class Sweep {
   Sweep(Report& takesReport, PCIeDiagnostics& library)
       : report(takesReport), diagnostics(library) {}
 
-  void run() {
+  /// @param afterRow  called whenever a row is done
+  void run(const std::function<void()>& afterRow) {
     std::string titles;
     for (const int postCursor : valuesOf(postCursors)) {
       titles += padded(std::to_string(postCursor), columnWidth);
     }
-    report.line({"", " post-cursor"}, target.subject());
-    report.line({rowTitle, titles}, target.subject());
+    showRow("", " post-cursor");
+    showRow(rowTitle, titles);
     for (const int driveLevel : valuesOf(driveLevels)) {
       std::string cells;
       for (const int postCursor : valuesOf(postCursors)) {
         cells += padded(test({driveLevel, postCursor}).cell(), columnWidth);
       }
-      report.line({padded(std::to_string(driveLevel), sizeof rowTitle - 1), cells},
-                  target.subject());
+      showRow(padded(std::to_string(driveLevel), sizeof rowTitle - 1), cells);
+      afterRow();
     }
   }
 
   std::vector<Point> points;
 
  private:
+  /// A row of the map, whose points are among the results.
+  void showRow(const std::string& label, const std::string& cells) {
+    Line row{label, cells};
+    row.kept = false;
+    report.line(row, target.subject());
+  }
+
   const Point& test(Settings settings) {
     showProgress();
     Point point{settings};
@@ -313,7 +322,8 @@ class Finding {
     }
     return {{"rows", "drive level"},
             {"columns", "post-cursor"},
-            {"rowValues", rows},
+            {"rowValues",
+             std::vector<int>(rows.begin(), rows.begin() + static_cast<int>(counts.size()))},
             {"columnValues", columns},
             {"counts", counts},
             {"centre",
@@ -348,10 +358,11 @@ void run(Report& report) {
       undoOfFields(diagnostics, target.port, target.slot(), {driveLevelField, postCursorField});
   Sweep sweep(report, diagnostics);
   report.willSwitch(before);
-  sweep.run();
+  const Settings present = {before["values"][0]["value"], before["values"][1]["value"]};
+  sweep.run([&] { report.soFar({}, Finding(sweep.points, present).data()); });
   putBack(diagnostics, before);
   report.switchedBack();
-  const Finding finding(sweep.points, {before["values"][0]["value"], before["values"][1]["value"]});
+  const Finding finding(sweep.points, present);
   for (const Line& line : finding.lines()) {
     report.line(line, section.about);
   }

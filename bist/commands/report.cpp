@@ -149,6 +149,8 @@ void run(Report& report) {
   }
   if (isSpb()) {
     testSpb(report);
+  } else {
+    addExpectation(report);
   }
 }
 

@@ -36,4 +36,4 @@ void run(Report& report) {
 }  // namespace
 
 const Command shimCommand = {
-    "shim", "find and set up the shim switch of a module", Needs::spb, addOptions, false, run};
+    "shim", "find and set up the shim switch of a module", Needs::spb, addOptions, true, run};

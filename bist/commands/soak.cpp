@@ -176,7 +176,7 @@ class Soak {
 
   /// "12 passed", or what has failed.
   std::string words() const {
-    std::map<std::string, int> counts;
+    std::map<std::string, std::size_t> counts;
     std::string failures;
     for (const auto& [test, event] : results) {
       const std::string verdict = event["verdict"];
@@ -185,16 +185,7 @@ class Soak {
         failures += "; " + test + ": " + event["failure"].get<std::string>();
       }
     }
-    std::vector<std::string> numbers;
-    for (const auto& [verdict, word] : {std::pair("fail", "failed"),
-                                        {"not tested", "not tested"},
-                                        {"pass", "passed"},
-                                        {"skipped", "skipped"}}) {
-      if (counts[verdict] != 0) {
-        numbers.push_back(std::to_string(counts[verdict]) + " " + word);
-      }
-    }
-    return joined(numbers) + failures;
+    return countsText([&](const char* verdict) { return counts[verdict]; }) + failures;
   }
 
   Report& report;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -34,9 +35,12 @@ struct Record {
   /// "pass", "fail" or "not tested": what has not been tested, or not to the end, has not passed.
   std::string verdict() const;
 
-  /// "14 passed, 2 failed".
+  /// "2 failed, 14 passed".
   std::string counts() const;
 };
+
+/// "2 failed, 14 passed", by how many there are of each verdict; "nothing tested" for none.
+std::string countsText(const std::function<std::size_t(const char* verdict)>& count);
 
 /// Whether a line is about a test.
 bool isTest(const Json& line);

@@ -39,6 +39,10 @@ std::string Record::verdict() const {
 }
 
 std::string Record::counts() const {
+  return countsText([this](const char* verdict) { return count(verdict); });
+}
+
+std::string countsText(const std::function<std::size_t(const char* verdict)>& count) {
   constexpr struct {
     const char* verdict;
     const char* word;
