@@ -64,9 +64,22 @@ void writeAll(int fd, const std::string& text) {
   }
 }
 
+/// What ends the process that does the work: no SIGKILL, so that whoever blocks signals for as long
+/// as he holds what others share, as the simulated instrument does, gives it back before.
+constexpr int endingSignal = SIGUSR1;
+
+void end(pid_t worker) {
+  ::kill(worker, endingSignal);
+  ::waitpid(worker, nullptr, 0);
+}
+
 /// The process that does the work. It keeps the signals blocked: they are the other one's.
 [[noreturn]] void doWork(int pipe, pid_t parent, const std::function<void(const Events&)>& work) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  sigset_t ending;
+  sigemptyset(&ending);
+  sigaddset(&ending, endingSignal);
+  sigprocmask(SIG_UNBLOCK, &ending, nullptr);
+  prctl(PR_SET_PDEATHSIG, endingSignal);
   if (getppid() != parent) {
     _exit(2);
   }
@@ -167,6 +180,7 @@ int supervise(Session& session, LibraryOutput& libraryOutput, ProgressOutput* pr
   }
   const Descriptor readEnd(ends[0]);
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(endingSignal, SIG_DFL);
   int interrupting = 0;
   Reader reader(session);
   pid_t worker = 0;
@@ -193,15 +207,13 @@ int supervise(Session& session, LibraryOutput& libraryOutput, ProgressOutput* pr
         progress->show();
       }
     }
-    ::kill(worker, SIGKILL);
-    ::waitpid(worker, nullptr, 0);
+    end(worker);
     while (interrupting != 0 && reader.read(readEnd.fd)) {
     }
     interrupting = reader.ended && interrupting != SIGPIPE ? 0 : interrupting;
   } catch (...) {
     if (worker > 0) {
-      ::kill(worker, SIGKILL);
-      ::waitpid(worker, nullptr, 0);
+      end(worker);
     }
     if (!isUnread(STDOUT_FILENO)) {
       undoAll(session, libraryOutput);
