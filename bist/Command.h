@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include "bist/Report.h"
+
+namespace CLI {
+class App;
+}
 
 /// What a command asks of the machine: nothing where it finds out itself and leaves it as it is.
 enum class Needs { nothing, instrument, spb };
@@ -16,9 +18,8 @@ struct Command {
   Needs needs;
   /// Called once, before the command line is read; noOptions for a command without any.
   void (*addOptions)(CLI::App& app);
-  /// Whether it may take long or switches something: see supervise().
-  bool supervised;
-  /// Does the command's tests through the library's public classes and reports what they found.
+  /// Does the command's tests through the library's public classes and reports what they found, in
+  /// a process of its own: see supervise().
   void (*run)(Report& report);
 };
 

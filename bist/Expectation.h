@@ -29,6 +29,9 @@ class Expectation {
   /// sense.
   explicit Expectation(const std::string& file);
 
+  /// Expects nothing any more of a slot such as "3" or a port such as "DownstreamPort5".
+  void leaveOut(const std::string& part);
+
   Limits limitsOf(PCIeDownstreamPorts port) const;
 
   /// Whether all links are to be down.

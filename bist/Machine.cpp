@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Machine.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
 #include <iterator>

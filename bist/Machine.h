@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 /// Which machine the program runs on: many that are no instrument have GPIO lines and PCI devices
 /// of their own, which no test may touch.

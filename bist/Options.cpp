@@ -42,6 +42,21 @@ CLI::Validator portNumber(PCIeDownstreamPorts last) {
       "");
 }
 
+/// Takes the name of a test.
+CLI::Validator testName() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        std::vector<std::string> names;
+        for (const Test* const test : allTests) {
+          names.emplace_back(test->name);
+        }
+        return std::find(names.begin(), names.end(), text) != names.end()
+                   ? ""
+                   : "\"" + text + "\" is no kind of test; there are " + joined(names);
+      },
+      "");
+}
+
 bool isOnShim(PCIeDownstreamPorts port) { return slotOf(port) < 0; }
 
 }  // namespace
@@ -82,7 +97,31 @@ int PortOption::slot() const {
 
 std::string PortOption::title() const { return portTitle(port, slot()); }
 
-CLI::Validator mainPortNumber() { return portNumber(DownstreamPort9); }
+void addChoice(CLI::App& command, Choice& choice) {
+  command.add_option("--tests", choice.tests, "kinds of tests, separated by commas; see list")
+      ->delimiter(',')
+      ->check(testName())
+      ->option_text("KIND,...");
+  command.add_option("--slots", choice.slots, "these slots and their ports only, 0 to 5")
+      ->delimiter(',')
+      ->check(wholeNumber(5))
+      ->option_text("SLOT,...");
+  command.add_option("--ports", choice.ports, "these ports only")
+      ->delimiter(',')
+      ->transform(portNumber(DownstreamPort9))
+      ->option_text("PORT,...");
+  addSeconds(command, choice.seconds,
+             "how long PRBS is tested on each port, 0 to 86400; 1 unless given");
+  command
+      .add_flag_callback(
+          "--power-cycle", [&choice] { choice.added.emplace_back("power"); },
+          "also turn each module off and on; modules that were off stay off")
+      ->disable_flag_override();
+  command
+      .add_option("--expect", choice.expectationFile,
+                  "compare with what must be there, and judge by the limits in this file")
+      ->option_text("FILE");
+}
 
 CLI::Option* addSeconds(CLI::App& command, unsigned int& seconds, const char* help) {
   return command.add_option("--seconds", seconds, help)

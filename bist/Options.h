@@ -5,6 +5,7 @@
 
 #include "bist/Ports.h"
 #include "bist/Report.h"
+#include "bist/Tests.h"
 #include "pcie/PCIeDiagnostics.h"
 
 /// Options that several commands have, and what they may say.
@@ -35,11 +36,11 @@ struct PortOption {
   Subject subject() const { return {"port", static_cast<int>(port)}; }
 };
 
+/// --tests, --slots, --ports, --seconds, --power-cycle and --expect.
+void addChoice(CLI::App& command, Choice& choice);
+
 /// --seconds, 0 to 86400.
 CLI::Option* addSeconds(CLI::App& command, unsigned int& seconds, const char* help);
-
-/// Makes its number of the name of a port of the main switch.
-CLI::Validator mainPortNumber();
 
 /// Takes 0 to `largest`, in decimal digits.
 CLI::Validator wholeNumber(unsigned int largest);

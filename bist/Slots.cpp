@@ -16,7 +16,11 @@ bool hasExpander(int slot) {
   return !Udev_PCA9536(static_cast<unsigned int>(slot)).GetPath().empty();
 }
 
-Line switchSlot(BackplaneInterface& backplane, int slot, bool on) {
+Line switchSlot(Report& report, BackplaneInterface& backplane, int slot, bool on) {
+  constexpr unsigned int longestOn = 5;  // seconds that the library waits for a power sequence
+  constexpr unsigned int longestOff = 2;
+  const std::string title = slotName(slot) + (on ? " on" : " off");
+  report.progress(title, on ? longestOn : longestOff);
   const auto start = std::chrono::steady_clock::now();
   if (on) {
     backplane.turnModuleOn(slot);
@@ -29,8 +33,7 @@ Line switchSlot(BackplaneInterface& backplane, int slot, bool on) {
   // The library does not wait for the power sequence of slots 4 and 5.
   const bool hasSequence = slot != 4 && slot != 5;
   const bool done = !hasSequence || controller.PowerSequenceDone() == on;
-  Line line{slotName(slot) + (on ? " on" : " off"), on ? "on" : "off",
-            passIf(readsOn == on && done)};
+  Line line{title, on ? "on" : "off", passIf(readsOn == on && done)};
   if (readsOn != on) {
     line.text = on ? "reads off" : "reads on";
   } else if (!done) {

@@ -16,8 +16,9 @@ std::string slotTest(int slot, const std::string& what);
 /// Whether the slot has a power controller: its module's power expander answers.
 bool hasExpander(int slot);
 
-/// Switches the module in a slot on or off and judges what it reads afterwards.
-Line switchSlot(BackplaneInterface& backplane, int slot, bool on);
+/// Switches the module in a slot on or off, with a word on the progress, and judges what it reads
+/// afterwards.
+Line switchSlot(Report& report, BackplaneInterface& backplane, int slot, bool on);
 
 /// Runs a test that the modules' topology can keep from being made at all; the section says so
 /// then.

@@ -2,50 +2,86 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "bist/Command.h"
 #include "bist/Expectation.h"
+#include "bist/Ports.h"
 #include "bist/Report.h"
-#include "pcie/PCIeDiagnostics.h"
 
-/// Tests of the whole instrument, which several commands make.
+/// The tests of the instrument that report makes once and soak repeats.
 
-/// Which tests are made, of which parts, and by which limits they are judged.
+struct Test;
+
+/// Which tests are made, of which parts, and how they are judged.
 struct Choice {
-  std::vector<std::string> tests = {};          ///< kinds of tests; all for none
+  std::vector<std::string> tests = {};          ///< by name; those that need no asking for none
+  std::vector<std::string> added = {};          ///< to these
   std::vector<PCIeDownstreamPorts> ports = {};  ///< of the main switch; all for none
   std::vector<int> slots = {};                  ///< all for none
+  unsigned int seconds = 1;                     ///< for which PRBS is tested on each port
+  std::string expectationFile = {};             ///< empty for none
   Expectation expectation = {};
 
-  bool hasTest(const std::string& kind) const;
+  std::vector<int> powered = {};  ///< of them, those with a power controller in the beginning
+
+  /// Reads the expectation and adds the test that compares with it, and finds out which slots are
+  /// powered. Throws std::runtime_error as Expectation does, and where the test has no file.
+  void prepare();
+
+  bool has(const Test& test) const;
   bool hasPort(PCIeDownstreamPorts port) const;
   bool hasSlot(int slot) const;
 };
 
-/// A kind of test, for --tests of the report and for list.
-struct TestKind {
+/// A port of the main switch while it is tested.
+struct TestedPort {
+  PCIeDiagnostics& diagnostics;
+  PCIeDownstreamPorts port;
+  const Choice& choice;
+  DiagnosticsResults results = {};  ///< of the last test that has asked the library
+  bool linkIsUp = false;
+  std::string said = {};  ///< the text of its last line
+
+  int slot() const { return slotOf(port); }
+  std::string title() const { return portTitle(port, slot()); }
+  Limits limits() const { return choice.expectation.limitsOf(port); }
+  std::string test(const std::string& what) const { return portTest(port, slot(), what); }
+};
+
+/// A figure of a result, which soak keeps: its name in the CSV file and in the line's figures.
+struct Figure {
+  const char* column;
+  const char* key;
+};
+
+/// A result of a test.
+struct Result {
+  const char* name;  ///< PORT stands for each port, N in slotN for each slot
+  std::vector<Figure> figures = {};
+  const char* statistic = "";  ///< the column whose minimum, median and maximum soak tells
+};
+
+/// A test. Each is defined in a file of its own and has a row in the table of Tests.cpp.
+struct Test {
   const char* name;
   const char* help;
-  const char* tests;  ///< how they are named in records
-  bool chosen;        ///< by --tests
+  std::vector<Result> results;
+  Needs needs;
+  bool needsAsking;  ///< by its name or by an option
+  /// Tests the whole instrument in sections of its own; null for a test of ports.
+  void (*run)(Report& report, const Choice& choice);
+  /// Tests one port, whose link is up unless this is the test of that; null for the others.
+  Line (*runOnPort)(Report& report, TestedPort& port);
 };
-extern const std::vector<TestKind> testKinds;
 
-/// The names of the tests that testPorts makes; "ports" is there when it has tested none.
-std::vector<std::string> portTests();
+/// All of them, in the order in which they are made.
+extern const std::vector<const Test*> allTests;
 
-/// Tests link, errors and PRBS of each port of the main switch, of one without a link the link
-/// alone, in the section that has begun, which it ends.
-///
-/// @param seconds  how long PRBS is tested on each port
-void testPorts(Report& report, PCIeDiagnostics& diagnostics, unsigned int seconds,
-               const Choice& choice = {});
+/// Makes the chosen tests that the board can have. A port's tests come one after the other, after
+/// that of its link, and only if the link is up.
+void runTests(Report& report, const Choice& choice);
 
-/// The slots that have a power controller, of those chosen.
-std::vector<int> slotsWithPower(const Choice& choice = {});
-
-/// The names of the tests that cyclePower makes; "backplane" is there when it cannot.
-std::vector<std::string> powerTests(const std::vector<int>& slots);
-
-/// Turns the modules in the slots off and on, in a section, and leaves each as it was.
-void cyclePower(Report& report, const std::vector<int>& slots);
+/// The results that the chosen tests may have, by name, in the order of the tests.
+std::vector<std::pair<std::string, Result>> possibleResults(const Choice& choice);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Undo.h"
 
+#include <unistd.h>
+
 #include "bist/Ports.h"
 #include "bist/Slots.h"
 
@@ -34,6 +36,8 @@ Json undoOfPower(int slot, bool wasOn) {
   return {{"kind", "power"}, {"slot", slot}, {"on", wasOn}};
 }
 
+Json undoOfFile(const std::string& name) { return {{"kind", "file"}, {"name", name}}; }
+
 void putBack(PCIeDiagnostics& diagnostics, const Json& fields) {
   const auto port = static_cast<PCIeDownstreamPorts>(fields["port"].get<int>());
   for (const Json& field : fields["values"]) {
@@ -47,6 +51,10 @@ void putBack(PCIeDiagnostics& diagnostics, const Json& fields) {
 }
 
 void undo(const Json& switched) {
+  if (switched["kind"] == "file") {
+    ::unlink(switched["name"].get<std::string>().c_str());
+    return;
+  }
   if (switched["kind"] == "power") {
     const int slot = switched["slot"];
     BackplaneInterface backplane(slot);
@@ -62,6 +70,9 @@ void undo(const Json& switched) {
 }
 
 std::string wordsOf(const Json& switched) {
+  if (switched["kind"] == "file") {
+    return switched["name"].get<std::string>() + " there";
+  }
   if (switched["kind"] == "power") {
     return slotName(switched["slot"]) + (switched["on"] ? " on" : " off");
   }

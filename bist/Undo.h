@@ -6,7 +6,7 @@
 #include "bist/Report.h"
 #include "pcie/PCIeDiagnostics.h"
 
-/// How what a test switches is undone, by whatever process: see Report::willSwitch.
+/// How what a command switches is undone, by whatever process: see Report::willSwitch.
 
 /// Registers of a port's switch that the PRBS test changes.
 Json undoOfPrbs(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int shimModule);
@@ -23,6 +23,9 @@ Json undoOfFields(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port, int sh
 
 /// The power and clock of a module.
 Json undoOfPower(int slot, bool wasOn);
+
+/// A file that is there for a while only.
+Json undoOfFile(const std::string& name);
 
 /// Gives fields of registers their values back where those have changed.
 void putBack(PCIeDiagnostics& diagnostics, const Json& fields);

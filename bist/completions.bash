@@ -12,7 +12,7 @@ _talvero_bist() {
     power | --slots) words="0 1 2 3 4 5" ;;
     shim | --module) words="0 1 2 3" ;;
     --quiet | --analog-loopback | [0-5]) words="on off $words" ;;
-    --tests) words="board slots link errors prbs" ;;
+    --tests) words="board slots link errors prbs power expectation" ;;
     --width) words="8 16 32" ;;
     --expect | --write-expectation | --log | --junit | --html | --trace | --csv | --resume | capture)
       mapfile -t COMPREPLY < <(compgen -f -- "$word")

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -133,11 +134,7 @@ int execute(const Command& command, const Common& common, RunFacts facts) {
   int signal = 0;
   try {
     listenFor(log.get(), output, take);
-    if (command.supervised) {
-      signal = supervise(session, output, onTerminal ? &progress : nullptr, work);
-    } else {
-      work(take);
-    }
+    signal = supervise(session, output, onTerminal ? &progress : nullptr, work);
   } catch (const std::exception& error) {
     session.abandon(error.what());
     throw;

@@ -47,6 +47,8 @@ TEST_F(Choice, OfTestsSlotsAndPorts) {
       testsOf("report --tests board --power-cycle --slots 2"),
       testing::ElementsAre("board.known", "board.straps", "slot2.power-off", "slot2.power-on"));
   EXPECT_EQ(testsOf("report --tests slots --ports downstreamport1").size(), 6U);
+  EXPECT_THAT(testsOf("report --tests power,slots --slots 1"),
+              testing::ElementsAre("slot1.controller", "slot1.power-off", "slot1.power-on"));
   EXPECT_EQ(json::parse(run("bist --json report --tests prbs --ports 0 --seconds 40")
                             .output)["tests"][1]["figures"]["secondsAsked"],
             40);
@@ -68,6 +70,13 @@ TEST_F(Choice, OfWhatMustBeThere) {
   EXPECT_THAT(outcome.output, HasSubstr("Expectation\n  good.json  written\n"));
   const json good = json::parse(contentOf(directory.path + "/good.json"));
   EXPECT_EQ(good["links"]["DownstreamPort9"], "5 GT/s x1");
+  EXPECT_THAT(testsOf("report --tests expectation --slots 3 --expect good.json"),
+              testing::ElementsAre("expected.board", "expected.slot3.module",
+                                   "expected.slot3.controller", "expected.DownstreamPort5.link"));
+  EXPECT_THAT(testsOf("report --tests board --ports 0 --expect good.json"),
+              testing::IsSupersetOf({"expected.slot5.module", "expected.DownstreamPort1.link"}));
+  EXPECT_EQ(run("bist report --tests expectation").errors,
+            "talvero-bist: the test \"expectation\" needs a file: give --expect\n");
   EXPECT_EQ(run("bist report --expect good.json").status, 0);
   const json result =
       json::parse(run("change() { " TALVERO_SIM " set \"$@\"; };"

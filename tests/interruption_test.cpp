@@ -114,6 +114,13 @@ TEST_F(Interruption, SaysWhatWasFoundUntilThen) {
   EXPECT_THAT(outcome.output, EndsWith("interrupted (SIGTERM): nothing tested\n143\n"));
 }
 
+TEST_F(Interruption, LeavesNoPartOfACapture) {
+  directory.file("d.conf", instrument() + "[power 1]\non-delay=never\n");  // is waited for
+  const Outcome outcome =
+      run("start capture c.conf >out & sleep 2; kill -TERM $!; wait $!; echo $?; ls; cat out");
+  EXPECT_EQ(outcome.output, "143\nd.conf\nout\ninterrupted (SIGTERM): nothing tested\n");
+}
+
 TEST_F(Interruption, ComesWhenNobodyReads) {
   const char* const scripts[] = {
       "(bist report --power-cycle; echo $? >status) | head -n 1; sleep 1; cat status",

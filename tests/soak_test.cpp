@@ -139,6 +139,39 @@ TEST_F(Soak, CyclesPower) {
   EXPECT_EQ(outcome.errors, "talvero-sim: nothing left behind\n");
 }
 
+TEST_F(Soak, RepeatsChosenTests) {
+  directory.file("e.json", R"({"board": 34, "modules": {"1": true, "2": true},
+      "links": {"DownstreamPort9": "5 GT/s x1"}, "limits": {"all": {"prbsErrors": 9}}})");
+  describe("[at 150]\nexpander 30-0041 present=no\npci port9 link-status=0x2011\n");
+  const Outcome outcome =
+      run("soak --cycles 3 --seconds 99 --slots 1 --power-cycle --expect e.json "
+          "--tests board,slots,prbs");
+  EXPECT_EQ(outcome.status, 1);
+  ASSERT_EQ(rows().size(), 4U);
+  std::map<std::string, std::string> verdicts;
+  for (std::size_t column = 0; column < rows()[0].size(); ++column) {
+    verdicts[rows()[0][column]] = rows()[2][column] + "," + rows()[3][column];
+  }
+  const std::map<std::string, std::string> expected = {
+      {"board.known", "pass,pass"},
+      {"board.straps", "pass,pass"},
+      {"slot1.controller", "pass,fail"},
+      {"DownstreamPort9.link", "pass,fail"},
+      {"DownstreamPort9.prbs", "fail,"},
+      {"slot1.power-off", "pass,pass"},
+      {"slot1.power-on", "fail,fail"},
+      {"expected.board", "pass,pass"},
+      {"expected.slot1.module", "pass,pass"},
+      {"expected.DownstreamPort9.link", "fail,fail"},
+      {"backplane", ","},
+      {"ports", ","}};
+  for (const auto& [test, both] : expected) {
+    EXPECT_EQ(verdicts[test], both) << test;
+  }
+  EXPECT_EQ(verdicts.count("slot2.controller"), 0U);
+  EXPECT_EQ(verdicts.count("DownstreamPort9.errors"), 0U);
+}
+
 TEST_F(Soak, RunsForLongWithFewDescriptors) {
   EXPECT_THAT(run("ulimit -n 100; soak --cycles 5 --seconds 600 --power-cycle").output,
               EndsWith("PASS: 20 passed\n"));

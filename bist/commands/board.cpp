@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "bist/Command.h"
 #include "bist/Machine.h"
+#include "bist/Platform.h"
+#include "bist/Tests.h"
 #include "board/BoardId.h"
 
 namespace {
@@ -52,11 +54,23 @@ void run(Report& report) {
         {"unreadableStraps", unreadable}}});
 }
 
+/// The report says as well by which platform library the tests are made.
+void test(Report& report, const Choice& /*choice*/) {
+  run(report);
+  const std::vector<std::string> libraries = platformLibraries();
+  report.add({"platform", "Platform", {{"library", joined(libraries)}}, libraries});
+}
+
 }  // namespace
+
+extern const Test boardTest = {"board",
+                               "number and straps of the board",
+                               {{"board.known"}, {"board.straps"}},
+                               Needs::instrument,
+                               false,
+                               test,
+                               nullptr};
 
 const Command boardCommand = {"board",
                               "say which board this is and which boards are attached to it",
-                              Needs::instrument,
-                              noOptions,
-                              false,
-                              run};
+                              Needs::instrument, noOptions, run};

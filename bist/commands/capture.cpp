@@ -6,6 +6,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -15,6 +16,7 @@
 
 #include "bist/Command.h"
 #include "bist/Machine.h"
+#include "bist/Undo.h"
 #include "bist/output/Output.h"
 #include "simulator/parts/Changes.h"
 #include "simulator/parts/Description.h"
@@ -93,7 +95,7 @@ std::runtime_error cannotBeWritten(int error) {
 /// place, and so does a file in a directory where nobody may create one.
 class Draft {
  public:
-  Draft() {
+  explicit Draft(Report& toReport) : report(toReport) {
     struct stat before {};
     const bool exists = lstat(file.c_str(), &before) == 0;
     if (!exists || S_ISREG(before.st_mode)) {
@@ -111,11 +113,15 @@ class Draft {
     if (fd < 0) {
       throw cannotBeWritten(errno);
     }
+    if (!name.empty()) {
+      report.willSwitch(undoOfFile(name));
+    }
   }
   ~Draft() {
     ::close(fd);
     if (!name.empty()) {
       ::unlink(name.c_str());
+      report.switchedBack();
     }
   }
   Draft(const Draft&) = delete;
@@ -132,13 +138,18 @@ class Draft {
       }
       done += static_cast<std::size_t>(size);
     }
-    if (!name.empty() && ::rename(name.c_str(), file.c_str()) != 0) {
+    if (name.empty()) {
+      return;
+    }
+    if (::rename(name.c_str(), file.c_str()) != 0) {
       throw cannotBeWritten(errno);
     }
     name.clear();
+    report.switchedBack();
   }
 
  private:
+  Report& report;
   std::string name;  // of a file that takes the other one's place; or empty
   int fd = -1;
 };
@@ -157,7 +168,7 @@ std::runtime_error nothingFound(const Capture& capture) {
 
 void run(Report& report) {
   captureTime();  // throws for a wrong one before anything is done
-  Draft draft;
+  Draft draft(report);
   Capture capture;
   capture.exportsLines = !noExport;
   captureI2c(capture);
@@ -193,7 +204,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command captureCommand = {
-    "capture",      "describe the instrument, for talvero-sim to replay it",
-    Needs::nothing, addOptions,
-    false,          run};
+const Command captureCommand = {"capture", "describe the instrument, for talvero-sim to replay it",
+                                Needs::nothing, addOptions, run};

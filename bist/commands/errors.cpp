@@ -35,5 +35,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command errorsCommand = {
-    "errors", "name the errors that a PCIe port latches", Needs::spb, addOptions, true, run};
+const Command errorsCommand = {"errors", "name the errors that a PCIe port latches", Needs::spb,
+                               addOptions, run};

@@ -35,5 +35,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command linkCommand = {
-    "link", "say whether a PCIe port's link is up", Needs::spb, addOptions, true, run};
+const Command linkCommand = {"link", "say whether a PCIe port's link is up", Needs::spb, addOptions,
+                             run};

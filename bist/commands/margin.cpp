@@ -372,6 +372,5 @@ void run(Report& report) {
 }  // namespace
 
 const Command marginCommand = {
-    "margin",   "find the transmitter settings of a PCIe port that bring no errors about",
-    Needs::spb, addOptions,
-    true,       run};
+    "margin", "find the transmitter settings of a PCIe port that bring no errors about", Needs::spb,
+    addOptions, run};

@@ -23,10 +23,9 @@ void run(Report& report) {
                                slotTest(slot, on ? "power-on" : "power-off")});
       return;
     }
-    report.progress(slotName(slot) + (on ? " on" : " off"));
     BackplaneInterface backplane(slot);
     report.willSwitch(undoOfPower(slot, backplane.isModuleOn(slot)));
-    section.lines.push_back(switchSlot(backplane, slot, on));
+    section.lines.push_back(switchSlot(report, backplane, slot, on));
   });
   section.data = {
       {"slot", slot}, {"requested", on ? "on" : "off"}, {"result", section.lines.front().text}};
@@ -35,5 +34,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command powerCommand = {
-    "power", "turn the module in a slot on or off", Needs::spb, addOptions, true, run};
+const Command powerCommand = {"power", "turn the module in a slot on or off", Needs::spb,
+                              addOptions, run};

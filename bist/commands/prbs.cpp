@@ -29,5 +29,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command prbsCommand = {
-    "prbs", "run the PRBS loopback test on a PCIe port", Needs::spb, addOptions, true, run};
+const Command prbsCommand = {"prbs", "run the PRBS loopback test on a PCIe port", Needs::spb,
+                             addOptions, run};

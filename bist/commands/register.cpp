@@ -201,7 +201,6 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command registerCommand = {
-    "register", "read or write a register of a PCIe port or its switch",
-    Needs::spb, addOptions,
-    false,      run};
+const Command registerCommand = {"register",
+                                 "read or write a register of a PCIe port or its switch",
+                                 Needs::spb, addOptions, run};

@@ -35,5 +35,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command shimCommand = {
-    "shim", "find and set up the shim switch of a module", Needs::spb, addOptions, true, run};
+const Command shimCommand = {"shim", "find and set up the shim switch of a module", Needs::spb,
+                             addOptions, run};

@@ -7,6 +7,7 @@
 #include "bist/Command.h"
 #include "bist/Machine.h"
 #include "bist/Ports.h"
+#include "bist/Tests.h"
 #include "modules/ModuleI2CInfo.h"
 #include "modules/Udev_PCA9536.h"
 #include "sysfs/SysfsUtil.h"
@@ -60,19 +61,21 @@ void addSlot(Section& section, BackplaneInterface& backplane, int slot) {
                           {"linkUp", linkUp}});
 }
 
-void run(Report& report) {
+void test(Report& report, const Choice& choice) {
   Section section{"slots", "Slots"};
   guarded(section, [&] {
     BackplaneInterface backplane;
     section.data = Json::array();
     section.lines.push_back({"", row("module", "controller", "power", "link")});
     for (int slot = 0; slot < slotCount; ++slot) {
-      addSlot(section, backplane, slot);
+      if (choice.hasSlot(slot)) {
+        addSlot(section, backplane, slot);
+      }
     }
     PCIeDiagnostics diagnostics;
     for (const PCIeDownstreamPorts port : mainPorts) {
       const std::string what = leftOn(diagnostics, port);
-      if (!what.empty()) {
+      if (!what.empty() && choice.hasSlot(slotOf(port))) {
         section.lines.push_back(
             {slotName(slotOf(port)), what + " left on; talvero-bist stop ends that"});
       }
@@ -81,7 +84,18 @@ void run(Report& report) {
   report.add(section);
 }
 
+void run(Report& report) { test(report, {}); }
+
 }  // namespace
 
-const Command slotsCommand = {
-    "slots", "show presence, power and link of the six slots", Needs::spb, noOptions, true, run};
+extern const Test slotsTest = {
+    "slots",
+    "power controllers of the slots; \"backplane\" comes where they cannot be reached",
+    {{"slotN.controller"}, {"backplane"}},
+    Needs::spb,
+    false,
+    test,
+    nullptr};
+
+const Command slotsCommand = {"slots", "show presence, power and link of the six slots", Needs::spb,
+                              noOptions, run};

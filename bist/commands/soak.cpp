@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 #include <set>
+#include <stdexcept>
 
 #include "bist/Command.h"
 #include "bist/Options.h"
@@ -16,8 +17,7 @@ namespace {
 constexpr unsigned int endless = 4294967295;
 unsigned int mostMinutes = endless;
 unsigned int mostCycles = endless;
-unsigned int prbsSeconds = 1;
-bool powerCycle = false;
+Choice choice{{"link", "errors", "prbs"}};
 std::string csvName = "talvero-soak.csv";
 std::string resumedName;
 
@@ -30,10 +30,7 @@ void addOptions(CLI::App& app) {
   app.add_option("--cycles", mostCycles, "end after so many cycles" + range)
       ->check(wholeNumber(largest))
       ->option_text("N");
-  addSeconds(app, prbsSeconds, "how long PRBS is tested on each port, 0 to 86400; 1 if not given");
-  app.add_flag("--power-cycle", powerCycle,
-               "also turn each module off and on; modules that were off stay off")
-      ->disable_flag_override();
+  addChoice(app, choice);
   CLI::Option* const csv =
       app.add_option("--csv", csvName, "a new file for the cycles; talvero-soak.csv if not given")
           ->option_text("FILE");
@@ -77,8 +74,7 @@ class Soak {
  public:
   explicit Soak(Report& to)
       : report(to),
-        slots(powerCycle ? slotsWithPower() : std::vector<int>()),
-        statistics(tests()),
+        statistics(possibleResults(choice)),
         file(resumedName.empty() ? csvName : resumedName, !resumedName.empty()) {
     takeBefore(file, statistics);
     file.dropCutLine();
@@ -90,34 +86,15 @@ class Soak {
   }
 
   void run() {
-    report.begin({"soak", "Soak"}, longestName(), 0);
-    PCIeDiagnostics diagnostics;
-    report.takeMessages({});
+    report.begin({"soak", "Soak"}, statistics.longestName(), 0);
     tellSoFar();
     while (statistics.cycles() < mostCycles && seconds() < 60.0 * mostMinutes) {
-      cycle(diagnostics);
+      cycle();
       tellSoFar();
     }
   }
 
  private:
-  std::vector<std::string> tests() const {
-    std::vector<std::string> names = portTests();
-    if (powerCycle) {
-      const std::vector<std::string> ofPower = powerTests(slots);
-      names.insert(names.end(), ofPower.begin(), ofPower.end());
-    }
-    return names;
-  }
-
-  std::size_t longestName() const {
-    std::size_t longest = 0;
-    for (const std::string& name : tests()) {
-      longest = std::max(longest, name.size());
-    }
-    return longest;
-  }
-
   double seconds() const { return before + secondsSince(start); }
 
   /// How long the soak will still take, about; 0 if that is not known.
@@ -145,8 +122,12 @@ class Soak {
   /// switched.
   void take(const Json& event) {
     const std::string kind = event["event"];
-    if (kind == "line") {
-      results[event["test"].get<std::string>()] = event;
+    if (kind == "line" && event["test"] != "") {
+      const std::string test = event["test"];
+      if (!statistics.has(test)) {
+        throw std::logic_error(test + ": its test does not name it among its results");
+      }
+      results[test] = event;
     } else if (kind == "progress") {
       report.progress(label() + ": " + event["title"].get<std::string>(), secondsLeft());
     } else if (kind == "switch" || kind == "switched back" ||
@@ -157,14 +138,10 @@ class Soak {
 
   std::string label() const { return "cycle " + std::to_string(statistics.cycles() + 1); }
 
-  void cycle(PCIeDiagnostics& diagnostics) {
+  void cycle() {
     results.clear();
     Report inCycle = report.redirected([this](const Json& event) { take(event); });
-    inCycle.begin({}, 0, 0);
-    testPorts(inCycle, diagnostics, prbsSeconds);
-    if (powerCycle) {
-      cyclePower(inCycle, slots);
-    }
+    runTests(inCycle, choice);
     Line line{label(), words()};
     line.kept = false;
     const std::string csv =
@@ -189,7 +166,6 @@ class Soak {
   }
 
   Report& report;
-  std::vector<int> slots;
   Statistics statistics;
   CsvFile file;
   Clock::time_point start = Clock::now();
@@ -199,9 +175,12 @@ class Soak {
   std::set<std::string> messages;       ///< that have come
 };
 
-void run(Report& report) { Soak(report).run(); }
+void run(Report& report) {
+  choice.prepare();
+  Soak(report).run();
+}
 
 }  // namespace
 
-const Command soakCommand = {
-    "soak", "repeat the report's tests for long", Needs::spb, addOptions, true, run};
+const Command soakCommand = {"soak", "repeat the report's tests for long", Needs::spb, addOptions,
+                             run};

@@ -71,5 +71,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command stopCommand = {
-    "stop", "switch PRBS and loopback off, on a port or on all", Needs::spb, addOptions, true, run};
+const Command stopCommand = {"stop", "switch PRBS and loopback off, on a port or on all",
+                             Needs::spb, addOptions, run};

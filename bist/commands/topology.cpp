@@ -51,5 +51,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command topologyCommand = {
-    "topology", "show the I2C buses of a module", Needs::instrument, addOptions, false, run};
+const Command topologyCommand = {"topology", "show the I2C buses of a module", Needs::instrument,
+                                 addOptions, run};

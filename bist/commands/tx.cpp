@@ -97,5 +97,5 @@ void run(Report& report) {
 
 }  // namespace
 
-const Command txCommand = {
-    "tx", "change one transmitter setting of a PCIe port", Needs::spb, addOptions, true, run};
+const Command txCommand = {"tx", "change one transmitter setting of a PCIe port", Needs::spb,
+                           addOptions, run};

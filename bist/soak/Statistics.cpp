@@ -2,7 +2,6 @@
 #include "bist/soak/Statistics.h"
 
 #include <algorithm>
-#include <bitset>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -11,31 +10,11 @@
 
 #include "bist/soak/Poisson.h"
 
-/// What the last part of a test's name says of it.
-struct SoakedKind {
-  const char* what;
-  std::vector<const char*> figures;  ///< its columns after that of the verdict
-  const char* figure;                ///< that of which minimum, median and maximum are told
-};
-
 namespace {
 
 constexpr std::size_t mostPoints = 256;
 constexpr std::size_t mostFailedCycles = 100;
 constexpr double lastPrbsCount = 255;  // where the counter stops
-
-const SoakedKind kinds[] = {{"link", {"status"}, ""},
-                            {"errors", {"errors"}, "errors"},
-                            {"prbs", {"seconds", "errors", "bits"}, "errors"},
-                            {"power-off", {"seconds"}, "seconds"},
-                            {"power-on", {"seconds"}, "seconds"},
-                            {"", {}, ""}};
-
-const SoakedKind& kindOf(const std::string& test) {
-  const std::string what = test.substr(test.rfind('.') + 1);
-  return *std::find_if(std::begin(kinds), std::end(kinds) - 1,
-                       [&](const SoakedKind& kind) { return what == kind.what; });
-}
 
 std::string text(const char* format, double number) {
   char buffer[64];
@@ -46,26 +25,13 @@ std::string text(const char* format, double number) {
 /// A number of few digits, such as "0.105".
 std::string brief(double number) { return text("%.3g", number); }
 
-/// How many bits are set in status words.
-std::size_t errorsIn(const Json& words) {
-  std::size_t errors = 0;
-  for (const Json& word : words) {
-    errors += std::bitset<32>(std::stoul(word.get<std::string>(), nullptr, 0)).count();
+/// A figure as the column has it.
+std::string figureText(const Figure& column, const Json& figures) {
+  const Json& figure = figures[column.key];
+  if (figure.is_string()) {
+    return figure;
   }
-  return errors;
-}
-
-/// A figure of a test's line as the column has it.
-std::string figureOf(const SoakedKind& kind, const std::string& figure, const Json& figures) {
-  const std::string what = kind.what;
-  if (figure == "status") {
-    return figures["portLinkStatus"];
-  }
-  if (figure == "errors") {
-    return std::to_string(what == "errors" ? errorsIn(figures)
-                                           : figures["errors"].get<std::size_t>());
-  }
-  return text(figure == "seconds" ? "%.3f" : "%.0f", figures[figure]);
+  return text(column.column == std::string("seconds") ? "%.3f" : "%.0f", figure);
 }
 
 std::vector<std::string> fieldsOf(const std::string& line) {
@@ -105,7 +71,7 @@ void takeResult(SoakedTest& test, unsigned int cycle, const std::string& verdict
   if (!verdict.empty()) {
     ++test.verdicts[verdict];
   }
-  const std::string figure = test.kind->figure;
+  const std::string figure = test.result.statistic;
   if (figures.count(figure) != 0) {
     test.values.add(figures.at(figure));
     test.series.add(cycle, figures.at(figure));
@@ -128,7 +94,12 @@ Verdict verdictOf(const SoakedTest& test) {
                                          : Verdict::skipped;
 }
 
-bool isPrbs(const SoakedTest& test) { return test.kind->what == std::string("prbs"); }
+bool hasFigure(const SoakedTest& test, const std::string& column) {
+  return std::any_of(test.result.figures.begin(), test.result.figures.end(),
+                     [&](const Figure& figure) { return figure.column == column; });
+}
+
+bool countsBits(const SoakedTest& test) { return hasFigure(test, "bits"); }
 
 /// Whether more errors than these have come in the bits, perhaps.
 bool isAtLeast(const SoakedTest& test) {
@@ -141,15 +112,15 @@ Json figuresOf(const SoakedTest& test) {
                   {"skipped", test.count("skipped")},
                   {"notTested", test.count("not tested")}};
   if (!test.values.empty()) {
-    figures["figure"] = test.kind->figure;
+    figures["figure"] = test.result.statistic;
     figures["minimum"] = test.values.minimum();
     figures["median"] = test.values.median();
     figures["maximum"] = test.values.maximum();
   }
-  if (test.kind->what == std::string("link")) {
+  if (hasFigure(test, "status")) {
     figures["statusChanges"] = test.changes;
   }
-  if (isPrbs(test)) {
+  if (countsBits(test)) {
     figures["bits"] = test.bits;
     figures["errors"] = test.errors;
     const Bounds bounds = poissonBounds(test.errors);
@@ -190,7 +161,7 @@ std::string textOf(const SoakedTest& test, const Json& figures) {
   }
   if (figures.contains("figure")) {
     const Values& values = test.values;
-    words += std::string("; ") + test.kind->figure + " " + brief(values.minimum());
+    words += std::string("; ") + test.result.statistic + " " + brief(values.minimum());
     if (values.maximum() != values.minimum()) {
       words += " to " + brief(values.maximum()) + ", median " + brief(values.median());
     }
@@ -198,7 +169,7 @@ std::string textOf(const SoakedTest& test, const Json& figures) {
   if (test.changes != 0) {
     words += "; " + plural(test.changes, "status change");
   }
-  return isPrbs(test) ? words + "; " + errorRateText(test, figures) : words;
+  return countsBits(test) ? words + "; " + errorRateText(test, figures) : words;
 }
 
 }  // namespace
@@ -252,18 +223,31 @@ unsigned int SoakedTest::count(const std::string& verdict) const {
   return found == verdicts.end() ? 0 : found->second;
 }
 
-Statistics::Statistics(const std::vector<std::string>& names) {
-  for (const std::string& name : names) {
-    tests.push_back({name, &kindOf(name)});
+Statistics::Statistics(const std::vector<std::pair<std::string, Result>>& results) {
+  for (const auto& [name, result] : results) {
+    tests.push_back({name, result});
   }
+}
+
+bool Statistics::has(const std::string& test) const {
+  return std::any_of(tests.begin(), tests.end(),
+                     [&](const SoakedTest& soaked) { return soaked.name == test; });
+}
+
+std::size_t Statistics::longestName() const {
+  std::size_t longest = 0;
+  for (const SoakedTest& test : tests) {
+    longest = std::max(longest, test.name.size());
+  }
+  return longest;
 }
 
 std::string Statistics::header() const {
   std::string line = "cycle,time,seconds";
   for (const SoakedTest& test : tests) {
     line += "," + test.name;
-    for (const char* const figure : test.kind->figures) {
-      line += "," + test.name + "." + figure;
+    for (const Figure& figure : test.result.figures) {
+      line += "," + test.name + "." + figure.column;
     }
   }
   return line;
@@ -277,8 +261,8 @@ std::string Statistics::lineOf(const std::string& time, double seconds,
     const std::string verdict = result == results.end() ? "" : result->second["verdict"];
     const bool ran = verdict == "pass" || verdict == "fail";
     line += "," + verdict;
-    for (const char* const figure : test.kind->figures) {
-      line += "," + (ran ? figureOf(*test.kind, figure, result->second["figures"]) : "");
+    for (const Figure& figure : test.result.figures) {
+      line += "," + (ran ? figureText(figure, result->second["figures"]) : "");
     }
   }
   return line;
@@ -302,9 +286,9 @@ void Statistics::take(const std::string& line) {
     if (!isVerdict(results.back().first)) {
       throw std::runtime_error("\"" + results.back().first + "\" is no verdict");
     }
-    for (const char* const figure : test.kind->figures) {
+    for (const Figure& figure : test.result.figures) {
       if (!field->empty()) {
-        results.back().second[figure] = numberOf(*field);
+        results.back().second[figure.column] = numberOf(*field);
       }
       ++field;
     }
@@ -349,7 +333,7 @@ Json Statistics::json() const {
     if (!test.values.empty()) {
       series.push_back({{"name", test.name},
                         {"x", "cycle"},
-                        {"y", test.kind->figure},
+                        {"y", test.result.statistic},
                         {"points", test.series.points()}});
     }
   }

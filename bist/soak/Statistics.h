@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "bist/Report.h"
+#include "bist/Tests.h"
 
 /// Values of one kind, of which there may be very many that are alike.
 class Values {
@@ -42,14 +42,12 @@ class Series {
   unsigned int cyclesOfLast = 0;
 };
 
-struct SoakedKind;
-
 /// What a test has said in the cycles so far.
 struct SoakedTest {
   std::string name;
-  const SoakedKind* kind;
+  Result result;
   std::map<std::string, unsigned int> verdicts = {};
-  Values values = {};        ///< of the figure that statistics are of
+  Values values = {};        ///< of the statistic
   Series series = {};        ///< of the same
   double status = -1;        ///< the last Link Status; -1 for none yet
   unsigned int changes = 0;  ///< how often it was another one than before
@@ -63,8 +61,11 @@ struct SoakedTest {
 /// The cycles of a soak: lines of CSV, and their statistics.
 class Statistics {
  public:
-  /// @param names  of the tests that a cycle may make
-  explicit Statistics(const std::vector<std::string>& names);
+  /// @param results  that a cycle may have, by name
+  explicit Statistics(const std::vector<std::pair<std::string, Result>>& results);
+
+  bool has(const std::string& test) const;
+  std::size_t longestName() const;
 
   /// The first line, which names the columns.
   std::string header() const;
