@@ -122,8 +122,8 @@ class Soak {
   /// switched.
   void take(const Json& event) {
     const std::string kind = event["event"];
-    if (kind == "line" && event["test"] != "") {
-      const std::string test = event["test"];
+    const std::string test = event.value("test", "");
+    if (!test.empty()) {
       if (!statistics.has(test)) {
         throw std::logic_error(test + ": its test does not name it among its results");
       }
