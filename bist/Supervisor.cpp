@@ -9,8 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <csignal>
 #include <cstring>
+#include <ctime>
+#include <exception>
 #include <stdexcept>
 #include <system_error>
 
@@ -44,15 +47,50 @@ class BlockedSignals {
     }
     sigprocmask(SIG_BLOCK, &blocked, &before);
   }
-  ~BlockedSignals() { sigprocmask(SIG_SETMASK, &before, nullptr); }
+  ~BlockedSignals() { release(); }
   BlockedSignals(const BlockedSignals&) = delete;
   BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+  void release() { sigprocmask(SIG_SETMASK, &before, nullptr); }
 
   sigset_t blocked{};
 
  private:
   sigset_t before{};
 };
+
+std::int64_t milliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1000000;
+}
+
+/// When the first signal came.
+volatile std::int64_t interruptedAt = 0;
+
+/// Ends the process, but for a signal that comes along with the first one: where a terminal is
+/// closed or a group of processes is told to end, several do.
+extern "C" void endAtSecondSignal(int signal) {
+  constexpr std::int64_t along = 500;
+  if (milliseconds() - interruptedAt >= along) {
+    std::signal(signal, SIG_DFL);
+    raise(signal);
+  }
+}
+
+/// From now on, signals are taken again: another one ends the process.
+void release(BlockedSignals& signals) {
+  interruptedAt = milliseconds();
+  struct sigaction action {};
+  action.sa_handler = endAtSecondSignal;
+  action.sa_flags = SA_RESTART;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    if (sigismember(&signals.blocked, signal) == 1) {
+      sigaction(signal, &action, nullptr);
+    }
+  }
+  signals.release();
+}
 
 void writeAll(int fd, const std::string& text) {
   for (std::size_t done = 0; done < text.size();) {
@@ -95,144 +133,180 @@ void end(pid_t worker) {
   _exit(0);
 }
 
-/// Takes the events that are in the pipe.
+/// Takes the events that come through the pipe.
 class Reader {
  public:
-  explicit Reader(Session& into) : session(into) {}
+  Reader(Session& into, int fromPipe) : session(into), pipe(fromPipe) {}
 
-  /// Reads what is there; false at its end.
-  bool read(int pipe) {
-    char buffer[65536];
+  /// Takes those that are there; false at the end. No event is lost where an output throws: the
+  /// first exception is kept.
+  bool read() {
+    char buffer[4096];  // no more: what the outputs make of it must not fill a pipe
     const ssize_t size = ::read(pipe, buffer, sizeof buffer);
     if (size <= 0) {
       return size < 0 && errno == EINTR;
     }
     text.append(buffer, static_cast<std::size_t>(size));
-    std::size_t begin = 0;
-    for (std::size_t end = text.find('\n'); end != std::string::npos;
-         end = text.find('\n', begin)) {
-      const Json event = Json::parse(text.substr(begin, end - begin));
-      begin = end + 1;
-      if (event["event"] == "end") {
-        ended = true;
-      } else if (event["event"] == "error") {
-        error = event["text"];
-      } else {
-        session.take(event);
-      }
+    for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n')) {
+      const Json event = Json::parse(text.substr(0, end));
+      text.erase(0, end + 1);
+      take(event);
     }
-    text.erase(0, begin);
     return true;
+  }
+
+  /// Does something with outputs, which may throw.
+  void keepFailure(const std::function<void()>& output) {
+    try {
+      output();
+    } catch (const std::exception&) {
+      failure = failure != nullptr ? failure : std::current_exception();
+    }
   }
 
   bool ended = false;
   std::string error;
+  std::exception_ptr failure;
 
  private:
+  void take(const Json& event) {
+    if (event["event"] == "end") {
+      ended = true;
+    } else if (event["event"] == "error") {
+      error = event["text"];
+    } else {
+      keepFailure([&] { session.take(event); });
+    }
+  }
+
   Session& session;
+  int pipe;
   std::string text;
 };
 
-/// Undoes what is switched, the last first. Another signal ends the process.
-void undoAll(Session& session, LibraryOutput& libraryOutput) {
-  std::vector<Json> switched = session.switched();
-  for (; !switched.empty(); switched.pop_back()) {
-    try {
-      undo(switched.back());
-      session.take({{"event", "switched back"}});
-    } catch (const std::exception& error) {
-      session.take({{"event", "not put back"}, {"why", error.what()}});
-      dprintf(STDERR_FILENO, "talvero-bist: %s is not put back: %s\n",
-              wordsOf(switched.back()).c_str(), error.what());
-    }
-  }
-  libraryOutput.takeMessages(false);
+/// Whether a descriptor is a pipe, a terminal or a socket that nobody reads any more.
+bool isUnread(int events) { return (events & (POLLERR | POLLHUP)) != 0; }
+
+/// Whether a descriptor takes something at once, or refuses it at once.
+bool isReady(int fd, short events, int milliseconds) {
+  pollfd end{fd, events, 0};
+  return ::poll(&end, 1, milliseconds) > 0;
 }
 
-/// Whether a descriptor is a pipe that nobody reads any more.
-bool isUnread(int fd) {
-  pollfd end{fd, 0, 0};
-  return ::poll(&end, 1, 0) > 0 && (end.revents & POLLERR) != 0;
+int signalFrom(int signals) {
+  signalfd_siginfo info{};
+  return ::read(signals, &info, sizeof info) == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
 }
 
 /// Waits until something happens; the signal that came, or SIGPIPE when nobody reads the standard
-/// output any more; 0 for neither.
+/// output any more; 0 for neither. Events are `readable` only when the standard output can take
+/// what they bring: a reader that has stopped must not keep signals from this process.
 int waitFor(int pipe, int signals, bool& readable, int milliseconds) {
-  pollfd fds[] = {{pipe, POLLIN, 0}, {signals, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-  const int ready = ::poll(fds, 3, milliseconds);
-  readable = ready > 0 && fds[0].revents != 0;
-  if (ready > 0 && fds[1].revents != 0) {
-    signalfd_siginfo info{};
-    if (::read(signals, &info, sizeof info) == sizeof info) {
-      return static_cast<int>(info.ssi_signo);
-    }
+  constexpr int soon = 100;  // milliseconds
+  const bool writable = isReady(STDOUT_FILENO, POLLOUT, 0);
+  const short room = writable ? 0 : POLLOUT;
+  pollfd fds[] = {{writable ? pipe : -1, POLLIN, 0}, {signals, POLLIN, 0}, {STDOUT_FILENO, room, 0}};
+  const bool ready = ::poll(fds, 3, milliseconds) > 0;
+  readable = ready && fds[0].revents != 0;
+  if (ready && fds[1].revents != 0) {
+    return signalFrom(signals);
   }
-  return ready > 0 && (fds[2].revents & POLLERR) != 0 ? SIGPIPE : 0;
+  if (!ready || !isUnread(fds[2].revents)) {
+    return 0;
+  }
+  // A terminal that is closed sends a signal as well.
+  return isReady(signals, POLLIN, soon) ? signalFrom(signals) : SIGPIPE;
 }
 
-}  // namespace
+/// Takes events until the last one; the signal that came before it.
+int watch(Reader& reader, int pipe, int signals, ProgressOutput* progress) {
+  for (int interrupting = 0;;) {
+    bool readable = false;
+    interrupting = waitFor(pipe, signals, readable, progress != nullptr ? 1000 : -1);
+    const bool going = !readable || reader.read();
+    if (interrupting != 0 || !going || reader.failure != nullptr) {
+      return interrupting;
+    }
+    if (progress != nullptr && !readable) {
+      progress->show();
+    }
+  }
+}
 
-int supervise(Session& session, LibraryOutput& libraryOutput, ProgressOutput* progress,
-              const std::function<void(const Events&)>& work) {
+/// Starts the process that does the work. Returns it, and the end of the pipe that it writes to.
+pid_t start(const std::function<void(const Events&)>& work, int& readEnd) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) {
     throw failure("pipe");
   }
-  const Descriptor readEnd(ends[0]);
+  const Descriptor writeEnd(ends[1]);
+  readEnd = ends[0];
+  const pid_t self = getpid();
+  const pid_t worker = ::fork();
+  if (worker == 0) {
+    doWork(writeEnd.fd, self, work);
+  }
+  if (worker < 0) {
+    ::close(readEnd);
+    throw failure("fork");
+  }
+  return worker;
+}
+
+}  // namespace
+
+void undoAll(Session& session, LibraryOutput& libraryOutput) {
+  std::vector<Json> switched = session.switched();
+  for (; !switched.empty(); switched.pop_back()) {
+    Json outcome = {{"event", "switched back"}};
+    try {
+      undo(switched.back());
+    } catch (const std::exception& error) {
+      outcome = {{"event", "not put back"}, {"why", error.what()}};
+      dprintf(STDERR_FILENO, "talvero-bist: %s is not put back: %s\n",
+              wordsOf(switched.back()).c_str(), error.what());
+    }
+    session.take(outcome);
+  }
+  libraryOutput.takeMessages(false);
+}
+
+int supervise(Session& session, LibraryOutput& libraryOutput, ProgressOutput* progress,
+              const std::function<void(const Events&)>& work) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(endingSignal, SIG_DFL);
-  int interrupting = 0;
-  Reader reader(session);
-  pid_t worker = 0;
-  try {
-    const BlockedSignals blocked;
-    const Descriptor signals(::signalfd(-1, &blocked.blocked, SFD_CLOEXEC));
-    const pid_t self = getpid();
-    {
-      const Descriptor writeEnd(ends[1]);
-      worker = ::fork();
-      if (worker == 0) {
-        doWork(writeEnd.fd, self, work);
-      }
-    }
-    if (worker < 0) {
-      throw failure("fork");
-    }
-    bool going = true;
-    while (going && interrupting == 0) {
-      bool readable = false;
-      interrupting = waitFor(readEnd.fd, signals.fd, readable, progress != nullptr ? 1000 : -1);
-      going = !readable || reader.read(readEnd.fd);
-      if (progress != nullptr && !readable) {
-        progress->show();
-      }
-    }
-    end(worker);
-    while (interrupting != 0 && reader.read(readEnd.fd)) {
-    }
-    interrupting = reader.ended && interrupting != SIGPIPE ? 0 : interrupting;
-  } catch (...) {
-    if (worker > 0) {
-      end(worker);
-    }
-    if (!isUnread(STDOUT_FILENO)) {
-      undoAll(session, libraryOutput);
-      throw;
-    }
+  BlockedSignals signals;
+  const Descriptor signalEnd(::signalfd(-1, &signals.blocked, SFD_CLOEXEC));
+  int readEnd = -1;
+  const pid_t worker = start(work, readEnd);
+  const Descriptor pipe(readEnd);
+  Reader reader(session, pipe.fd);
+  int interrupting = watch(reader, pipe.fd, signalEnd.fd, progress);
+  release(signals);
+  end(worker);
+  while (reader.read()) {
+  }
+  if (reader.failure != nullptr && isReady(STDOUT_FILENO, 0, 0)) {
     interrupting = SIGPIPE;
   }
-  if (interrupting != 0) {
-    session.interrupt(interrupting == SIGPIPE ? "nobody reads the output"
-                                              : std::string("SIG") + sigabbrev_np(interrupting));
+  if (reader.ended && interrupting != SIGPIPE) {
+    interrupting = 0;
   }
-  if (!reader.ended) {  // or else what is still switched is to stay so
+  if (interrupting != 0) {
+    reader.keepFailure([&] {
+      session.interrupt(interrupting == SIGPIPE ? "nobody reads the output"
+                                                : std::string("SIG") + sigabbrev_np(interrupting));
+    });
+  }
+  if (!reader.ended || reader.failure != nullptr) {  // or else what is switched is to stay so
     undoAll(session, libraryOutput);
   }
-  if (interrupting == 0 && !reader.error.empty()) {
-    throw std::runtime_error(reader.error);
+  if (interrupting == 0 && reader.failure != nullptr) {
+    std::rethrow_exception(reader.failure);
   }
   if (interrupting == 0 && !reader.ended) {
-    throw std::runtime_error("the process that tests has ended without a word");
+    throw std::runtime_error(reader.error.empty() ? "the process that tests has ended without a word"
+                                                  : reader.error);
   }
   return interrupting;
 }

@@ -139,7 +139,13 @@ int execute(const Command& command, const Common& common, RunFacts facts) {
     session.abandon(error.what());
     throw;
   }
-  const bool passed = session.finish(signal == SIGPIPE);
+  bool passed = false;
+  try {
+    passed = session.finish(signal == SIGPIPE);
+  } catch (const std::exception&) {
+    undoAll(session, output);  // nobody has been told that it is switched
+    throw;
+  }
   return signal != 0 ? signalled + signal : passed ? pass : fail;
 }
 
