@@ -34,8 +34,14 @@ class Expectation {
 
   Limits limitsOf(PCIeDownstreamPorts port) const;
 
-  /// Whether all links are to be down.
-  bool expectsNoLink() const;
+  /// Whether the link of a port is to be down.
+  bool expectsNoLink(PCIeDownstreamPorts port) const;
+
+  /// Whether there is anything to compare: limits alone are none.
+  bool comparesSomething() const;
+
+  /// The limits, as in the file.
+  Json limits() const { return expected.value("limits", Json::object()); }
 
   /// A line for each expectation.
   std::vector<Line> compare(const Json& found) const;
@@ -43,6 +49,3 @@ class Expectation {
  private:
   Json expected = Json::object();
 };
-
-/// Writes what there is as an expectation; throws std::runtime_error if it cannot be written.
-void writeExpectation(const std::string& file, const Json& found);

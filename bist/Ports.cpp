@@ -106,6 +106,7 @@ std::string leftOn(PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
 
 void addLeftOn(Section& section, PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
   const std::string what = leftOn(diagnostics, port);
+  section.data["leftOn"] = what;
   if (!what.empty()) {
     section.lines.push_back({"left on", what + "; talvero-bist stop ends that"});
   }
@@ -185,7 +186,7 @@ Line prbsLine(const DiagnosticsResults& results, unsigned int seconds, double te
   const double halves = std::max(1.0, std::round(2 * tested));
   char text[60];
   std::snprintf(text, sizeof text, "%s%u error%s in %.1f s",
-                errors == lastPrbsCount ? "at least " : "", errors, errors == 1 ? "" : "s",
+                errors >= lastPrbsCount ? "at least " : "", errors, errors == 1 ? "" : "s",
                 halves / 2);
   return {"", text, Verdict::fail};
 }
@@ -193,30 +194,41 @@ Line prbsLine(const DiagnosticsResults& results, unsigned int seconds, double te
 }  // namespace
 
 Line testPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
-              PCIeDownstreamPorts port, int slot, unsigned int seconds,
-              DiagnosticsResults& results) {
+              PCIeDownstreamPorts port, int slot, unsigned int seconds, DiagnosticsResults& results,
+              unsigned int mostErrors) {
   report.progress("PRBS on " + portTitle(port, slot), seconds);
-  return runPrbs(label, report, diagnostics, port, slot, seconds, results);
+  return runPrbs(label, report, diagnostics, port, slot, seconds, results, mostErrors);
 }
 
 Line runPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
-             PCIeDownstreamPorts port, int slot, unsigned int seconds,
-             DiagnosticsResults& results) {
+             PCIeDownstreamPorts port, int slot, unsigned int seconds, DiagnosticsResults& results,
+             unsigned int mostErrors) {
   const Json before = undoOfPrbs(diagnostics, port, slot);
   report.willSwitch(before);
-  const auto start = std::chrono::steady_clock::now();
-  results = diagnostics.testDownstreamPort(port, seconds);
-  const std::chrono::duration<double> tested = std::chrono::steady_clock::now() - start;
+  double tested = 0;
+  unsigned int errors = 0;
+  do {
+    const auto start = std::chrono::steady_clock::now();
+    const double left = std::max(0.0, std::round(seconds - tested));
+    results = diagnostics.testDownstreamPort(port, static_cast<unsigned int>(left));
+    tested += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    errors += results.prbsErrors;
+  } while (results.prbsErrors != 0 && results.prbsSync && errors <= mostErrors &&
+           tested + 0.5 < seconds);
+  results.prbsErrors = errors;
   putBack(diagnostics, before);
   report.switchedBack();
-  Line line = prbsLine(results, seconds, tested.count());
+  Line line = prbsLine(results, seconds, tested);
+  if (line.verdict == Verdict::fail && results.prbsSync && obstacle(results).empty()) {
+    line.verdict = passIf(errors <= mostErrors);
+  }
   line.label = label;
   line.test = portTest(port, slot, "prbs");
   line.figures = {{"sync", results.prbsSync},
-                  {"errors", results.prbsErrors},
-                  {"seconds", tested.count()},
+                  {"errors", errors},
+                  {"seconds", tested},
                   {"secondsAsked", seconds}};
-  line.limit = {{"errors", 0}};
+  line.limit = {{"errors", mostErrors}};
   return line;
 }
 

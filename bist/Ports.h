@@ -48,18 +48,21 @@ std::string obstacle(const DiagnosticsResults& results);
 /// @param test  its name
 Line linkLine(const std::string& label, const std::string& test, const DiagnosticsResults& results);
 
-/// Runs the PRBS loopback test, which ends at the first error.
+/// Runs the PRBS loopback test, which ends at the first errors, and again for the time that is left
+/// while no more have come than are allowed.
 ///
-/// @param slot     that the port leads to
-/// @param results  receives the test's
+/// @param slot        that the port leads to
+/// @param results     receives the test's, with the errors of all runs
+/// @param mostErrors  that pass
 /// @return says for how long the port was tested
 Line testPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
-              PCIeDownstreamPorts port, int slot, unsigned int seconds,
-              DiagnosticsResults& results);
+              PCIeDownstreamPorts port, int slot, unsigned int seconds, DiagnosticsResults& results,
+              unsigned int mostErrors = 0);
 
 /// The same without a word on the progress.
 Line runPrbs(const std::string& label, Report& report, PCIeDiagnostics& diagnostics,
-             PCIeDownstreamPorts port, int slot, unsigned int seconds, DiagnosticsResults& results);
+             PCIeDownstreamPorts port, int slot, unsigned int seconds, DiagnosticsResults& results,
+             unsigned int mostErrors = 0);
 
 /// A line for each status word of the path. Names of tests begin with `test`.
 std::vector<Line> errorLines(const std::string& test, const PCIeDiagnostics& diagnostics,

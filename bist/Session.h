@@ -19,6 +19,7 @@
 ///   "message"         of the library, in it: about, text
 ///   "end of section"  data
 ///   "so far"          events, which come at the end of the run if that is in this section
+///   "result"          of a test in a cycle of a soak, as a line, which is not in the record
 ///   "progress"        what goes on now: title, and seconds if it is known how long
 ///   "switch"          undo: how to undo what is switched now
 ///   "switched back"   the last one of these is undone

@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -205,7 +205,8 @@ int waitFor(int pipe, int signals, bool& readable, int milliseconds) {
   constexpr int soon = 100;  // milliseconds
   const bool writable = isReady(STDOUT_FILENO, POLLOUT, 0);
   const short room = writable ? 0 : POLLOUT;
-  pollfd fds[] = {{writable ? pipe : -1, POLLIN, 0}, {signals, POLLIN, 0}, {STDOUT_FILENO, room, 0}};
+  pollfd fds[] = {
+      {writable ? pipe : -1, POLLIN, 0}, {signals, POLLIN, 0}, {STDOUT_FILENO, room, 0}};
   const bool ready = ::poll(fds, 3, milliseconds) > 0;
   readable = ready && fds[0].revents != 0;
   if (ready && fds[1].revents != 0) {
@@ -305,8 +306,8 @@ int supervise(Session& session, LibraryOutput& libraryOutput, ProgressOutput* pr
     std::rethrow_exception(reader.failure);
   }
   if (interrupting == 0 && !reader.ended) {
-    throw std::runtime_error(reader.error.empty() ? "the process that tests has ended without a word"
-                                                  : reader.error);
+    throw std::runtime_error(
+        reader.error.empty() ? "the process that tests has ended without a word" : reader.error);
   }
   return interrupting;
 }

@@ -44,6 +44,13 @@ bool isMade(const Test& test, const Choice& choice) {
                               }));
 }
 
+/// Whether tests of ports are to be made: slots 4 and 5 have none.
+bool hasPorts(const Choice& choice) {
+  const bool any = std::any_of(std::begin(mainPorts), std::end(mainPorts),
+                               [&](PCIeDownstreamPorts port) { return choice.hasPort(port); });
+  return any || !choice.ports.empty() || !choice.tests.empty();
+}
+
 /// Returns whether the port has been tested, and not skipped for a good reason.
 bool testPort(Report& report, TestedPort& port) {
   bool tested = false;
@@ -71,7 +78,11 @@ void testPorts(Report& report, const Choice& choice) {
       ports.push_back(portJson(diagnostics, number, port.slot(), port.results, port.said));
     }
   }
-  if (!tested && !choice.expectation.expectsNoLink()) {
+  const bool noneIsExpected =
+      std::all_of(std::begin(mainPorts), std::end(mainPorts), [&](PCIeDownstreamPorts port) {
+        return !choice.hasPort(port) || choice.expectation.expectsNoLink(port);
+      });
+  if (!tested && (ports.empty() || !noneIsExpected)) {
     report.line({"ports", ports.empty() ? "none is chosen" : "no link is up", Verdict::notTested,
                  "", "ports"},
                 {});
@@ -150,7 +161,9 @@ bool mayHavePower(int slot) {
 void Choice::prepare() {
   if (!expectationFile.empty()) {
     expectation = Expectation(expectationFile);
-    added.emplace_back(expectationTest.name);
+    if (expectation.comparesSomething()) {
+      added.emplace_back(expectationTest.name);
+    }
   } else if (has(expectationTest)) {
     throw std::runtime_error("the test \"expectation\" needs a file: give --expect");
   }
@@ -169,8 +182,12 @@ void Choice::prepare() {
 }
 
 bool Choice::has(const Test& test) const {
-  return (tests.empty() && !test.needsAsking) || contains<std::string>(tests, test.name) ||
-         contains<std::string>(added, test.name);
+  const bool byDefault = tests.empty() && !test.needsAsking && (!portsOnly || isOfPorts(test));
+  return byDefault || asksFor(test);
+}
+
+bool Choice::asksFor(const Test& test) const {
+  return contains<std::string>(tests, test.name) || contains<std::string>(added, test.name);
 }
 
 bool Choice::hasPort(PCIeDownstreamPorts port) const {
@@ -180,16 +197,25 @@ bool Choice::hasPort(PCIeDownstreamPorts port) const {
 bool Choice::hasSlot(int slot) const { return slots.empty() || contains(slots, slot); }
 
 void runTests(Report& report, const Choice& choice) {
+  Section missing{"missing", "Not tested"};
   bool portsAreTested = false;
   for (const Test* const test : allTests) {
-    if (!isMade(*test, choice) || (test->needs == Needs::spb && !isSpb())) {
+    if (!isMade(*test, choice)) {
       continue;
     }
-    if (!isOfPorts(*test)) {
+    if (test->needs == Needs::spb && !isSpb()) {
+      if (choice.asksFor(*test)) {
+        missing.lines.push_back(
+            {test->name, "this board has no slots", Verdict::notTested, "", test->name});
+      }
+    } else if (!isOfPorts(*test)) {
       test->run(report, choice);
-    } else if (!std::exchange(portsAreTested, true)) {
+    } else if (!std::exchange(portsAreTested, true) && hasPorts(choice)) {
       testPorts(report, choice);
     }
+  }
+  if (!missing.lines.empty()) {
+    report.add(missing);
   }
 }
 

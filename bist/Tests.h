@@ -16,6 +16,7 @@ struct Test;
 
 /// Which tests are made, of which parts, and how they are judged.
 struct Choice {
+  bool portsOnly = false;                       ///< none but those of ports without being asked
   std::vector<std::string> tests = {};          ///< by name; those that need no asking for none
   std::vector<std::string> added = {};          ///< to these
   std::vector<PCIeDownstreamPorts> ports = {};  ///< of the main switch; all for none
@@ -31,6 +32,7 @@ struct Choice {
   void prepare();
 
   bool has(const Test& test) const;
+  bool asksFor(const Test& test) const;  ///< by its name or by an option
   bool hasPort(PCIeDownstreamPorts port) const;
   bool hasSlot(int slot) const;
 };
@@ -50,7 +52,8 @@ struct TestedPort {
   std::string test(const std::string& what) const { return portTest(port, slot(), what); }
 };
 
-/// A figure of a result, which soak keeps: its name in the CSV file and in the line's figures.
+/// A figure of a result, which soak keeps: its name in the CSV file and in the line's figures. It
+/// is a number, a truth value, or a hexadecimal number as text; anything else is no figure.
 struct Figure {
   const char* column;
   const char* key;

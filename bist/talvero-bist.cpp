@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -54,13 +55,36 @@ constexpr struct {
     {"--junit", "write the results to this file as JUnit XML", &Common::junitFile},
     {"--html", "write the results to this file as a page", &Common::htmlFile}};
 
-/// Throws std::runtime_error when one file is to be written by two.
-void requireOwnFiles(const Common& common) {
-  for (const auto& one : fileOptions) {
-    for (const auto& other : fileOptions) {
-      const std::string& name = common.*one.file;
-      if (&one < &other && !name.empty() && name == common.*other.file) {
-        throw std::runtime_error(name + ": named by both " + one.option + " and " + other.option);
+/// The options of a call that name a file.
+std::vector<const CLI::Option*> namedFiles(const CLI::App& app) {
+  std::vector<const CLI::Option*> given;
+  for (const CLI::App* const part :
+       {&app, static_cast<const CLI::App*>(app.get_subcommands()[0])}) {
+    for (const CLI::Option* const option : part->get_options()) {
+      if (option->get_option_text() == "FILE" && option->count() != 0) {
+        given.push_back(option);
+      }
+    }
+  }
+  return given;
+}
+
+/// Throws std::runtime_error when a file is named twice: one would destroy what the other one reads
+/// or writes. An expectation may take the place of the one before.
+void requireOwnFiles(const CLI::App& app) {
+  const auto path = [](const CLI::Option* option) {
+    return std::filesystem::weakly_canonical(option->results()[0]);
+  };
+  const std::vector<const CLI::Option*> files = namedFiles(app);
+  for (std::size_t index = 0; index < files.size(); ++index) {
+    for (std::size_t other = index + 1; other < files.size(); ++other) {
+      const std::string first = files[index]->get_name();
+      const std::string second = files[other]->get_name();
+      const bool isDevice = path(files[index]).string().rfind("/dev/", 0) == 0;
+      const bool renews = first == "--expect" && second == "--write-expectation";
+      if (!isDevice && !renews && path(files[index]) == path(files[other])) {
+        throw std::runtime_error(files[index]->results()[0] + ": named by both " + first + " and " +
+                                 second);
       }
     }
   }
@@ -99,7 +123,6 @@ void listenFor(const Output* log, LibraryOutput& output, const Events& events) {
 }
 
 int execute(const Command& command, const Common& common, RunFacts facts) {
-  requireOwnFiles(common);
   LibraryOutput output(common.traceFile);
   if (command.needs != Needs::nothing) {
     requireInstrument();
@@ -206,6 +229,7 @@ int main(int argc, char** argv) {
   }
   try {
     app.parse(argc, argv);
+    requireOwnFiles(app);
     return execute(*chosen, common, {{argv + 1, argv + argc}});
   } catch (const CLI::ParseError& error) {
     const bool unknown = error.get_name() == "RequiredError" || error.get_name() == "ExtrasError";

@@ -110,15 +110,48 @@ TEST_F(Choice, OfWhatMustBeThere) {
   EXPECT_THAT(outcome.output, HasSubstr("bad.json  not written: not everything has passed  FAIL"));
   EXPECT_EQ(run("cat bad.json").status, 1);
   EXPECT_EQ(run("bist report --write-expectation nowhere/x", "full").errors,
-            "talvero-bist: nowhere/x: cannot be written\n");
+            "talvero-bist: nowhere/x: cannot be written (No such file or directory)\n");
   const std::string empty = directory.file(
       "empty.conf",
       "[board]\nstraps=100010\n[gpio]\n80=high\n127=high\n133=high\n134=high\n[pci]\n[pci port1]\n"
       "link=down\n[pci port5]\nlink=down\n[pci port7]\nlink=down\n[pci port9]\nlink=down\n");
   directory.file("empty.json", R"({"modules": {"0": false, "3": false}, "links": {
-      "DownstreamPort1": "down", "DownstreamPort5": "down"}})");
+      "DownstreamPort1": "down", "DownstreamPort5": "down", "DownstreamPort7": "down",
+      "DownstreamPort9": "down"}})");
   EXPECT_EQ(run("bist report", empty).status, 1) << "not tested";
   EXPECT_EQ(run("bist report --expect empty.json", empty).status, 0) << "as it must be";
+  directory.file("one.json", R"({"links": {"DownstreamPort5": "down"}})");
+  EXPECT_EQ(run("bist report --expect one.json", empty).status, 1)
+      << "of the others it is not said";
+  EXPECT_EQ(run("bist report --expect one.json --slots 3", empty).status, 0);
+  directory.file("limits.json", R"({"limits": {"all": {"prbsErrors": 7}}})");
+  EXPECT_EQ(run("bist report --expect limits.json --write-expectation limits.json").status, 0);
+  const json renewed = json::parse(contentOf(directory.path + "/limits.json"));
+  EXPECT_EQ(renewed["limits"]["all"]["prbsErrors"], 7);
+  EXPECT_EQ(renewed["links"], good["links"]);
+  EXPECT_EQ(run("bist report --tests board --write-expectation x.json").status, 2);
+}
+
+TEST_F(Choice, OfWhatCannotBeTested) {
+  const std::string bare = directory.file("x.conf", "[board]\nstraps=100010\n[pci]\n");
+  const std::pair<const char*, std::string> untested[] = {
+      {"report --power-cycle", bare},          {"report --tests board,power", bare},
+      {"soak --cycles 1 --power-cycle", bare}, {"report --tests board,prbs", "cxb"},
+      {"report --power-cycle", "cxb"},         {"report --tests link --slots 4", "full"}};
+  for (const auto& [call, instrument] : untested) {
+    const Outcome outcome = run(std::string("bist ") + call, instrument);
+    EXPECT_EQ(outcome.status, 1) << call;
+    EXPECT_THAT(outcome.output, HasSubstr("NOT TESTED: 1 not tested")) << call;
+  }
+  EXPECT_THAT(run("bist report --tests board,prbs", "cxb").output,
+              HasSubstr("Not tested\n  prbs  this board has no slots  NOT TESTED\n"));
+  EXPECT_EQ(run("bist report --slots 4").status, 0) << "it has no port";
+  const Outcome stuck = run("bist report --power-on --tests slots --slots 1; bist power 1 off",
+                            directory.file("x.conf", contentOf(INSTRUMENTS "/full.conf") +
+                                                         "[power 1]\ninitially=off\n[fail write "
+                                                         "/sys/platform/gpio_module1_power_en/value"
+                                                         " \"0\"]\n"));
+  EXPECT_THAT(stuck.output, HasSubstr("Power off again\n  slot 1 off  reads on  FAIL\n"));
 }
 
 TEST_F(Choice, OfLimits) {
@@ -130,6 +163,7 @@ TEST_F(Choice, OfLimits) {
     if (test["name"] == "DownstreamPort1.prbs") {
       EXPECT_EQ(test["verdict"], "pass") << test;
       EXPECT_EQ(test["limit"]["errors"], 30);
+      EXPECT_EQ(test["figures"]["errors"], 30);
     }
     if (test["name"] == "DownstreamPort7.errors") {
       EXPECT_EQ(test["text"], "port correctable: Bad TLP");
@@ -138,6 +172,13 @@ TEST_F(Choice, OfLimits) {
       EXPECT_EQ(test["verdict"], "fail") << "no sync is no number of errors";
     }
   }
+  directory.file("many.json", R"({"limits": {"all": {"prbsErrors": 200}}})");
+  const json longer = json::parse(
+      run("bist --json report --tests prbs --ports 0 --seconds 3 --expect many.json", "broken")
+          .output)["tests"][1];
+  EXPECT_EQ(longer["verdict"], "pass") << "while fewer have come, it is tested for all of the time";
+  EXPECT_NEAR(longer["figures"]["seconds"], 3, 0.6);
+  EXPECT_GE(longer["figures"]["errors"], 120) << "30 in each half of a second";
   const std::pair<const char*, const char*> wrong[] = {
       {"{", "is no JSON"},
       {"[]", "is no JSON object"},
@@ -211,8 +252,12 @@ TEST_F(Choice, OfRegisters) {
   EXPECT_THAT(run("bist register 2 ids", stuck).output,
               HasSubstr("cannot be accessed: Input/output error  FAIL"));
   EXPECT_THAT(run("bist register 1 ids", "broken").output, HasSubstr("port not found  FAIL"));
-  for (const char* const wrong : {"0x1000", "0x3d", "0x3e --width 32", "nothing", "ids --width 24",
-                                  "ids --set x", "-4", "0 --mask 0x1ffffffff"}) {
+  EXPECT_EQ(run("bist register 1 correctable-status --set 0x40", stuck).status, 0)
+      << "a bit that is written clears";
+  for (const char* const wrong :
+       {"010 --set 0x8x", "ids --switch", "ids --width 32", "0 --mask 0", "0 --width 8 --set 0x100",
+        "0x1000", "0x3d", "0x3e --width 32", "nothing", "ids --width 24", "ids --set x", "-4",
+        "0 --mask 0x1ffffffff"}) {
     EXPECT_EQ(run(std::string("bist register 1 ") + wrong, stuck).status, 2) << wrong;
   }
 }

@@ -157,6 +157,19 @@ TEST_F(Interruption, FollowsAFullDisk) {
             "talvero-bist: standard output cannot be written\ntalvero-sim: nothing left behind\n");
 }
 
+TEST_F(Interruption, FollowsAnOutputThatCannotTellWhatIsSwitched) {
+  run("true", "--state state.conf");
+  const std::string before = left();
+  for (const char* const output : {">/dev/full", "--json >/dev/full", "--junit /dev/full >out"}) {
+    for (const char* const command : {"tx 3 --drive-level 9", "power 2 off"}) {
+      const Outcome outcome =
+          run(std::string("bist ") + command + " " + output + "; echo $?", "--state state.conf");
+      EXPECT_EQ(outcome.output, "2\n") << command << output;
+      EXPECT_EQ(left(), before) << command << output;
+    }
+  }
+}
+
 TEST_F(Interruption, IsNotForIgnoredSignals) {
   const Outcome outcome =
       run("trap \"\" HUP; start prbs 0 --seconds 2 >out & sleep 1; kill -HUP $!; wait $!; echo $?");

@@ -414,7 +414,7 @@ TEST_F(Soak, SaysWhatWasFoundUntilItIsInterrupted) {
       run("start --minutes 60 >out & sleep 21; kill -TERM $!; wait $!; echo $?; cat out");
   EXPECT_THAT(outcome.output, StartsWith("143\nSoak\n  cycle 1 "));
   EXPECT_THAT(outcome.output, HasSubstr("  cycle 4                 12 passed\n"
-                                        "  DownstreamPort1.link    4 runs, 0 failed  PASS\n"));
+                                        "  DownstreamPort1.link    5 runs, 0 failed  PASS\n"));
   EXPECT_THAT(outcome.output, EndsWith("\n\ninterrupted (SIGTERM): 12 passed\n"));
   outcome =
       run("start --minutes 60 --csv x.csv --json >out & sleep 21; kill -HUP $!; wait $!; cat out");

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "bist/capture/Capture.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -15,8 +13,8 @@
 #include <stdexcept>
 
 #include "bist/Command.h"
+#include "bist/Draft.h"
 #include "bist/Machine.h"
-#include "bist/Undo.h"
 #include "bist/output/Output.h"
 #include "simulator/parts/Changes.h"
 #include "simulator/parts/Description.h"
@@ -86,74 +84,6 @@ std::vector<std::string> commentsOf(const Capture& capture) {
   return comments;
 }
 
-std::runtime_error cannotBeWritten(int error) {
-  return std::runtime_error(file + ": cannot be written (" + std::strerror(error) + ")");
-}
-
-/// The file that is written, which takes the place of the one asked for once all is in it: a
-/// capture from before is kept until then. What is no file itself, such as /dev/stdout, keeps its
-/// place, and so does a file in a directory where nobody may create one.
-class Draft {
- public:
-  explicit Draft(Report& toReport) : report(toReport) {
-    struct stat before {};
-    const bool exists = lstat(file.c_str(), &before) == 0;
-    if (!exists || S_ISREG(before.st_mode)) {
-      name = file + ".XXXXXX";
-      fd = ::mkostemp(name.data(), O_CLOEXEC);
-    }
-    if (fd >= 0) {
-      const mode_t mask = ::umask(0);
-      ::umask(mask);
-      ::fchmod(fd, exists ? before.st_mode & 07777 : 0666 & ~mask);
-    } else if (exists) {
-      name.clear();
-      fd = ::open(file.c_str(), O_WRONLY | O_CLOEXEC);
-    }
-    if (fd < 0) {
-      throw cannotBeWritten(errno);
-    }
-    if (!name.empty()) {
-      report.willSwitch(undoOfFile(name));
-    }
-  }
-  ~Draft() {
-    ::close(fd);
-    if (!name.empty()) {
-      ::unlink(name.c_str());
-      report.switchedBack();
-    }
-  }
-  Draft(const Draft&) = delete;
-  Draft& operator=(const Draft&) = delete;
-
-  void write(const std::string& text) {
-    if (name.empty()) {
-      (void)!::ftruncate(fd, 0);  // of a file; others have no length
-    }
-    for (std::size_t done = 0; done < text.size();) {
-      const ssize_t size = TEMP_FAILURE_RETRY(::write(fd, text.data() + done, text.size() - done));
-      if (size < 0) {
-        throw cannotBeWritten(errno);
-      }
-      done += static_cast<std::size_t>(size);
-    }
-    if (name.empty()) {
-      return;
-    }
-    if (::rename(name.c_str(), file.c_str()) != 0) {
-      throw cannotBeWritten(errno);
-    }
-    name.clear();
-    report.switchedBack();
-  }
-
- private:
-  Report& report;
-  std::string name;  // of a file that takes the other one's place; or empty
-  int fd = -1;
-};
-
 /// Why nothing has been found.
 std::runtime_error nothingFound(const Capture& capture) {
   std::string text = "no instrument here: nothing of one can be read";
@@ -168,7 +98,7 @@ std::runtime_error nothingFound(const Capture& capture) {
 
 void run(Report& report) {
   captureTime();  // throws for a wrong one before anything is done
-  Draft draft(report);
+  Draft draft(report, file);
   Capture capture;
   capture.exportsLines = !noExport;
   captureI2c(capture);

@@ -23,13 +23,13 @@ void run(Report& report) {
   if (found(results.portIds)) {
     section.lines = errorLines(target.test("errors"), diagnostics, results);
   }
-  addLeftOn(section, diagnostics, target.port);
   if (!reason.empty()) {
     Line line{"port", reason, Verdict::fail};
     line.test = target.test("errors");
     section.lines.insert(section.lines.begin(), line);
   }
   section.data = portJson(diagnostics, target.port, target.slot(), results, reason);
+  addLeftOn(section, diagnostics, target.port);
   report.add(section);
 }
 

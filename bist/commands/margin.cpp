@@ -62,10 +62,11 @@ class Csv {
   void add(const Point& point) {
     char text[80];
     const auto& [driveLevel, postCursor] = point.settings;
-    std::snprintf(text, sizeof text, "%d,%d,%.1f,%d,%s,%d", driveLevel, postCursor, point.tested(),
-                  point.results.prbsSync ? 1 : 0,
+    const auto bit = [&](bool value) { return !point.isSet ? "" : value ? "1" : "0"; };
+    std::snprintf(text, sizeof text, "%d,%d,%.1f,%s,%s,%s", driveLevel, postCursor, point.tested(),
+                  bit(point.results.prbsSync),
                   point.isCounted() ? std::to_string(point.results.prbsErrors).c_str() : "",
-                  point.results.downstreamLinkUp ? 1 : 0);
+                  bit(point.results.downstreamLinkUp));
     write(text);
   }
 
@@ -106,14 +107,21 @@ std::vector<int> valuesOf(const Range& range) {
   return values;
 }
 
+bool isSwept(Settings settings) {
+  const auto holds = [](const Range& range, int value) {
+    return range.first <= value && value <= range.last;
+  };
+  return holds(driveLevels, settings.first) && holds(postCursors, settings.second);
+}
+
 /// Tests the port with each of the settings, row by row, and reports the rows.
 class Sweep {
  public:
   Sweep(Report& takesReport, PCIeDiagnostics& library)
       : report(takesReport), diagnostics(library) {}
 
-  /// @param afterRow  called whenever a row is done
-  void run(const std::function<void()>& afterRow) {
+  /// @param afterPoint  called after each point, with the row so far
+  void run(const std::function<void(const Line& row)>& afterPoint) {
     std::string titles;
     for (const int postCursor : valuesOf(postCursors)) {
       titles += padded(std::to_string(postCursor), columnWidth);
@@ -122,11 +130,13 @@ class Sweep {
     showRow(rowTitle, titles);
     for (const int driveLevel : valuesOf(driveLevels)) {
       std::string cells;
+      const std::string label = padded(std::to_string(driveLevel), sizeof rowTitle - 1);
       for (const int postCursor : valuesOf(postCursors)) {
         cells += padded(test({driveLevel, postCursor}).cell(), columnWidth);
+        afterPoint(row(label, cells));
       }
-      showRow(padded(std::to_string(driveLevel), sizeof rowTitle - 1), cells);
-      afterRow();
+      showRow(label, cells);
+      afterPoint(row("", ""));
     }
   }
 
@@ -134,10 +144,14 @@ class Sweep {
 
  private:
   /// A row of the map, whose points are among the results.
+  static Line row(const std::string& label, const std::string& cells) {
+    Line line{label, cells};
+    line.kept = false;
+    return line;
+  }
+
   void showRow(const std::string& label, const std::string& cells) {
-    Line row{label, cells};
-    row.kept = false;
-    report.line(row, target.subject());
+    report.line(row(label, cells), target.subject());
   }
 
   const Point& test(Settings settings) {
@@ -296,7 +310,8 @@ class Finding {
       return point.settings == present;
     });
     if (tested == points.end()) {
-      line.text = "present settings are not in the sweep";
+      line.text = isSwept(present) ? "the present settings are not tested yet"
+                                   : "present settings are not in the sweep";
       line.verdict = Verdict::notTested;
     } else if (!map.isGood(present)) {
       line.text = tested->text() + " with the present settings";
@@ -319,6 +334,9 @@ class Finding {
         counts.push_back(Json::array());
       }
       counts.back().push_back(points[index].errors());
+    }
+    while (!counts.empty() && counts.back().size() < columns.size()) {
+      counts.back().push_back(nullptr);
     }
     return {{"rows", "drive level"},
             {"columns", "post-cursor"},
@@ -359,7 +377,10 @@ void run(Report& report) {
   Sweep sweep(report, diagnostics);
   report.willSwitch(before);
   const Settings present = {before["values"][0]["value"], before["values"][1]["value"]};
-  sweep.run([&] { report.soFar({}, Finding(sweep.points, present).data()); });
+  sweep.run([&](const Line& row) {
+    report.soFar(row.text.empty() ? std::vector<Line>() : std::vector<Line>{row},
+                 Finding(sweep.points, present).data());
+  });
   putBack(diagnostics, before);
   report.switchedBack();
   const Finding finding(sweep.points, present);

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <pciaccess.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <optional>
 
 #include "bist/Command.h"
@@ -16,7 +18,8 @@ struct Named {
   const char* name;
   bool ofSwitch;
   unsigned int offset;
-  unsigned int width;  ///< bits
+  unsigned int width;   ///< bits
+  bool clears = false;  ///< a bit that is written as 1 reads 0 then
 };
 
 constexpr Named named[] = {
@@ -29,10 +32,10 @@ constexpr Named named[] = {
     {"link-capabilities", false, 0x74, 32},
     {"link-control", false, 0x78, 16},
     {"link-status", false, 0x7A, 16},
-    {"uncorrectable-status", false, 0xFB8, 32},
+    {"uncorrectable-status", false, 0xFB8, 32, true},
     {"uncorrectable-mask", false, 0xFBC, 32},
     {"uncorrectable-severity", false, 0xFC0, 32},
-    {"correctable-status", false, 0xFC4, 32},
+    {"correctable-status", false, 0xFC4, 32, true},
     {"correctable-mask", false, 0xFC8, 32},
     {"port-links", true, 0x1F4, 32},
     {"loopback-master", true, 0x224, 32},
@@ -49,7 +52,7 @@ constexpr unsigned int configSize = 4096;
 PortOption target;
 std::string wanted;
 bool ofSwitch = false;
-unsigned int width = 32;
+unsigned int width = 0;  // 0 for that of the register, 32 of an offset
 std::uint32_t mask = ~0U;
 std::optional<std::uint32_t> newValue;
 
@@ -72,7 +75,8 @@ CLI::Validator number() {
   return CLI::Validator(
       [](std::string& text) -> std::string {
         char* end = nullptr;
-        const unsigned long long value = std::strtoull(text.c_str(), &end, 0);
+        const int base = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? 16 : 10;
+        const unsigned long long value = std::strtoull(text.c_str(), &end, base);
         const bool isNumber = !text.empty() && text[0] >= '0' && text[0] <= '9' && *end == '\0' &&
                               value <= 0xFFFFFFFF;
         if (!isNumber) {
@@ -96,17 +100,25 @@ const Named* findNamed() {
 /// The register that the command line means; throws for one that is none.
 Named chosen() {
   if (const Named* const row = findNamed()) {
-    return {row->name, row->ofSwitch, row->offset, row->width};
+    if (ofSwitch || width != 0) {
+      throw CLI::ValidationError("--switch and --width are for an offset, not for \"" + wanted +
+                                 "\"");
+    }
+    return *row;
   }
+  const unsigned int bits = width != 0 ? width : 32;
   std::string text = wanted;
   const std::string reason = number()(text);
   const unsigned long offset = reason.empty() ? std::stoul(text) : configSize;
-  const unsigned int bytes = width == 8 ? 1 : width == 16 ? 2 : 4;
+  const unsigned int bytes = bits / 8;
   if (offset + bytes > configSize || offset % bytes != 0) {
-    throw CLI::ValidationError("REGISTER must be an offset of " + std::to_string(width) +
+    throw CLI::ValidationError("REGISTER must be an offset of " + std::to_string(bits) +
                                " bits below 0x1000, or one of " + names());
   }
-  return {"", ofSwitch, static_cast<unsigned int>(offset), width};
+  const bool clears = bits == 32 && std::any_of(std::begin(named), std::end(named), [&](auto& row) {
+                        return row.clears && row.offset == offset;
+                      });
+  return {"", ofSwitch, static_cast<unsigned int>(offset), bits, clears};
 }
 
 void addOptions(CLI::App& app) {
@@ -125,6 +137,20 @@ void addOptions(CLI::App& app) {
   app.add_option("--set", newValue, "write this value first, into the bits of the mask")
       ->transform(number())
       ->option_text("VALUE");
+}
+
+std::uint32_t maskOf(const Named& place) {
+  return place.width == 32 ? ~0U : (1U << place.width) - 1;
+}
+
+/// Throws for bits or a value that the register has no room for.
+void requireRoom(const Named& place) {
+  const std::uint32_t beyond = ~maskOf(place);
+  const bool isGiven = mask != ~0U;
+  if (mask == 0 || (isGiven && (mask & beyond) != 0) || (newValue && (*newValue & beyond) != 0)) {
+    throw CLI::ValidationError("--mask and --set must be of " + std::to_string(place.width) +
+                               " bits, and the mask not 0");
+  }
 }
 
 /// Reads the register; an errno value or 0.
@@ -148,13 +174,14 @@ int write(pci_device* device, const Named& place, std::uint32_t value) {
 
 /// Reads the register and, if that is asked for, writes it; what has become of that.
 Line access(pci_device* device, const Named& place, Json& data) {
-  const std::uint32_t bits = place.width == 32 ? mask : mask & ((1U << place.width) - 1);
+  const std::uint32_t bits = mask & maskOf(place);
   std::uint32_t before = 0;
   Line line{"value", "", Verdict::fail};
   int error = read(device, place, before);
   std::uint32_t after = before;
   if (error == 0 && newValue) {
-    error = write(device, place, (before & ~bits) | (*newValue & bits));
+    const std::uint32_t others = place.clears ? 0 : before & ~bits;
+    error = write(device, place, others | (*newValue & bits));
     error = error == 0 ? read(device, place, after) : error;
   }
   if (error != 0) {
@@ -163,7 +190,9 @@ Line access(pci_device* device, const Named& place, Json& data) {
   }
   data["value"] = hexText(after & bits, place.width);
   line.text = hexText(after & bits, place.width);
-  line.verdict = passIf(!newValue || ((after ^ *newValue) & bits) == 0);
+  const std::uint32_t wrong =
+      !newValue ? 0 : (place.clears ? after & *newValue : after ^ *newValue) & bits;
+  line.verdict = passIf(wrong == 0);
   if (newValue) {
     data["before"] = hexText(before & bits, place.width);
     line.text += ", before " + hexText(before & bits, place.width) +
@@ -174,6 +203,7 @@ Line access(pci_device* device, const Named& place, Json& data) {
 
 void run(Report& report) {
   const Named place = chosen();
+  requireRoom(place);
   PCIeDiagnostics diagnostics;
   report.takeMessages({});
   target.reach(diagnostics);

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+#include <optional>
+
+#include "bist/Draft.h"
 #include "bist/Options.h"
 #include "bist/Slots.h"
 #include "bist/Tests.h"
@@ -15,64 +18,97 @@ void addOptions(CLI::App& app) {
   app.add_flag("--power-on", powerOn,
                "turn all modules on first, and those that were off, off again in the end")
       ->disable_flag_override();
-  app.add_option("--write-expectation", writtenFile,
-                 "write what is there to this file, if everything has passed")
-      ->option_text("FILE");
+  CLI::Option* const written =
+      app.add_option("--write-expectation", writtenFile,
+                     "write what is there to this file, if everything has passed")
+          ->option_text("FILE");
+  for (const char* const part : {"--tests", "--slots", "--ports"}) {
+    written->excludes(app.get_option(part));  // what is not tested may be wrong
+  }
+}
+
+/// A step of turning modules on, or off again.
+Line step(Report& report, int slot, bool on, const char* test) {
+  BackplaneInterface backplane(slot);
+  Line line = switchSlot(report, backplane, slot, on);
+  line.test = slotTest(slot, test);
+  return line;
 }
 
 /// Turns on what is off; the slots that were.
 std::vector<int> turnAllOn(Report& report) {
   std::vector<int> slots;
-  Section section{"powerOn", "Power on"};
-  section.data = Json::array();
-  guarded(section, [&] {
+  Section troubles;
+  Json steps = Json::array();
+  report.begin({"powerOn", "Power on"}, 9, 2);
+  const auto add = [&](const Line& line, const Subject& about) {
+    report.line(line, about);
+    steps.push_back({{"step", line.label}, {"result", line.text}});
+  };
+  guarded(troubles, [&] {
     for (const int slot : choice.powered) {
-      BackplaneInterface backplane(slot);
-      if (!backplane.isModuleOn(slot)) {
+      if (!BackplaneInterface(slot).isModuleOn(slot)) {
         report.willSwitch(undoOfPower(slot, false));
         slots.push_back(slot);
-        section.lines.push_back(switchSlot(report, backplane, slot, true));
+        add(step(report, slot, true, "on-first"), {"slot", slot});
       }
     }
   });
-  for (const Line& line : section.lines) {
-    section.data.push_back({{"step", line.label}, {"result", line.text}});
+  for (const Line& line : troubles.lines) {
+    add(line, {});
   }
-  report.add(section);
+  report.end(steps);
   return slots;
 }
 
-/// Turns them off again.
+/// Turns them off again, and says what stays on.
 void turnOff(Report& report, std::vector<int> slots) {
+  Section section{"powerOff", "Power off again"};
   for (; !slots.empty(); slots.pop_back()) {
-    BackplaneInterface backplane(slots.back());
-    switchSlot(report, backplane, slots.back(), false);
+    const Line line = step(report, slots.back(), false, "off-again");
+    if (line.verdict != Verdict::pass) {
+      section.lines.push_back(line);
+    }
     report.switchedBack();
+  }
+  if (!section.lines.empty()) {
+    report.add(section);
   }
 }
 
-/// Writes what is there, as an expectation.
-void write(Report& report) {
-  Section section{"expectation", "Expectation"};
-  section.data = whatIsThere();
-  if (report.hasFailed()) {
-    section.lines = {
-        {writtenFile, "not written: not everything has passed", Verdict::fail, "", "expectation"}};
+/// Writes what has been found as an expectation, which keeps the limits of the one before.
+void write(Report& report, Draft& draft, Section& section) {
+  if (report.hasFailed() || !section.lines.empty()) {
+    section.lines.push_back(
+        {writtenFile, "not written: not everything has passed", Verdict::fail, "", "expectation"});
   } else {
-    writeExpectation(writtenFile, section.data);
-    section.lines = {{writtenFile, "written"}};
+    Json written = section.data;
+    if (!choice.expectation.limits().empty()) {
+      written["limits"] = choice.expectation.limits();
+    }
+    draft.write(written.dump(2) + "\n");
+    section.lines.push_back({writtenFile, "written"});
   }
   report.add(section);
 }
 
 void run(Report& report) {
   choice.prepare();
-  const std::vector<int> switchedOn = powerOn ? turnAllOn(report) : std::vector<int>();
-  runTests(report, choice);
+  std::optional<Draft> draft;
   if (!writtenFile.empty()) {
-    write(report);
+    draft.emplace(report, writtenFile);
+  }
+  const std::vector<int> switchedOn =
+      powerOn && !choice.powered.empty() ? turnAllOn(report) : std::vector<int>();
+  runTests(report, choice);
+  Section found{choice.expectation.comparesSomething() ? "written" : "expectation", "Expectation"};
+  if (draft) {
+    guarded(found, [&] { found.data = whatIsThere(); });
   }
   turnOff(report, switchedOn);
+  if (draft) {
+    write(report, *draft, found);
+  }
 }
 
 }  // namespace

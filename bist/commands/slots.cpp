@@ -45,9 +45,10 @@ void addSlot(Section& section, BackplaneInterface& backplane, int slot) {
   const bool unfinished = on && slot < 4 && !powerControl.PowerSequenceDone();
   const bool readable = canReadPresence(slot);
   const std::string failure =
-      !readable ? std::string("presence line ") + presenceLines[slot] + " cannot be read"
-      : missing ? "present, but no expander answers"
-                : "on, but its power sequence is not finished";
+      !readable    ? std::string("presence line ") + presenceLines[slot] + " cannot be read"
+      : missing    ? "present, but no expander answers"
+      : unfinished ? "on, but its power sequence is not finished"
+                   : "";
   const char* const controller = missing ? "no expander" : expander.empty() ? "-" : "expander";
   const char* const power = expander.empty() ? "-" : on ? "on" : "off";
   const char* const link = slot >= slotsWithPort ? "-" : linkUp ? "up" : "down";
@@ -75,6 +76,11 @@ void test(Report& report, const Choice& choice) {
     PCIeDiagnostics diagnostics;
     for (const PCIeDownstreamPorts port : mainPorts) {
       const std::string what = leftOn(diagnostics, port);
+      for (Json& slot : section.data) {
+        if (slot["slot"] == slotOf(port)) {
+          slot["leftOn"] = what;
+        }
+      }
       if (!what.empty() && choice.hasSlot(slotOf(port))) {
         section.lines.push_back(
             {slotName(slotOf(port)), what + " left on; talvero-bist stop ends that"});

@@ -17,7 +17,7 @@ namespace {
 constexpr unsigned int endless = 4294967295;
 unsigned int mostMinutes = endless;
 unsigned int mostCycles = endless;
-Choice choice{{"link", "errors", "prbs"}};
+Choice choice{true};
 std::string csvName = "talvero-soak.csv";
 std::string resumedName;
 
@@ -109,13 +109,26 @@ class Soak {
       const double end = statistics.seconds() + perCycle * (mostCycles - statistics.cycles());
       left = std::min(left, end - seconds());
     }
-    return std::isinf(left) ? 0 : static_cast<unsigned int>(std::max(0.0, std::round(left)));
+    constexpr double longest = 1e9;
+    return std::isinf(left) ? 0
+                            : static_cast<unsigned int>(std::clamp(std::round(left), 0.0, longest));
   }
 
+  /// With the results of a cycle that is not at its end.
   void tellSoFar() {
-    Json data = statistics.json();
+    Statistics all = statistics;
+    if (!results.empty()) {
+      all.take(nextLine());
+    }
+    Json data = all.json();
+    data["cycles"] = statistics.cycles();
     data["csv"] = resumedName.empty() ? csvName : resumedName;
-    report.soFar(statistics.lines(), data);
+    report.soFar(all.lines(reasons), data);
+  }
+
+  /// The line of the cycle that goes on.
+  std::string nextLine() const {
+    return statistics.lineOf(timeText(std::chrono::system_clock::now()), seconds(), results);
   }
 
   /// Takes what happens in a cycle: results to `results`, messages that are new, and what is
@@ -128,26 +141,36 @@ class Soak {
         throw std::logic_error(test + ": its test does not name it among its results");
       }
       results[test] = event;
+      if (event["verdict"] == "fail" || event["verdict"] == "not tested") {
+        reasons[test] = event["failure"];
+      }
+      Json result = event;
+      result["event"] = "result";
+      report.pass(result);
+      tellSoFar();
     } else if (kind == "progress") {
       report.progress(label() + ": " + event["title"].get<std::string>(), secondsLeft());
     } else if (kind == "switch" || kind == "switched back" ||
-               (kind == "message" && messages.insert(event.dump()).second)) {
+               (kind == "message" && messages.insert(key(event)).second)) {
       report.pass(event);
     }
+  }
+
+  static std::string key(const Json& event) {
+    return event.dump(-1, ' ', false, Json::error_handler_t::replace);
   }
 
   std::string label() const { return "cycle " + std::to_string(statistics.cycles() + 1); }
 
   void cycle() {
-    results.clear();
     Report inCycle = report.redirected([this](const Json& event) { take(event); });
     runTests(inCycle, choice);
     Line line{label(), words()};
     line.kept = false;
-    const std::string csv =
-        statistics.lineOf(timeText(std::chrono::system_clock::now()), seconds(), results);
+    const std::string csv = nextLine();
     file.append(csv);
     statistics.take(csv);
+    results.clear();
     report.line(line, {});
   }
 
@@ -171,8 +194,9 @@ class Soak {
   Clock::time_point start = Clock::now();
   double before = 0;  ///< seconds that the cycles in the file have taken
   unsigned int cyclesBefore = 0;
-  std::map<std::string, Json> results;  ///< of the cycle that goes on, by test
-  std::set<std::string> messages;       ///< that have come
+  std::map<std::string, Json> results;         ///< of the cycle that goes on, by test
+  std::map<std::string, std::string> reasons;  ///< why tests have failed last
+  std::set<std::string> messages;              ///< that have come
 };
 
 void run(Report& report) {

@@ -8,11 +8,11 @@
 namespace {
 
 PortOption target;
-bool everywhere = true;
+const CLI::Option* named = nullptr;
 
 void addOptions(CLI::App& app) {
   target.addTo(app, false);
-  app.final_callback([&app] { everywhere = app.count("PORT") == 0; });
+  named = app.get_option("PORT");
 }
 
 /// Ends PRBS and loopback on ports of one switch, and judges what they read afterwards.
@@ -55,7 +55,7 @@ void run(Report& report) {
   Section section{"stop", "PRBS and loopback"};
   PCIeDiagnostics diagnostics;
   report.takeMessages({});
-  if (!everywhere) {
+  if (named->count() != 0) {
     section.about = target.subject();
     target.reach(diagnostics);
     stop(diagnostics, {target.port}, target.slot(), section.lines);

@@ -317,16 +317,18 @@ class InstrumentDrawing {
       up = results.value("downstreamLinkUp", false);
     }
     addWire(xml, wireClass(link.verdict, up), box.x + box.width, y, slotLeft, y);
-    addPart(xml, box, "inner", name, details, findingOf(record, {name + "."}));
+    addPart(xml, box, "inner", name, details,
+            findingOf(record, {name + ".", "expected." + name + "."}));
   }
 
   void addSlot(int slot) const {
     const std::string name = "slot" + std::to_string(slot);
-    const Finding finding = findingOf(record, {name + "."});
+    const Finding finding = findingOf(record, {name + ".", "expected." + name + "."});
     std::string detail = finding.test.empty() ? "not looked at" : finding.text;
-    const Json known = slots.is_array() && slots.size() > static_cast<std::size_t>(slot)
-                           ? slots[static_cast<std::size_t>(slot)]
-                           : Json();
+    Json known;
+    for (const Json& looked : slots.is_array() ? slots : Json::array()) {
+      known = looked["slot"] == slot ? looked : known;
+    }
     if (known.is_object()) {
       const bool controlled = !known["controller"].is_null();
       detail = known["present"].get<bool>() ? "present" : "empty";

@@ -57,7 +57,7 @@ void LogOutput::take(const Json& event) {
   const std::string kind = event["event"];
   if (kind == "section") {
     log("section", event["title"]);
-  } else if (kind == "line") {
+  } else if (kind == "line" || kind == "result") {
     logLine(event);
   } else if (kind == "end of section") {
     log("data", compact(event["data"]));

@@ -138,13 +138,19 @@ void drawSeries(Xml& xml, const std::vector<Json>& series) {
   addText(xml, (across.from + across.to) / 2, height - 8, "middle", series[0].value("x", ""));
   addText(xml, 8, 18, "", series[0].value("y", ""));
   double place = across.from + 120;
+  double row = 14;
   for (std::size_t number = 0; number < series.size(); ++number) {
     const std::string kind = "curve s" + std::to_string(number % 6);
     addCurve(xml, series[number]["points"], kind, xs, ys);
     const std::string name = series[number].value("name", "");
-    addLine(xml, kind.c_str(), place, 14, place + 18, 14);
-    addText(xml, place + 24, 18, "", name);
-    place += 48 + 7 * static_cast<double>(name.size());
+    const double needed = 48 + 7 * static_cast<double>(name.size());
+    if (place + needed > width && number != 0) {
+      place = across.from + 120;
+      row += 16;
+    }
+    addLine(xml, kind.c_str(), place, row, place + 18, row);
+    addText(xml, place + 24, row + 4, "", name);
+    place += needed;
   }
 }
 

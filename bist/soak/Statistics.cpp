@@ -27,11 +27,16 @@ std::string brief(double number) { return text("%.3g", number); }
 
 /// A figure as the column has it.
 std::string figureText(const Figure& column, const Json& figures) {
-  const Json& figure = figures[column.key];
+  const Json figure = figures.is_object() ? figures.value(column.key, Json()) : Json();
   if (figure.is_string()) {
     return figure;
   }
-  return text(column.column == std::string("seconds") ? "%.3f" : "%.0f", figure);
+  if (figure.is_boolean()) {
+    return figure.get<bool>() ? "1" : "0";
+  }
+  return figure.is_number()
+             ? text(column.column == std::string("seconds") ? "%.3f" : "%.0f", figure)
+             : "";
 }
 
 std::vector<std::string> fieldsOf(const std::string& line) {
@@ -308,13 +313,16 @@ void Statistics::take(const std::string& line) {
   }
 }
 
-std::vector<Line> Statistics::lines() const {
+std::vector<Line> Statistics::lines(const std::map<std::string, std::string>& reasons) const {
   std::vector<Line> lines;
   for (const SoakedTest& test : tests) {
     if (!test.verdicts.empty()) {
       const Json figures = figuresOf(test);
       Line line{test.name, textOf(test, figures), verdictOf(test)};
       line.test = test.name;
+      if (reasons.count(test.name) != 0) {
+        line.failure = line.text + "; last: " + reasons.at(test.name);
+      }
       line.figures = figures;
       line.limit = {{"failures", 0}};
       lines.push_back(line);

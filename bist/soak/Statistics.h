@@ -84,8 +84,12 @@ class Statistics {
   /// From the start to the end of the last cycle.
   double seconds() const { return elapsed; }
 
-  /// A line for each test that has said anything, and all as JSON.
-  std::vector<Line> lines() const;
+  /// A line for each test that has said anything.
+  ///
+  /// @param reasons  why tests have failed last
+  std::vector<Line> lines(const std::map<std::string, std::string>& reasons) const;
+
+  /// All as JSON.
   Json json() const;
 
  private:

@@ -23,6 +23,9 @@ Line run(Report& /*report*/, TestedPort& port) {
   Line line =
       errorSummary(port.title() + " errors", port.test("errors"), port.diagnostics, counting);
   line.figures["errors"] = errorsIn(line.figures);
+  line.figures.update(errorSummary("", "", port.diagnostics, port.results).figures);
+  line.limit["ignoredCorrectable"] = hex(limits.ignoredCorrectable);
+  line.limit["ignoredUncorrectable"] = hex(limits.ignoredUncorrectable);
   return line;
 }
 

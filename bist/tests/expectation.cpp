@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
+#include "bist/Slots.h"
 #include "bist/Tests.h"
 
 namespace {
 
 void run(Report& report, const Choice& choice) {
   Section section{"expectation", "Expectation"};
-  section.data = whatIsThere();
-  section.lines = choice.expectation.compare(section.data);
+  guarded(section, [&] {
+    section.data = whatIsThere();
+    section.lines = choice.expectation.compare(section.data);
+  });
   report.add(section);
 }
 
@@ -17,7 +20,8 @@ extern const Test expectationTest = {"expectation",
                                      {{"expected.board"},
                                       {"expected.slotN.module"},
                                       {"expected.slotN.controller"},
-                                      {"expected.PORT.link"}},
+                                      {"expected.PORT.link"},
+                                      {"backplane"}},
                                      Needs::instrument,
                                      true,
                                      run,

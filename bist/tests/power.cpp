@@ -17,7 +17,11 @@ void cycleSlot(Report& report, BackplaneInterface& backplane, int slot, Json& st
   addStep(report, steps, switchSlot(report, backplane, slot, false), {"slot", slot});
   addStep(report, steps, switchSlot(report, backplane, slot, true), {"slot", slot});
   if (!wasOn) {
-    switchSlot(report, backplane, slot, false);
+    Line back = switchSlot(report, backplane, slot, false);
+    back.test = slotTest(slot, "off-again");
+    if (back.verdict != Verdict::pass) {
+      addStep(report, steps, back, {"slot", slot});
+    }
   }
   report.switchedBack();
 }
@@ -25,6 +29,9 @@ void cycleSlot(Report& report, BackplaneInterface& backplane, int slot, Json& st
 /// Turns the modules off and on, and leaves each as it was.
 void run(Report& report, const Choice& choice) {
   report.begin({"powerCycle", "Power cycle"}, 10, 3);
+  if (choice.powered.empty()) {
+    report.line({"power", "no slot has a power controller", Verdict::notTested, "", "power"}, {});
+  }
   Json steps = Json::array();
   Section troubles;
   guarded(troubles, [&] {
@@ -47,7 +54,9 @@ extern const Test powerTest = {
     "modules turned off and on; \"backplane\" comes where they cannot be reached",
     {{"slotN.power-off", {{"seconds", "seconds"}}, "seconds"},
      {"slotN.power-on", {{"seconds", "seconds"}}, "seconds"},
-     {"backplane"}},
+     {"slotN.off-again"},
+     {"backplane"},
+     {"power"}},
     Needs::spb,
     true,
     run,
