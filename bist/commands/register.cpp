@@ -110,7 +110,7 @@ Named chosen() {
   std::string text = wanted;
   const std::string reason = number()(text);
   const unsigned long offset = reason.empty() ? std::stoul(text) : configSize;
-  const unsigned int bytes = bits / 8;
+  const unsigned int bytes = bits == 8 ? 1 : bits == 16 ? 2 : 4;
   if (offset + bytes > configSize || offset % bytes != 0) {
     throw CLI::ValidationError("REGISTER must be an offset of " + std::to_string(bits) +
                                " bits below 0x1000, or one of " + names());
