@@ -11,7 +11,6 @@
 
 using nlohmann::json;
 using testing::AllOf;
-using testing::EndsWith;
 using testing::HasSubstr;
 
 namespace {
