@@ -1,24 +1,53 @@
 # SPDX-License-Identifier: MIT
-# bash completion for talvero-bist
+# bash completion for talvero-bist, whose --help tells the commands, options and registers.
 _talvero_bist() {
-  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-  local ports="DownstreamPort1 DownstreamPort5 DownstreamPort7 DownstreamPort9 ShimPort1 ShimPort5"
-  local words="report board slots power topology link errors prbs soak margin shim tx stop register list capture
-    --json --log --junit --html --trace --spb-despite-straps --help --version --seconds --clear --module --power-cycle --no-export
-    --power-on --tests --slots --ports --expect --write-expectation --switch --width --mask --set
-    --drive-level --post-cursor --quiet --analog-loopback --minutes --cycles --csv --resume"
+  local program=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+  local ports="DownstreamPort1 DownstreamPort5 DownstreamPort7 DownstreamPort9"
+  local help commands command="" with_value words="" place=0 index
+  help=$("$program" --help 2>/dev/null)
+  commands=$(sed -n '/^Subcommands/,/^$/s/^  \([a-z]*\) .*/\1/p' <<<"$help")
+  for ((index = 1; index < COMP_CWORD; ++index)); do
+    if [[ -z $command && " ${commands//$'\n'/ } " == *" ${COMP_WORDS[index]} "* ]]; then
+      command=${COMP_WORDS[index]}
+      help=$("$program" "$command" --help 2>/dev/null)
+      place=0
+    elif [[ ${COMP_WORDS[index]} != -* ]]; then
+      with_value=$(sed -n 's/^  \(--[a-z-]*\) [^ ].*/\1/p' <<<"$help")
+      [[ " ${with_value//$'\n'/ } " == *" ${COMP_WORDS[index - 1]} "* ]] || place=$((place + 1))
+    fi
+  done
   case "$before" in
-    link | errors | prbs | margin | tx | stop | register | --ports) words="$ports 0 1 2 3 4 5" ;;
-    power | --slots) words="0 1 2 3 4 5" ;;
-    shim | --module) words="0 1 2 3" ;;
-    --quiet | --analog-loopback | [0-5]) words="on off $words" ;;
-    --tests) words="board slots link errors prbs power expectation" ;;
-    --width) words="8 16 32" ;;
-    --expect | --write-expectation | --log | --junit | --html | --trace | --csv | --resume | capture)
+    --expect | --write-expectation | --log | --junit | --html | --trace | --csv | --resume)
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return
       ;;
+    --seconds | --minutes | --cycles | --mask | --set | --drive-level | --post-cursor) place=none ;;
+    --module) words="0 1 2 3" place=none ;;
+    --slots) words="0 1 2 3 4 5" place=none ;;
+    --ports) words=$ports place=none ;;
+    --tests) words="board slots link errors prbs power expectation" place=none ;;
+    --width) words="8 16 32" place=none ;;
+    --quiet | --analog-loopback) words="on off" place=none ;;
   esac
-  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+  case "$command $place" in
+    capture\ 0)
+      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      return
+      ;;
+    link\ 0 | errors\ 0 | prbs\ 0 | margin\ 0 | tx\ 0 | stop\ 0 | register\ 0)
+      words="$ports ShimPort1 ShimPort5 0 1 2 3 4 5"
+      ;;
+    register\ 1) words=$(sed -n 's/.* or a name: //p' <<<"$help" | tr -d ,) ;;
+    power\ 0) words="0 1 2 3 4 5" ;;
+    power\ 1) words="on off" ;;
+    topology\ 0 | shim\ 0) words="0 1 2 3" ;;
+  esac
+  if [[ $place != none ]]; then
+    words+=" $(sed -n 's/^  \(-h,\)\{0,1\}\(--[a-z-]*\).*/\2/p' <<<"$help")"
+    [[ -n $command ]] || words+=" $commands"
+  fi
+  local earlier=""
+  [[ $word != *,* ]] || earlier=${word%,*},
+  mapfile -t COMPREPLY < <(compgen -P "$earlier" -W "$words" -- "${word##*,}")
 }
 complete -F _talvero_bist talvero-bist

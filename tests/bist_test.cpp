@@ -96,18 +96,39 @@ TEST(TalveroBist, IsDescribedAsItIs) {
   EXPECT_EQ(onPage(between(manual, ".SH COMMANDS", ".SH"), "\n.TP\n",
                    between(manual, ".SH OPTIONS", ".SH")),
             help);
+}
 
-  std::set<std::string> words;
-  for (const auto& [command, options] : help) {
-    words.insert(options.begin(), options.end());
-    words.insert(command);
-  }
+TEST(TalveroBist, IsCompleted) {
+  const auto completed = [](const std::string& words) {
+    const Outcome outcome = runCommand(
+        "bash -c '. " SOURCE_DIR "/bist/completions.bash; COMP_WORDS=(" TALVERO_BIST " " + words +
+        "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _talvero_bist; "
+        "printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
+    EXPECT_EQ(outcome.errors, "") << words;
+    return matches(outcome.output, "(\\S+)");
+  };
+  const Interface help = inHelp();
+  std::set<std::string> words = help.at("");
+  std::transform(help.begin(), help.end(), std::inserter(words, words.end()),
+                 [](const auto& row) { return row.first; });
   words.erase("");
-  const Outcome completion =
-      runCommand("bash -c '. " SOURCE_DIR
-                 "/bist/completions.bash; COMP_WORDS=(talvero-bist \"\") COMP_CWORD=1; "
-                 "_talvero_bist; printf \"%s\\n\" \"${COMPREPLY[@]}\"'");
-  EXPECT_EQ(matches(completion.output, "(\\S+)"), words) << completion.errors;
+  EXPECT_EQ(completed("\"\""), words);
+  std::set<std::string> options = help.at("soak");
+  options.insert(help.at("").begin(), help.at("").end());
+  options.erase("--version");
+  EXPECT_EQ(completed("--json soak --cycles 2 --"), options);
+  using Words = std::set<std::string>;
+  EXPECT_EQ(completed("register --module 1 0 link-"),
+            (Words{"link-capabilities", "link-control", "link-status"}));
+  EXPECT_EQ(completed("link DownstreamPort9 S"), Words());
+  EXPECT_EQ(completed("link S"), (Words{"ShimPort1", "ShimPort5"}));
+  EXPECT_EQ(completed("report --tests link,p"), (Words{"link,prbs", "link,power"}));
+  EXPECT_EQ(completed("power 2 o"), (Words{"on", "off"}));
+  EXPECT_EQ(completed("soak --minutes \"\""), Words());
+  for (const std::string& test : completed("report --tests \"\"")) {
+    EXPECT_EQ(bist("full", "list").output.find("\n  " + test + " ") != std::string::npos, true)
+        << test;
+  }
 }
 
 TEST(TalveroSim, IsDescribedAsItIs) {
