@@ -321,6 +321,12 @@ class InstrumentDrawing {
             findingOf(record, {name + ".", "expected." + name + "."}));
   }
 
+  /// What a slot has room for: the whole text is among the results.
+  static std::string cut(const std::string& text) {
+    constexpr std::size_t room = 36;
+    return text.size() <= room ? text : text.substr(0, room - 3) + "...";
+  }
+
   void addSlot(int slot) const {
     const std::string name = "slot" + std::to_string(slot);
     const Finding finding = findingOf(record, {name + ".", "expected." + name + "."});
@@ -335,9 +341,9 @@ class InstrumentDrawing {
       detail += !controlled ? "" : known["on"].get<bool>() ? ", on" : ", off";
       detail += slot > 3 ? "" : known["linkUp"].get<bool>() ? ", link up" : ", link down";
     }
-    std::vector<std::string> details{detail};
+    std::vector<std::string> details{cut(detail)};
     if (known.is_object() && (finding.verdict == "fail" || finding.verdict == "not tested")) {
-      details.push_back(finding.text);
+      details.push_back(cut(finding.text));
     }
     addPart(xml, {slotLeft, rowOf(slot), 230, slotHeight}, "part", "Slot " + std::to_string(slot),
             details, finding);

@@ -126,32 +126,42 @@ void addCurve(Xml& xml, const Json& points, const std::string& kind, const Range
   }
 }
 
+/// Six colours, then the same ones dashed.
+std::string curveClass(std::size_t number) {
+  constexpr std::size_t colours = 6;
+  return "curve s" + std::to_string(number % colours) + (number / colours % 2 == 1 ? " again" : "");
+}
+
+/// Names the curves below the plot, in columns.
+void addLegend(Xml& xml, const std::vector<Json>& series, double top, std::size_t columns) {
+  constexpr double row = 16;
+  const double column = (width - across.from) / static_cast<double>(columns);
+  for (std::size_t number = 0; number < series.size(); ++number) {
+    const double x = across.from + column * static_cast<double>(number % columns);
+    const std::size_t rowNumber = number / columns;
+    const double y = top + row * static_cast<double>(rowNumber);
+    addLine(xml, curveClass(number).c_str(), x, y, x + 24, y);
+    addText(xml, x + 30, y + 4, "", series[number].value("name", ""));
+  }
+}
+
 void drawSeries(Xml& xml, const std::vector<Json>& series) {
+  constexpr std::size_t columns = 3;
   const Range xs = rangeOf(series, 0);
   const Range ys = rangeOf(series, 1);
+  const double rows = std::ceil(static_cast<double>(series.size()) / columns);
   const Element figure(xml, "figure");
   const Element svg(xml, "svg",
-                    {{"viewBox", "0 0 " + numberText(width) + " " + numberText(height)},
+                    {{"viewBox", "0 0 " + numberText(width) + " " + numberText(height + 16 * rows)},
                      {"width", numberText(width)},
                      {"role", "img"}});
   addAxes(xml, xs, ys);
   addText(xml, (across.from + across.to) / 2, height - 8, "middle", series[0].value("x", ""));
   addText(xml, 8, 18, "", series[0].value("y", ""));
-  double place = across.from + 120;
-  double row = 14;
   for (std::size_t number = 0; number < series.size(); ++number) {
-    const std::string kind = "curve s" + std::to_string(number % 6);
-    addCurve(xml, series[number]["points"], kind, xs, ys);
-    const std::string name = series[number].value("name", "");
-    const double needed = 48 + 7 * static_cast<double>(name.size());
-    if (place + needed > width && number != 0) {
-      place = across.from + 120;
-      row += 16;
-    }
-    addLine(xml, kind.c_str(), place, row, place + 18, row);
-    addText(xml, place + 24, row + 4, "", name);
-    place += needed;
+    addCurve(xml, series[number]["points"], curveClass(number), xs, ys);
   }
+  addLegend(xml, series, height + 6, columns);
 }
 
 /// Those that have both axes in common are in one plot.

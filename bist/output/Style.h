@@ -66,6 +66,7 @@ svg .wire { fill: none; stroke: var(--colour); stroke-width: 3; }
 svg .down { stroke-width: 2; stroke-dasharray: 5 5; }
 svg .bus { fill: none; stroke: var(--soft); stroke-width: 1.5; }
 svg .axis { stroke: var(--soft); } svg .grid { stroke: var(--line); }
+svg .again { stroke-dasharray: 6 4; }
 svg .curve { fill: none; stroke-width: 2; stroke-linejoin: round; }
 svg .s0 { stroke: var(--s0); } svg .s1 { stroke: var(--s1); } svg .s2 { stroke: var(--s2); }
 svg .s3 { stroke: var(--s3); } svg .s4 { stroke: var(--s4); } svg .s5 { stroke: var(--s5); }
