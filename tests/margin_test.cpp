@@ -9,7 +9,6 @@ using nlohmann::json;
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
