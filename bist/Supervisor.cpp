@@ -184,8 +184,13 @@ class Reader {
   std::string text;
 };
 
-/// Whether a descriptor is a pipe, a terminal or a socket that nobody reads any more.
+/// Whether poll() says of a pipe, a terminal or a socket that nobody reads it any more.
 bool isUnread(int events) { return (events & (POLLERR | POLLHUP)) != 0; }
+
+bool isOutputUnread() {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  return ::poll(&output, 1, 0) > 0 && isUnread(output.revents);
+}
 
 /// Whether a descriptor takes something at once, or refuses it at once.
 bool isReady(int fd, short events, int milliseconds) {
@@ -287,7 +292,7 @@ int supervise(Session& session, LibraryOutput& libraryOutput, ProgressOutput* pr
   end(worker);
   while (reader.read()) {
   }
-  if (reader.failure != nullptr && isReady(STDOUT_FILENO, 0, 0)) {
+  if (reader.failure != nullptr && isOutputUnread()) {
     interrupting = SIGPIPE;
   }
   if (reader.ended && interrupting != SIGPIPE) {

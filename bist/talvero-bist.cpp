@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // talvero-bist: tests an instrument through the library and reports what it found.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -172,6 +173,16 @@ int execute(const Command& command, const Common& common, RunFacts facts) {
   return signal != 0 ? signalled + signal : passed ? pass : fail;
 }
 
+/// Gives standard streams that are closed a file that nothing can be written to, lest one of this
+/// program's own files takes their place.
+void holdStandardStreams() {
+  int file = 0;
+  do {
+    file = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  } while (file >= 0 && file <= STDERR_FILENO);
+  ::close(file);
+}
+
 /// What every command takes, at the end of its own help.
 std::string commonOptions(const CLI::App& app) {
   return CLI::Formatter().make_group(
@@ -195,6 +206,7 @@ int refuse(const CLI::App& app) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  holdStandardStreams();
   CLI::App app(
       "Tests the hardware of the instrument and reports what it found. On a workstation, run it\n"
       "on a simulated instrument: talvero-sim -- talvero-bist report",

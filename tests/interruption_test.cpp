@@ -150,10 +150,13 @@ TEST_F(Interruption, ComesWhenNobodyReads) {
 }
 
 TEST_F(Interruption, FollowsAFullDisk) {
-  const Outcome outcome = run("bist prbs 0 --seconds 2 >/dev/full; echo $?");
-  EXPECT_EQ(outcome.output, "2\n");
-  EXPECT_EQ(outcome.errors,
-            "talvero-bist: standard output cannot be written\ntalvero-sim: nothing left behind\n");
+  for (const char* const output : {">/dev/full", ">&-", "--json >&-"}) {
+    const Outcome outcome = run(std::string("bist prbs 0 --seconds 2 ") + output + "; echo $?");
+    EXPECT_EQ(outcome.output, "2\n") << output;
+    EXPECT_EQ(outcome.errors,
+              "talvero-bist: standard output cannot be written\ntalvero-sim: nothing left behind\n")
+        << output;
+  }
 }
 
 TEST_F(Interruption, FollowsAnOutputThatCannotTellWhatIsSwitched) {
