@@ -114,10 +114,10 @@ TEST_F(Interruption, SaysWhatWasFoundUntilThen) {
 }
 
 TEST_F(Interruption, EndsAtOnceAtASecondSignal) {
-  // Undoing takes five seconds.
-  directory.file("d.conf", instrument() + "[power 1]\non-delay=never\n");
+  // Switching takes two seconds, undoing five.
+  directory.file("d.conf", instrument() + "[power 1]\non-delay=never\noff-delay=never\n");
   const std::string twice =
-      "start power 1 off >out & sleep 0.05; kill -TERM $!; sleep SLEEP; kill -HUP $!; wait $!; "
+      "start power 1 off >out & sleep 1; kill -TERM $!; sleep SLEEP; kill -HUP $!; wait $!; "
       "echo $?; cat out";
   const auto after = [&](const char* seconds) {
     return run(std::regex_replace(twice, std::regex("SLEEP"), seconds));
