@@ -1,19 +1,34 @@
 # SPDX-License-Identifier: MIT
 # bash completion for talvero-bist, whose --help tells the commands, options and registers.
+
+# Reads the help of the program or of a command.
+_talvero_bist_help() {
+  local line
+  options="" with_value="" registers="" commands=""
+  while IFS= read -r line; do
+    if [[ $line =~ ^\ \ (-h,)?(--[a-z-]+)(\ [^ ])? ]]; then
+      options+=" ${BASH_REMATCH[2]}"
+      [[ -z ${BASH_REMATCH[3]} ]] || with_value+=" ${BASH_REMATCH[2]}"
+    elif [[ $line =~ \ or\ a\ name:\ (.*) ]]; then
+      registers=${BASH_REMATCH[1]}
+    elif [[ $line =~ ^\ \ ([a-z]+)\ \  ]]; then
+      commands+=" ${BASH_REMATCH[1]}"
+    fi
+  done < <("$program" "$@" --help 2>/dev/null)
+}
+
 _talvero_bist() {
   local program=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local ports="DownstreamPort1 DownstreamPort5 DownstreamPort7 DownstreamPort9"
-  local help commands command="" with_value words="" place=0 index
-  help=$("$program" --help 2>/dev/null)
-  commands=$(sed -n '/^Subcommands/,/^$/s/^  \([a-z]*\) .*/\1/p' <<<"$help")
+  local command="" commands options with_value registers words="" place=0 index
+  _talvero_bist_help
   for ((index = 1; index < COMP_CWORD; ++index)); do
-    if [[ -z $command && " ${commands//$'\n'/ } " == *" ${COMP_WORDS[index]} "* ]]; then
+    if [[ -z $command && "$commands " == *" ${COMP_WORDS[index]} "* ]]; then
       command=${COMP_WORDS[index]}
-      help=$("$program" "$command" --help 2>/dev/null)
+      _talvero_bist_help "$command"
       place=0
     elif [[ ${COMP_WORDS[index]} != -* ]]; then
-      with_value=$(sed -n 's/^  \(--[a-z-]*\) [^ ].*/\1/p' <<<"$help")
-      [[ " ${with_value//$'\n'/ } " == *" ${COMP_WORDS[index - 1]} "* ]] || place=$((place + 1))
+      [[ "$with_value " == *" ${COMP_WORDS[index - 1]} "* ]] || place=$((place + 1))
     fi
   done
   case "$before" in
@@ -37,14 +52,14 @@ _talvero_bist() {
     link\ 0 | errors\ 0 | prbs\ 0 | margin\ 0 | tx\ 0 | stop\ 0 | register\ 0)
       words="$ports ShimPort1 ShimPort5 0 1 2 3 4 5"
       ;;
-    register\ 1) words=$(sed -n 's/.* or a name: //p' <<<"$help" | tr -d ,) ;;
+    register\ 1) words=${registers//,/} ;;
     power\ 0) words="0 1 2 3 4 5" ;;
     power\ 1) words="on off" ;;
     topology\ 0 | shim\ 0) words="0 1 2 3" ;;
   esac
   if [[ $place != none ]]; then
-    words+=" $(sed -n 's/^  \(-h,\)\{0,1\}\(--[a-z-]*\).*/\2/p' <<<"$help")"
-    [[ -n $command ]] || words+=" $commands"
+    words+=$options
+    [[ -n $command ]] || words+=$commands
   fi
   local earlier=""
   [[ $word != *,* ]] || earlier=${word%,*},

@@ -116,7 +116,7 @@ TEST_F(Soak, EndsAfterItsMinutes) {
   // Half a second of PRBS, a tenth of the link, for each of four ports.
   EXPECT_EQ(run("soak --minutes 1 --seconds 0 --cycles 1000").status, 0);
   const auto cycles = rows();
-  EXPECT_NEAR(static_cast<double>(cycles.size() - 1), 60 / 2.4, 2);
+  EXPECT_NEAR(static_cast<double>(cycles.size() - 1), 60 / 2.4, fewer == 1 ? 2 : 8);
   EXPECT_LT(std::stod(cycles[cycles.size() - 2][2]), 60) << "the last one began in time";
   EXPECT_GE(std::stod(cycles.back()[2]), 60);
   const Outcome none = run("soak --minutes 0 --csv none.csv");
