@@ -58,11 +58,13 @@ std::vector<Settings> SettingsMap::around(Settings start) const {
 
 std::vector<Settings> SettingsMap::region(Settings present) const {
   std::vector<Settings> best;
+  std::set<Settings> seen;
   for (const auto& [settings, errors] : counts) {
-    if (errors != 0U) {
+    if (errors != 0U || seen.count(settings) != 0) {
       continue;
     }
     std::vector<Settings> next = around(settings);
+    seen.insert(next.begin(), next.end());
     if (next.size() > best.size() ||
         (next.size() == best.size() && distance(next, present) < distance(best, present))) {
       best = std::move(next);
@@ -71,27 +73,31 @@ std::vector<Settings> SettingsMap::region(Settings present) const {
   return best;
 }
 
-int SettingsMap::clearance(Settings settings) const {
-  int least = std::numeric_limits<int>::max();
-  for (const auto& [other, errors] : counts) {
+std::vector<Settings> SettingsMap::notGood() const {
+  std::vector<Settings> settings;
+  for (const auto& [tested, errors] : counts) {
     if (errors != 0U) {
-      least = std::min(least, distance(settings, other));
+      settings.push_back(tested);
     }
     for (const Settings& step : steps) {
-      const Settings beyond = other + step;
-      if (!exist(beyond)) {
-        least = std::min(least, distance(settings, beyond));
+      if (!exist(tested + step)) {
+        settings.push_back(tested + step);
       }
     }
   }
-  return least;
+  return settings;
 }
 
 Settings SettingsMap::centre(const std::vector<Settings>& region, Settings present) const {
-  return *std::min_element(region.begin(), region.end(), [&](Settings one, Settings other) {
-    return std::tuple(-clearance(one), distance(one, present), one) <
-           std::tuple(-clearance(other), distance(other, present), other);
-  });
+  const std::vector<Settings> bad = notGood();
+  const auto rank = [&](Settings settings) {
+    return std::tuple(-distance(bad, settings), distance(settings, present), settings);
+  };
+  auto best = rank(region.front());
+  for (const Settings& settings : region) {
+    best = std::min(best, rank(settings));
+  }
+  return std::get<Settings>(best);
 }
 
 bool SettingsMap::isOpen(const std::vector<Settings>& region) const {

@@ -45,7 +45,9 @@ class SettingsMap {
 
  private:
   std::vector<Settings> around(Settings start) const;
-  int clearance(Settings settings) const;
+
+  /// Bad settings, and those beyond the last ones.
+  std::vector<Settings> notGood() const;
 
   std::map<Settings, std::optional<unsigned int>> counts;
 };

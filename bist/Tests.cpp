@@ -146,8 +146,6 @@ class Results {
   }
 };
 
-/// Whether the slot has a power controller; true, for a test to fail, where the modules' topology
-/// keeps that from being found out.
 bool mayHavePower(int slot) {
   try {
     return hasExpander(slot);
@@ -170,14 +168,15 @@ void Choice::prepare() {
   for (int slot = 0; slot < slotCount; ++slot) {
     if (!hasSlot(slot)) {
       expectation.leaveOut(std::to_string(slot));
-    } else if (isSpb() && mayHavePower(slot)) {
-      powered.push_back(slot);
     }
   }
   for (const PCIeDownstreamPorts port : mainPorts) {
     if (!hasPort(port)) {
       expectation.leaveOut(portName(port));
     }
+  }
+  if (has(powerTest) && isSpb()) {
+    powered = slotsWithPower(*this);
   }
 }
 
@@ -195,6 +194,16 @@ bool Choice::hasPort(PCIeDownstreamPorts port) const {
 }
 
 bool Choice::hasSlot(int slot) const { return slots.empty() || contains(slots, slot); }
+
+std::vector<int> slotsWithPower(const Choice& choice) {
+  std::vector<int> slots;
+  for (int slot = 0; slot < slotCount; ++slot) {
+    if (choice.hasSlot(slot) && mayHavePower(slot)) {
+      slots.push_back(slot);
+    }
+  }
+  return slots;
+}
 
 void runTests(Report& report, const Choice& choice) {
   Section missing{"missing", "Not tested"};

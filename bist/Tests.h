@@ -25,10 +25,11 @@ struct Choice {
   std::string expectationFile = {};             ///< empty for none
   Expectation expectation = {};
 
-  std::vector<int> powered = {};  ///< of them, those with a power controller in the beginning
+  std::vector<int> powered = {};  ///< those that the power test turns off and on
 
-  /// Reads the expectation and adds the test that compares with it, and finds out which slots are
-  /// powered. Throws std::runtime_error as Expectation does, and where the test has no file.
+  /// Reads the expectation and adds the test that compares with it, and finds out which of the
+  /// slots have a power controller in the beginning, if power is tested. Throws std::runtime_error
+  /// as Expectation does, and where the test has no file.
   void prepare();
 
   bool has(const Test& test) const;
@@ -78,6 +79,10 @@ struct Test {
   /// Tests one port, whose link is up unless this is the test of that; null for the others.
   Line (*runOnPort)(Report& report, TestedPort& port);
 };
+
+/// The slots that have a power controller, of those chosen, and those of which the modules'
+/// topology keeps that from being found out: then a test fails.
+std::vector<int> slotsWithPower(const Choice& choice);
 
 /// All of them, in the order in which they are made.
 extern const std::vector<const Test*> allTests;

@@ -220,17 +220,6 @@ TEST_F(Margins, AreWrittenOrNot) {
   EXPECT_THAT(outcome.errors, HasSubstr("talvero-bist: /dev/full: cannot be written"));
   EXPECT_THAT(run(describe(""), "1 --csv /nowhere/x").errors,
               HasSubstr("/nowhere/x: cannot be written"));
-  const Outcome data =
-      runCommand("cd " + directory.path + " && " TALVERO_SIM " --fast --instrument " +
-                 describe("prbs-good=0-15/0-2\n") +
-                 " -- sh -c '" TALVERO_BIST
-                 " --json margin 1 --post-cursor 2-4 >out & sleep 5.9; kill $!; wait $!; cat out'");
-  const json map = json::parse(data.output)["margin"]["map"];
-  EXPECT_EQ(map["rowValues"].size(), map["counts"].size()) << map;
-  EXPECT_EQ(map["counts"][0], json::parse("[0, 2, 8]")) << "the rows that are done";
-  EXPECT_LT(map["counts"].size(), 16U);
-  EXPECT_THAT(contentOf(directory.path + "/state.conf"),
-              AllOf(HasSubstr("register-b98=0xab5\n"), HasSubstr("register-ba8=0xcd9\n")));
 }
 
 TEST_F(Margins, AreKeptWhenInterrupted) {

@@ -2,6 +2,7 @@
 #include <optional>
 
 #include "bist/Draft.h"
+#include "bist/Machine.h"
 #include "bist/Options.h"
 #include "bist/Slots.h"
 #include "bist/Tests.h"
@@ -36,7 +37,7 @@ Line step(Report& report, int slot, bool on, const char* test) {
 }
 
 /// Turns on what is off; the slots that were.
-std::vector<int> turnAllOn(Report& report) {
+std::vector<int> turnOn(Report& report, const std::vector<int>& powered) {
   std::vector<int> slots;
   Section troubles;
   Json steps = Json::array();
@@ -46,7 +47,7 @@ std::vector<int> turnAllOn(Report& report) {
     steps.push_back({{"step", line.label}, {"result", line.text}});
   };
   guarded(troubles, [&] {
-    for (const int slot : choice.powered) {
+    for (const int slot : powered) {
       if (!BackplaneInterface(slot).isModuleOn(slot)) {
         report.willSwitch(undoOfPower(slot, false));
         slots.push_back(slot);
@@ -98,8 +99,9 @@ void run(Report& report) {
   if (!writtenFile.empty()) {
     draft.emplace(report, writtenFile);
   }
+  const std::vector<int> powered = powerOn && isSpb() ? slotsWithPower(choice) : std::vector<int>();
   const std::vector<int> switchedOn =
-      powerOn && !choice.powered.empty() ? turnAllOn(report) : std::vector<int>();
+      powered.empty() ? std::vector<int>() : turnOn(report, powered);
   runTests(report, choice);
   Section found{choice.expectation.comparesSomething() ? "written" : "expectation", "Expectation"};
   if (draft) {
