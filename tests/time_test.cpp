@@ -157,8 +157,8 @@ constexpr int rounds = 10;
 TEST(VirtualTime, IsThatOfTheLongestOfParallelSleeps) {
   for (int round = 0; round < rounds; ++round) {
     Instrument instrument("[pci]\n[pci port1]\nlink-lost-after=2");
+    const double hostBegin = hostSeconds();  // around the other one
     const double begin = programSeconds();
-    const double hostBegin = hostSeconds();
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 3; ++thread) {
       threads.emplace_back([] { std::this_thread::sleep_for(seconds(1)); });
@@ -167,8 +167,9 @@ TEST(VirtualTime, IsThatOfTheLongestOfParallelSleeps) {
       thread.join();
     }
     EXPECT_EQ(instrument.milliseconds(), 1000);
+    const double program = programSeconds() - begin;
     const double host = hostSeconds() - hostBegin;
-    EXPECT_THAT(programSeconds() - begin, AllOf(Ge(1), Lt(1.001 + host)));
+    EXPECT_THAT(program, AllOf(Ge(1), Lt(1.001 + host)));
     EXPECT_LT(host, 30);
     EXPECT_TRUE(PCIeDiagnostics().isLinkUp(DownstreamPort1));
   }
@@ -581,14 +582,14 @@ TEST(VirtualTime, IsNotStoppedByABusyThread) {
     while (!stop) {
     }
   });
+  const double hostBegin = hostSeconds();  // around the other one
   const double begin = programSeconds();
-  const double hostBegin = hostSeconds();
   usleep(100000);
-  const double host = hostSeconds() - hostBegin;
   const double program = programSeconds() - begin;
+  const double host = hostSeconds() - hostBegin;
   stop = true;
   busy.join();
-  EXPECT_THAT(host, AllOf(Ge(0.08), Lt(1)));
+  EXPECT_THAT(host, AllOf(Ge(0.08), Lt(10)));
   EXPECT_THAT(program, AllOf(Ge(0.1), Lt(host + 0.02)));
   EXPECT_EQ(instrument.milliseconds(), 100);
 }
