@@ -216,6 +216,7 @@ void runTests(Report& report, const Choice& choice) {
       if (choice.asksFor(*test)) {
         missing.lines.push_back(
             {test->name, "this board has no slots", Verdict::notTested, "", test->name});
+        missing.data.push_back(test->name);
       }
     } else if (!isOfPorts(*test)) {
       test->run(report, choice);

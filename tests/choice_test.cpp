@@ -152,6 +152,15 @@ TEST_F(Choice, OfWhatCannotBeTested) {
                                                          "/sys/platform/gpio_module1_power_en/value"
                                                          " \"0\"]\n"));
   EXPECT_THAT(stuck.output, HasSubstr("Power off again\n  slot 1 off  reads on  FAIL\n"));
+  const json cycle = json::parse(
+      run("bist --json report --tests power --slots 1",
+          directory.file("x.conf", contentOf(INSTRUMENTS "/full.conf") +
+                                       "[power 1]\ninitially=off\n[fail write "
+                                       "/sys/platform/gpio_module1_power_en/value \"0\"]\n"
+                                       "after=1\n"))
+          .output);
+  EXPECT_EQ(cycle["tests"].back()["name"], "slot1.off-again") << "what has been off stays on";
+  EXPECT_EQ(cycle["verdict"], "fail");
 }
 
 TEST_F(Choice, OfLimits) {
@@ -167,11 +176,17 @@ TEST_F(Choice, OfLimits) {
     }
     if (test["name"] == "DownstreamPort7.errors") {
       EXPECT_EQ(test["text"], "port correctable: Bad TLP");
+      EXPECT_EQ(test["figures"]["portUncorrectableStatus"], "0x1000") << "also what is ignored";
+      EXPECT_EQ(test["limit"]["ignoredUncorrectable"], "0x1000");
     }
     if (test["name"] == "DownstreamPort7.prbs") {
       EXPECT_EQ(test["verdict"], "fail") << "no sync is no number of errors";
     }
   }
+  EXPECT_EQ(
+      run("bist report --tests prbs --ports 0 --seconds 3 --expect limits.json", "broken").status,
+      1)
+      << "30 at once are not more than 30, and 60 come";
   directory.file("many.json", R"({"limits": {"all": {"prbsErrors": 200}}})");
   const json longer = json::parse(
       run("bist --json report --tests prbs --ports 0 --seconds 3 --expect many.json", "broken")

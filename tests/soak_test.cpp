@@ -135,8 +135,20 @@ TEST_F(Soak, CyclesPower) {
   EXPECT_NEAR(on["minimum"], 0.8, 0.3);
   EXPECT_NEAR(result["soak"]["tests"]["slot2.power-off"]["maximum"], 0.4, 0.3);
   EXPECT_EQ(result["soak"]["tests"]["slot4.power-on"]["runs"], 2);
-  EXPECT_THAT(content(), HasSubstr(",slot1.power-off,slot1.power-off.seconds,slot1.power-on,"));
+  EXPECT_THAT(content(),
+              AllOf(HasSubstr(",slot1.power-off,slot1.power-off.seconds,slot1.power-on,"),
+                    Not(HasSubstr("slot0.power-off"))));
   EXPECT_EQ(outcome.errors, "talvero-sim: nothing left behind\n");
+}
+
+TEST_F(Soak, KeepsWhatHasFailed) {
+  directory.file("d.conf", contentOf(INSTRUMENTS "/broken.conf"));
+  const json result =
+      json::parse(run("soak --cycles 2 --ports 2 --tests prbs --log log --json").output);
+  EXPECT_EQ(result["tests"][1]["text"], "2 runs, 2 failed; 0 bits; last: no sync")
+      << result["tests"][1];
+  EXPECT_THAT(content("log"), HasSubstr("DownstreamPort7 (slot 2) PRBS: no sync"));
+  EXPECT_EQ(rows()[1].back(), "");
 }
 
 TEST_F(Soak, RepeatsChosenTests) {

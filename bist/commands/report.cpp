@@ -69,6 +69,7 @@ void turnOff(Report& report, std::vector<int> slots) {
     const Line line = step(report, slots.back(), false, "off-again");
     if (line.verdict != Verdict::pass) {
       section.lines.push_back(line);
+      section.data.push_back({{"step", line.label}, {"result", line.text}});
     }
     report.switchedBack();
   }
