@@ -199,6 +199,15 @@ TEST_F(Records, LeadFromThePartToItsResults) {
               AllOf(HasSubstr("<a class=\"part fail\" href=\"#test-slot2.controller\">"),
                     HasSubstr("<a class=\"inner skipped\" href=\"#test-DownstreamPort9.link\">"),
                     HasSubstr("expander 30-0041"), HasSubstr("could not enumerate module: 1 (7 ")));
+  run("full",
+      "echo {\\\"modules\\\":{\\\"3\\\":false}} >e; "
+      "bist report --slots 3 --tests slots --expect e --html page.html");
+  EXPECT_THAT(file("page.html"),
+              AllOf(HasSubstr("<title>Slot 3: fail, there, expected none</title>"),
+                    HasSubstr(">present, link up<"), Not(HasSubstr("<title>Slot 0: "))));
+  EXPECT_EQ(file("page.html").find(">present, link up<"),
+            file("page.html").rfind(">present, link up<"))
+      << "of one slot";
 }
 
 TEST_F(Records, DrawPlots) {
@@ -211,15 +220,21 @@ TEST_F(Records, DrawPlots) {
                  {"name": "c", "x": "s", "y": "GT/s", "points": []}]},
       {"map": {"rows": "drive level", "columns": "post-cursor", "rowValues": [0, 1],
                "columnValues": [0, 1, 2], "counts": [[0, 255, null], [1, 0, 0]],
-               "centre": [1, 2]}}])"));
+               "centre": [1, 2]}},
+      {"name": "many", "series": [
+          {"x": "n", "y": "m", "points": [[0, 0]]}, {"x": "n", "y": "m", "points": [[0, 1]]},
+          {"x": "n", "y": "m", "points": [[0, 2]]}, {"x": "n", "y": "m", "points": [[0, 3]]},
+          {"x": "n", "y": "m", "points": [[0, 4]]}, {"x": "n", "y": "m", "points": [[0, 5]]},
+          {"x": "n", "y": "m", "points": [[0, 6]]}]}])"));
   xml.end();
   const std::string drawn = xml.document();
   ASSERT_EQ(document.Parse(drawn.c_str()), tinyxml2::XML_SUCCESS);
-  EXPECT_EQ(number(*document.RootElement(), "svg"), 3) << "a plot for each pair of axes, the map";
+  EXPECT_EQ(number(*document.RootElement(), "svg"), 4) << "a plot for each pair of axes, the map";
   EXPECT_THAT(drawn,
               AllOf(HasSubstr("d=\"M70 250L740 30\""), HasSubstr("class=\"curve s1\" d=\"M204"),
                     HasSubstr("class=\"cell unknown\""), HasSubstr("class=\"centre\" x=\"156\""),
-                    HasSubstr(">255<"), Not(HasSubstr("nan")), Not(HasSubstr("inf"))));
+                    HasSubstr("curve s5\""), HasSubstr("curve s0 again\""), HasSubstr(">255<"),
+                    Not(HasSubstr("nan")), Not(HasSubstr("inf"))));
 }
 
 TEST_F(Records, LogEverythingAsItHappens) {
