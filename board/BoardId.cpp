@@ -140,14 +140,7 @@ bool BoardId::isPMBConnected() const {
   if (!isSPB() || !isProtoZero()) {
     return false;
   }
-  const UdevI2cDevices devices;
-  for (udev_list_entry* entry = devices.first(); entry != nullptr;
-       entry = udev_list_entry_get_next(entry)) {
-    if (contains(udev_list_entry_get_name(entry), pmbDevice)) {
-      return true;
-    }
-  }
-  return false;
+  return UdevI2cDevices().any([](const char* path) { return contains(path, pmbDevice); });
 }
 
 bool BoardId::isIMBConnected() const {

@@ -17,10 +17,23 @@ class UdevI2cDevices {
 
   udev* context() const { return library.get(); }
 
-  /// The first device, null when there is none; its name is the device's sysfs path.
-  udev_list_entry* first() const;
+  /// Calls `visit` with the sysfs path of each device, in udev's order, until it returns true.
+  /// Returns whether it did. A device whose path udev does not tell is passed over.
+  template <typename Visit>
+  bool any(Visit visit) const {
+    for (udev_list_entry* entry = first(); entry != nullptr;
+         entry = udev_list_entry_get_next(entry)) {
+      const char* const path = udev_list_entry_get_name(entry);
+      if (path != nullptr && visit(path)) {
+        return true;
+      }
+    }
+    return false;
+  }
 
  private:
+  udev_list_entry* first() const;
+
   struct Release {
     void operator()(udev* object) const { udev_unref(object); }
     void operator()(udev_enumerate* object) const { udev_enumerate_unref(object); }

@@ -56,14 +56,14 @@ Description describe(unsigned int moduleNumber) {
     throw std::runtime_error("Can't create udev");
   }
   Description description;
-  for (udev_list_entry* entry = devices.first(); entry != nullptr;
-       entry = udev_list_entry_get_next(entry)) {
+  devices.any([&](const char* path) {
     const std::unique_ptr<udev_device, ReleaseDevice> device(
-        udev_device_new_from_syspath(devices.context(), udev_list_entry_get_name(entry)));
+        udev_device_new_from_syspath(devices.context(), path));
     if (device != nullptr) {
       addDevice(description, device.get());
     }
-  }
+    return false;
+  });
   return description;
 }
 

@@ -118,10 +118,10 @@ std::vector<std::string> Udev_PCA9536::GetDevices() const {
     throw std::runtime_error("Can't create udev");
   }
   std::vector<std::string> paths;
-  for (udev_list_entry* entry = expanders.first(); entry != nullptr;
-       entry = udev_list_entry_get_next(entry)) {
-    paths.emplace_back(udev_list_entry_get_name(entry));
-  }
+  expanders.any([&paths](const char* path) {
+    paths.emplace_back(path);
+    return false;
+  });
   return paths;
 }
 

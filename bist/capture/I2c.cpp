@@ -50,7 +50,11 @@ std::vector<Found> listAll(Capture& capture) {
   }
   for (udev_list_entry* entry = udev_enumerate_get_list_entry(list.get()); entry != nullptr;
        entry = udev_list_entry_get_next(entry)) {
-    const std::string path = udev_list_entry_get_name(entry);
+    const char* const name = udev_list_entry_get_name(entry);
+    if (name == nullptr) {
+      continue;
+    }
+    const std::string path = name;
     const Owned<udev_device> device(udev_device_new_from_syspath(context.get(), path.c_str()));
     all.push_back({path, path.substr(path.rfind('/') + 1), device != nullptr});
   }
