@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <glib.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -31,11 +32,23 @@ void tellPrograms(const fs::path& stateFile) {
   ::close(fd);
 }
 
-/// Calls `running` or `abandoned` with the directory of each instrument.
+/// Whether a directory is an instrument's of this user, to which nobody else can write. Others may
+/// make whatever they like where temporary files are, links and directories of such names too.
+bool isOwn(const fs::path& directory) {
+  struct stat status {};
+  return directory.filename().string().rfind(directoryStart, 0) == 0 &&
+         lstat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+         status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+}
+
+/// Calls `running` or `abandoned` with the directory of each of this user's instruments.
 template <typename Running, typename Abandoned>
 void forEachInstrument(Running running, Abandoned abandoned) {
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(g_get_tmp_dir(), ignored)) {
+    if (!isOwn(entry.path())) {
+      continue;
+    }
     const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CLOEXEC);
     if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) {
       abandoned(entry.path());

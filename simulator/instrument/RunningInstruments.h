@@ -4,8 +4,12 @@
 #include <string>
 #include <vector>
 
-/// The instruments that run on this machine.
+/// The instruments that this user runs on this machine. Those of others are left alone, by root
+/// too: what they say of themselves need not be true.
 namespace simulator {
+
+/// How the name of an instrument's directory begins.
+constexpr char directoryStart[] = "talvero-sim.";
 
 /// A file in an instrument's directory that its process holds locked for as long as it lives.
 constexpr char lockName[] = "talvero-sim.lock";

@@ -66,7 +66,7 @@ std::string ownLibrary() {
 
 /// The directory of a new instrument, which umockdev shows from now on.
 std::string createRoot() {
-  std::string root = (fs::path(g_get_tmp_dir()) / "talvero-sim.XXXXXX").string();
+  std::string root = (fs::path(g_get_tmp_dir()) / directoryStart).string() + "XXXXXX";
   if (!fs::path(root).is_absolute() || mkdtemp(root.data()) == nullptr) {
     throw std::runtime_error("no directory for temporary files: " + std::string(g_get_tmp_dir()) +
                              " (TMPDIR)");
