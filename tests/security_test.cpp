@@ -27,6 +27,49 @@ namespace fs = std::filesystem;
 
 constexpr uid_t someoneElse = 65533;
 
+/// Two devices that a link leads out of the instrument, to the directory "bus/i2c" beside it.
+constexpr char leadingOut[] =
+    "[bus i2c-3]\nparent=i2c-2/2-0050/subsystem/x\n"
+    "[bus i2c-4]\nparent=i2c-2/2-0050/subsystem/x/i2c-3/subsystem/y\n"
+    "[i2c]\n2-0050=x\n4-0050=y\n";
+
+TEST(Security, DescriptionsWriteOnlyIntoTheirInstrument) {
+  const TemporaryDirectory directory;
+  fs::create_directories(directory.path + "/bus/i2c");
+  const std::string file = directory.file("d.conf", leadingOut);
+  const Outcome outcome = runCommand("TMPDIR=" + directory.path + " " TALVERO_SIM " --instrument " +
+                                     file + " -- echo started");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_EQ(outcome.errors,
+            "talvero-sim: /sys/devices/i2c-2/2-0050/subsystem: is no directory that a bus can be "
+            "in\n");
+  EXPECT_TRUE(fs::is_empty(directory.path + "/bus/i2c"));
+  fs::remove_all(directory.path + "/bus");
+  fs::remove(file);
+  EXPECT_TRUE(fs::is_empty(directory.path)) << "nothing is left behind";
+}
+
+TEST(Security, ChangesWriteOnlyIntoTheirInstrument) {
+  Instrument instrument("[i2c]\n2-0050=x\n");
+  const std::string taken = "/sys/devices/i2c-2/2-0050/name";
+  for (const char* const place : {"i2c-2/2-0050/subsystem", "i2c-2/2-0050/name"}) {
+    EXPECT_THAT(
+        [&] {
+          instrument.set({std::string("bus i2c-4 parent=") + place, "gpio 5=high"});
+        },
+        testing::ThrowsMessage<std::runtime_error>(
+            HasSubstr(std::string(place) + ": is no directory that a bus can be in")));
+  }
+  EXPECT_FALSE(instrument.hardware().lines[5].level) << "nothing has changed";
+  EXPECT_EQ(contentOf(taken), "x\n");
+  instrument.set({"bus i2c-4 parent=platform/x"});
+  EXPECT_TRUE(fs::exists("/sys/devices/platform/x/i2c-4/name"));
+  const std::string tooLong = "bus i2c-4 parent=" + std::string(100000, 'x');
+  EXPECT_THAT([&] { instrument.set({tooLong}); },
+              testing::ThrowsMessage<std::runtime_error>("longer than 1000 characters"));
+}
+
 /// What looks as an instrument's directory does, locked as one that runs where that is wanted.
 class Pretender {
  public:

@@ -177,7 +177,8 @@ void change(State& state, const std::vector<Setting>& settings) {
   settle(state);  // what time has brought about by now
   state.hardware.time = now(state);
   const Tree before = treeOf(state.hardware);
-  const auto changed = std::make_unique<Hardware>(state.hardware);
+  const auto unchanged = std::make_unique<Hardware>(state.hardware);
+  const auto changed = std::make_unique<Hardware>(*unchanged);
   for (const Setting& setting : settings) {
     try {
       apply(*changed, setting);
@@ -187,7 +188,12 @@ void change(State& state, const std::vector<Setting>& settings) {
   }
   state.hardware = *changed;
   settle(state);
-  changeFiles(state.root, before, treeOf(state.hardware));
+  try {
+    changeFiles(state.root, before, treeOf(state.hardware));
+  } catch (const std::exception&) {
+    state.hardware = *unchanged;
+    throw;
+  }
 }
 
 Change& newChange(Hardware& hardware) {

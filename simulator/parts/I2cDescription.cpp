@@ -426,7 +426,8 @@ void setBus(Hardware& hardware, const std::string& instance, const std::string& 
     throw unknownKey();
   }
   if (!value.empty() &&
-      (!std::regex_match(value, pattern) || value.find("..") != std::string::npos)) {
+      (!std::regex_match(value, pattern) || value.find("..") != std::string::npos ||
+       ("/" + value + "/").find("/./") != std::string::npos)) {
     throw mustBe("a directory below /sys/devices such as platform/30a40000.i2c", value);
   }
   I2cBus& result = bus(hardware, instance);

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 namespace simulator {
@@ -25,6 +26,26 @@ bool reaches(const Tree& tree, const std::string& path) {
   const auto below = tree.lower_bound(path + "/");
   return tree.count(path) != 0 ||
          (below != tree.end() && below->first.compare(0, path.size() + 1, path + "/") == 0);
+}
+
+/// The directory that a file is in.
+std::string directoryOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+/// Throws where the path of a directory leads through a file of the tree: by a link it would be
+/// somewhere else, outside the root directory even.
+void requireDirectories(const Tree& tree) {
+  std::string known;
+  for (const auto& [path, file] : tree) {
+    const std::string directory = directoryOf(path);
+    for (std::string above = directory; directory != known && !above.empty();
+         above = directoryOf(above)) {
+      const auto found = tree.find(above);
+      if (found != tree.end() && !S_ISDIR(found->second.mode)) {
+        throw std::runtime_error(above + ": is no directory that a bus can be in");
+      }
+    }
+    known = directory;
+  }
 }
 
 /// Removes a file and the directories that it leaves empty.
@@ -71,6 +92,7 @@ void addLink(Tree& tree, const std::string& path, const std::string& target) {
 }
 
 void changeFiles(const std::string& root, const Tree& before, const Tree& after) {
+  requireDirectories(after);
   for (auto file = before.rbegin(); file != before.rend(); ++file) {
     if (!isIn(after, *file)) {
       remove(root, file->first, after);
@@ -79,7 +101,7 @@ void changeFiles(const std::string& root, const Tree& before, const Tree& after)
   std::string directory;  // known to be there
   for (const auto& [path, file] : after) {
     if (!isIn(before, {path, file})) {
-      const std::string parent = path.substr(0, path.rfind('/'));
+      const std::string parent = directoryOf(path);
       if (parent != directory) {
         fs::create_directories(root + parent);
         directory = parent;

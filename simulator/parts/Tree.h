@@ -32,7 +32,8 @@ void addDirectory(Tree& tree, const std::string& path);
 void addLink(Tree& tree, const std::string& path, const std::string& target);
 
 /// Makes the files below a root directory those of one tree after they were those of another.
-/// Throws std::filesystem::filesystem_error if it cannot.
+/// Throws std::runtime_error, and has changed nothing, where the path of a file leads through
+/// another one, and std::filesystem::filesystem_error if it cannot.
 void changeFiles(const std::string& root, const Tree& before, const Tree& after);
 
 }  // namespace simulator
