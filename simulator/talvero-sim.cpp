@@ -234,6 +234,8 @@ int run(Arguments& arguments) {
   if (arguments.expect) {
     expected.emplace(*arguments.expect);
   }
+  const auto hardware = std::make_unique<simulator::Hardware>(
+      simulator::readDescription(descriptionFile(arguments.instrument)));
   sigset_t passed;
   sigemptyset(&passed);
   for (const int signal : {SIGCHLD, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2}) {
@@ -246,8 +248,6 @@ int run(Arguments& arguments) {
   std::string difference;
   {
     simulator::removeAbandonedInstruments();
-    const auto hardware = std::make_unique<simulator::Hardware>(
-        simulator::readDescription(descriptionFile(arguments.instrument)));
     requireWritable(arguments.state);
     simulator::SimulatedInstrument instrument(
         *hardware, {arguments.fast, traceFile(arguments), arguments.name, arguments.timestamps,

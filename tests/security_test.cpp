@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -26,6 +25,57 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr uid_t someoneElse = 65533;
+
+std::string repeated(const std::string& text, int times) {
+  std::string result;
+  for (int time = 0; time < times; ++time) {
+    result += text;
+  }
+  return result;
+}
+
+TEST(Security, HostileDescriptionsAreRefusedInALine) {
+  using namespace std::string_literals;
+  const std::string many = repeated("x", 200000);
+  const struct {
+    std::string text;
+    const char* reason;
+  } cases[] = {
+      {"[gpio]\n1=low\0high\n"s, "d.conf: line 2: has a control character"},
+      {"[gpio]\n1=\x1B[2J\n", "d.conf: line 2: has a control character"},
+      {"[gp\x7Fio]\n", "d.conf: line 1: has a control character"},
+      {"[gpio]\n1=low\r2=low\n", "d.conf: line 2: has a control character"},
+      {"[gpio]\n1=\xC2\x9B[J\n", "d.conf: line 2: has a control character"},
+      {"# \x9\x8\n", "d.conf: line 1: has a control character"},
+      {many, "d.conf: line 1: longer than 1000 characters"},
+      {"\n[" + many + "]\n", "d.conf: line 2: longer than 1000 characters"},
+      {"[at " + many + "]\ngpio 5=high\n", "d.conf: line 1: longer than 1000 characters"},
+      {"[after 2 " + many + "]\ngpio 5=high\n", "d.conf: line 1: longer than 1000 characters"},
+      {"[bus i2c-3]\nparent=" + many, "d.conf: line 2: longer than 1000 characters"},
+      {"[pci]\n[pci port1]\nprbs-good=1/1" + repeated(", 1/1", 50000),
+       "d.conf: line 3: longer than 1000 characters"},
+      {repeated("#\n", 600000), "d.conf: longer than 1048576 bytes"},
+      {"[bus i2c-3]\nparent=.", "d.conf: [bus i2c-3] parent: must be a directory below"},
+      {"[bus i2c-3]\nparent=a/./b", "d.conf: [bus i2c-3] parent: must be a directory below"},
+  };
+  for (const auto& test : cases) {
+    const std::string begin = test.text.substr(0, 40);
+    try {
+      simulator::parseDescription(test.text, "d.conf");
+      ADD_FAILURE() << begin << ": taken";
+    } catch (const simulator::DescriptionError& error) {
+      const std::string reason = error.what();
+      EXPECT_THAT(reason, StartsWith(test.reason)) << begin;
+      EXPECT_LT(reason.size(), 300U) << begin;
+      EXPECT_EQ(simulator::printable(reason), reason) << begin;
+    }
+  }
+  const std::string line = "[bus i2c-3]\nparent=" + std::string(900, 'x');
+  EXPECT_THAT(
+      [&] { simulator::parseDescription(line); },
+      testing::ThrowsMessage<simulator::DescriptionError>(HasSubstr("longer than 255 characters")));
+  simulator::parseDescription("# \xC2\xB0 " + many + "\r\n#\t\r\n\r\n[gpio]\r\n5 =\thigh\r\n");
+}
 
 /// Two devices that a link leads out of the instrument, to the directory "bus/i2c" beside it.
 constexpr char leadingOut[] =
@@ -68,6 +118,20 @@ TEST(Security, ChangesWriteOnlyIntoTheirInstrument) {
   const std::string tooLong = "bus i2c-4 parent=" + std::string(100000, 'x');
   EXPECT_THAT([&] { instrument.set({tooLong}); },
               testing::ThrowsMessage<std::runtime_error>("longer than 1000 characters"));
+}
+
+TEST(Security, DescriptionsFromPipesAreBoundedToo) {
+  const Outcome large =
+      runCommand("bash -c 'head -c 9000000 /dev/zero 2>/dev/null | " TALVERO_SIM
+                 " --show --instrument /dev/stdin; (( PIPESTATUS[0] )) && echo left the rest'");
+  EXPECT_EQ(large.output, "left the rest\n");
+  EXPECT_EQ(large.errors, "talvero-sim: /dev/stdin: longer than 1048576 bytes\n");
+  const TemporaryDirectory directory;
+  const std::string pipe = directory.path + "/pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_EQ(
+      runCommand("timeout -k 10 0.5 " TALVERO_SIM " --instrument " + pipe + " -- true").status,
+      124);
 }
 
 /// What looks as an instrument's directory does, locked as one that runs where that is wanted.

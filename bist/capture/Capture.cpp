@@ -19,12 +19,6 @@
 #include "simulator/parts/PowerLinks.h"
 #include "simulator/parts/Values.h"
 
-namespace {
-
-bool isControl(char letter) { return static_cast<unsigned char>(letter) < ' ' || letter == '\x7F'; }
-
-}  // namespace
-
 void Capture::begin(const std::string& group) {
   std::string instance;
   simulator::groupOf(group, instance).begin(*hardware, instance);
@@ -32,8 +26,7 @@ void Capture::begin(const std::string& group) {
 
 void Capture::say(const std::string& group, const std::string& key, const std::string& value) {
   // A description's values are lines that do not begin with a blank.
-  const bool isLine =
-      value.find_first_of(" \t") != 0 && std::none_of(value.begin(), value.end(), isControl);
+  const bool isLine = value.find(' ') != 0 && simulator::printable(value) == value;
   try {
     if (!isLine) {
       throw std::runtime_error("not a line of text");
@@ -48,11 +41,7 @@ void Capture::say(const std::string& group, const std::string& key, const std::s
   }
 }
 
-void Capture::remark(const std::string& text) {
-  std::string line = text;
-  std::replace_if(line.begin(), line.end(), isControl, '?');
-  notSaid.push_back(line);
-}
+void Capture::remark(const std::string& text) { notSaid.push_back(simulator::printable(text)); }
 
 void Capture::cannotRead(const std::string& what, int error) {
   notRead.push_back(what + ": " + errorText(error));

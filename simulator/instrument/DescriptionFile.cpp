@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "simulator/instrument/DescriptionFile.h"
 
+#include <fcntl.h>
 #include <glib.h>
+#include <poll.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -46,6 +50,37 @@ void readGroup(Hardware& hardware, GKeyFile* file, const std::string& fileName,
     }
   } catch (const std::runtime_error& reason) {
     throw DescriptionError(place + ": " + reason.what() + hint);
+  }
+}
+
+/// No description that talvero-sim or talvero-bist writes is as large.
+constexpr std::size_t mostBytes = 1 << 20;
+
+/// Why a line can be no part of a description, and has no place on a terminal; empty if it can.
+std::string reasonAgainst(std::string line) {
+  std::replace(line.begin(), line.end(), '\t', ' ');
+  if (printable(line) != line) {
+    return "has a control character";
+  }
+  return line.size() > longestLine && line[0] != '#' ? tooLong(longestLine).what() : "";
+}
+
+/// Descriptions come from others: whatever is in one, reading it takes little memory and stack, and
+/// an error that quotes it is one line.
+void requireLines(const std::string& text, const std::string& name) {
+  if (text.size() > mostBytes) {
+    throw DescriptionError(name + ": longer than " + std::to_string(mostBytes) + " bytes");
+  }
+  std::istringstream lines(text);
+  std::string line;
+  for (int number = 1; std::getline(lines, line); ++number) {
+    if (!line.empty() && line.back() == '\r') {  // as other systems end lines
+      line.pop_back();
+    }
+    const std::string reason = reasonAgainst(line);
+    if (!reason.empty()) {
+      throw DescriptionError(name + ": line " + std::to_string(number) + ": " + reason);
+    }
   }
 }
 
@@ -97,6 +132,17 @@ bool isOfChanges(const std::string& groupName) {
   return groupName.compare(0, 3, "at ") == 0 || groupName.compare(0, 6, "after ") == 0;
 }
 
+/// Opens a file, a named pipe once somebody writes to it; negative if it cannot. umockdev would let
+/// no signal end an open() that waits.
+int openWhenReady(const std::string& file) {
+  const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  pollfd input{fd, POLLIN, 0};
+  while (fd >= 0 && ::poll(&input, 1, -1) < 0 && errno == EINTR) {
+  }
+  ::fcntl(fd, F_SETFL, 0);
+  return fd;
+}
+
 /// No two devices can be at one address.
 void requireOwnAddresses(const Hardware& hardware, const std::string& name) {
   for (std::size_t one = 0; one < pciPlaceCount; ++one) {
@@ -118,16 +164,23 @@ Hardware readDescription(const std::string& file) {
   if (std::filesystem::is_directory(file)) {
     throw DescriptionError(file + ": is a directory");
   }
-  std::ifstream stream(file, std::ios::binary);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  if (!stream.is_open() || stream.bad() || text.bad()) {
+  const int fd = openWhenReady(file);
+  std::string text(mostBytes + 1, '\0');
+  std::size_t used = 0;
+  ssize_t size = 0;
+  while ((size = ::read(fd, text.data() + used, text.size() - used)) > 0) {
+    used += static_cast<std::size_t>(size);
+  }
+  ::close(fd);
+  if (size < 0) {
     throw DescriptionError(file + ": cannot be read");
   }
-  return parseDescription(text.str(), file);
+  text.resize(used);
+  return parseDescription(text, file);
 }
 
 Hardware parseDescription(const std::string& text, const std::string& name) {
+  requireLines(text, name);
   const Owned<GKeyFile> file(g_key_file_new());
   GError* error = nullptr;
   if (!text.empty() && g_key_file_load_from_data(file.get(), text.data(), text.size(),

@@ -130,6 +130,9 @@ void countAccess(State& state, const std::string& access) {
 }  // namespace
 
 Setting parseSetting(const std::string& text) {
+  if (text.size() > longestLine) {
+    throw tooLong(longestLine);
+  }
   const std::size_t end = text.find('=');
   const std::size_t blank = end == std::string::npos ? end : text.rfind(' ', end);
   if (blank == std::string::npos || blank == 0 || blank + 1 == end) {

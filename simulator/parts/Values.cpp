@@ -16,6 +16,22 @@ std::runtime_error mustBe(const std::string& expected, const std::string& value)
 
 std::runtime_error unknownKey() { return std::runtime_error("unknown key"); }
 
+std::runtime_error tooLong(std::size_t longest) {
+  return std::runtime_error("longer than " + std::to_string(longest) + " characters");
+}
+
+std::string printable(const std::string& text) {
+  std::string result = text;
+  char before = '\0';
+  for (char& letter : result) {
+    const auto byte = static_cast<unsigned char>(letter);
+    const bool isControl = byte < ' ' || byte == 0x7F || (before == '\xC2' && byte < 0xA0);
+    before = letter;
+    letter = isControl ? '?' : letter;
+  }
+  return result;
+}
+
 std::uint32_t number(const std::string& value) {
   char* end = nullptr;
   errno = 0;
@@ -59,7 +75,7 @@ bool choice(const std::string& value, const char* first, const char* second) {
 
 void setText(char* place, std::size_t size, const std::string& value) {
   if (value.size() >= size) {
-    throw std::runtime_error("longer than " + std::to_string(size - 1) + " characters");
+    throw tooLong(size - 1);
   }
   value.copy(place, value.size());
   place[value.size()] = '\0';

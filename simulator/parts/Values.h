@@ -17,6 +17,14 @@ std::runtime_error mustBe(const std::string& expected, const std::string& value)
 
 std::runtime_error unknownKey();
 
+/// No line of a description is longer, but for comments, and no setting.
+constexpr std::size_t longestLine = 1000;
+
+std::runtime_error tooLong(std::size_t longest);
+
+/// A text with a question mark for each control character, those of UTF-8 too.
+std::string printable(const std::string& text);
+
 /// A number from 0 to 0xffffffff, decimal or with 0x.
 std::uint32_t number(const std::string& value);
 
