@@ -12,6 +12,7 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -189,6 +190,29 @@ TEST(HostHardware, IsAllThatIsHidden) {
   for (const auto& user : users) {
     EXPECT_EQ(outputAfter(user, sim + std::string("sh -c '") + aboutItself + "'"),
               outputAfter(user, std::string("sh -c '") + aboutItself + "'"));
+  }
+}
+
+TEST(HostHardware, IsNotReachedByProgramsWithCapabilities) {
+  const TemporaryDirectory directory;
+  const std::string program = directory.path + "/program";
+  std::filesystem::permissions(directory.path, std::filesystem::perms::all);
+  std::filesystem::copy_file(TALVERO_SIM, program);
+  const vfs_cap_data capability{VFS_CAP_REVISION_2, {{1U << CAP_NET_BIND_SERVICE, 0}, {0, 0}}};
+  if (setxattr(program.c_str(), "security.capability", &capability, sizeof capability, 0) != 0) {
+    GTEST_SKIP() << "not root, or no capabilities of files";
+  }
+  const std::string reason =
+      "talvero-sim: " + program +
+      " has capabilities of its own: it would reach this machine's own hardware\n";
+  for (const std::string& command : {program, "sh -c 'exec " + program + "'"}) {
+    const std::string output = outputAfter(becomeNobody, sim + command);
+    if (output == "cannot change") {
+      GTEST_SKIP() << "nobody else may run what was built here";
+    }
+    EXPECT_THAT(output, testing::StartsWith(reason));
+    EXPECT_THAT(outputAfter(changeNothing, sim + command), Not(HasSubstr(reason)))
+        << "root's programs gain nothing";
   }
 }
 

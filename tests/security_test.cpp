@@ -203,4 +203,21 @@ TEST(Security, InstrumentsAreOpenToTheirUserOnlyAndOfNoForeseenName) {
   EXPECT_NE(one, runCommand(command).output);
 }
 
+TEST(Security, StrangeProgramFilesAreTheKernelsToRefuse) {
+#ifndef __x86_64__
+  GTEST_SKIP() << "QEMU, not the kernel, starts programs";
+#endif
+  const TemporaryDirectory directory;
+  const std::string itself = directory.path + "/itself";
+  directory.file("itself", "#!" + itself + "\n");
+  fs::permissions(itself, fs::perms::owner_all);
+  const std::string pipe = directory.path + "/pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0700), 0);
+  for (const std::string& program : {itself, pipe}) {
+    const Outcome outcome = runCommand("timeout -k 10 10 " TALVERO_SIM " -- " + program);
+    EXPECT_EQ(outcome.status, 126);
+    EXPECT_THAT(outcome.errors, StartsWith("talvero-sim: cannot run " + program + ": "));
+  }
+}
+
 }  // namespace

@@ -21,7 +21,7 @@ bool readAll(int fd, void* place, std::size_t size, std::size_t offset) {
 }
 
 int openProgram(const char* name) {
-  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, name, O_RDONLY | O_CLOEXEC));
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
 bool readHeader(int fd, Elf64_Ehdr& header) {
@@ -61,12 +61,28 @@ const char* interpreterOf(int fd, char (&line)[256]) {
   return name;
 }
 
-}  // namespace
+/// Whether the dynamic linker distrusts the environment of the program.
+bool hasCapabilities(int fd) {
+  return getuid() != 0 && syscall(SYS_fgetxattr, fd, "security.capability", nullptr, 0) > 0;
+}
 
-const char* reasonAgainst(int program) {
+/// The kernel follows no longer chain of interpreters.
+constexpr int mostInterpreters = 5;
+
+const char* reasonAgainstFile(int fd, int interpreters);
+
+const char* reasonAgainstName(const char* program, int interpreters) {
+  const int fd = openProgram(program);
+  const char* const reason = fd < 0 ? nullptr : reasonAgainstFile(fd, interpreters);
+  syscall(SYS_close, fd);
+  return reason;
+}
+
+const char* reasonAgainstFile(int program, int interpreters) {
   char line[256];
   if (const char* interpreter = interpreterOf(program, line)) {
-    return reasonAgainst(interpreter);
+    return interpreters == mostInterpreters ? nullptr
+                                            : reasonAgainstName(interpreter, interpreters + 1);
   }
   Elf64_Ehdr header{};
   if (!readHeader(program, header)) {
@@ -79,14 +95,16 @@ const char* reasonAgainst(int program) {
   if (fstat(program, &status) == 0 && (status.st_mode & (S_ISUID | S_ISGID)) != 0) {
     return "changes its user or group";
   }
+  if (hasCapabilities(program)) {
+    return "has capabilities of its own";
+  }
   return namesDynamicLinker(program, header) ? nullptr : "is statically linked";
 }
 
-const char* reasonAgainst(const char* program) {
-  const int fd = openProgram(program);
-  const char* const reason = fd < 0 ? nullptr : reasonAgainst(fd);
-  syscall(SYS_close, fd);
-  return reason;
-}
+}  // namespace
+
+const char* reasonAgainst(int program) { return reasonAgainstFile(program, 0); }
+
+const char* reasonAgainst(const char* program) { return reasonAgainstName(program, 0); }
 
 }  // namespace simulator
