@@ -220,4 +220,35 @@ TEST(Security, StrangeProgramFilesAreTheKernelsToRefuse) {
   }
 }
 
+/// The names of a loaded library's dynamic symbols.
+std::string namesIn(const link_map* library) {
+  const char* names = nullptr;
+  std::size_t size = 0;
+  for (const ElfW(Dyn)* entry = library->l_ld; entry->d_tag != DT_NULL; ++entry) {
+    if (entry->d_tag == DT_STRTAB) {
+      std::memcpy(&names, &entry->d_un.d_ptr, sizeof names);
+    } else if (entry->d_tag == DT_STRSZ) {
+      size = entry->d_un.d_val;
+    }
+  }
+  return {names, size};
+}
+
+TEST(Security, TheLibraryReadsNoEnvironment) {
+  int libraries = 0;
+  for (const link_map* library = _r_debug.r_map; library != nullptr; library = library->l_next) {
+    const std::string name = fs::path(library->l_name).filename();
+    if (name.rfind("libbist-talvero-hw-lib.so", 0) != 0 &&
+        name.rfind("libtalvero-platform.so", 0) != 0) {
+      continue;
+    }
+    ++libraries;
+    const std::string names = namesIn(library);
+    EXPECT_THAT(names, HasSubstr("dir"));
+    EXPECT_EQ(names.find("getenv"), std::string::npos) << name;
+    EXPECT_EQ(names.find("environ"), std::string::npos) << name;
+  }
+  EXPECT_EQ(libraries, 2);
+}
+
 }  // namespace

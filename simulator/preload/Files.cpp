@@ -202,7 +202,7 @@ __attribute__((constructor)) void start() {
   if (umockdevLock() != nullptr) {
     pthread_atfork(lockUmockdev, unlockUmockdev, unlockUmockdev);
   }
-  if (const char* stateFile = std::getenv(simulator::stateVariable)) {
+  if (const char* stateFile = secure_getenv(simulator::stateVariable)) {
     simulator::attach(stateFile);
     simulator::requireTree();
     simulator::takePartAlone();

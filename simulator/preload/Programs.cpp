@@ -35,7 +35,7 @@ constexpr std::size_t variableCount = std::size(variables);
 char settings[variableCount][PATH_MAX];  // "NAME=VALUE"; empty before there is an instrument
 
 __attribute__((constructor)) void rememberEnvironment() {
-  if (std::getenv(simulator::stateVariable) != nullptr) {
+  if (secure_getenv(simulator::stateVariable) != nullptr) {
     for (std::size_t index = 0; index < variableCount; ++index) {
       const char* const value = std::getenv(variables[index]);
       std::snprintf(settings[index], sizeof settings[index], "%s=%s", variables[index],

@@ -45,7 +45,7 @@ State& attach(const char* stateFile) {
 
 void requireTree() {
   // Answered by umockdev: the same file must be there through /sys and through the tree itself.
-  const char* root = std::getenv(rootVariable);
+  const char* root = secure_getenv(rootVariable);
   if (root == nullptr || std::string(root) != shared->root ||
       ::access("/sys/class/gpio/.talvero-sim", F_OK) != 0) {
     endProcess("the simulated /sys is not in place (is libumockdev-preload.so.0 loaded?)");
