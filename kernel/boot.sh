@@ -63,8 +63,11 @@ port shim 1 2 shim-port1
 port shim 5 2 shim-port5
 
 # The first serial port is connected to QEMU's test interface, by which the guest drives lines from
-# outside; the second is the console; the third takes the results.
-socket=$(mktemp -u "${TMPDIR:-/tmp}/talvero-guest.XXXXXX")
+# outside; the second is the console; the third takes the results. Nobody else can be at the other end
+# of a socket in a directory of our own.
+sockets=$(mktemp -d)
+trap 'rm -rf "$sockets"' EXIT
+socket=$sockets/qtest
 qemu=$unpacked/qemu
 loader=$(find "$qemu/lib64/" -name 'ld-linux-*.so.*')
 libs=$(dirname "$(find "$qemu/usr/lib" -name 'libglib-2.0.so.0' | head -n 1)")
@@ -76,7 +79,6 @@ timeout "$longest" "$loader" --library-path "$libs:${libs/usr\//}" \
   -initrd "$unpacked/initrd.gz" -append "console=ttymxc1 panic=-1 loglevel=4" \
   -qtest "unix:$socket,server=on,wait=off" -qtest-log /dev/null -serial "unix:$socket" \
   -serial "file:$results/console" -serial "file:$results/tar" "${devices[@]}" 2>"$results/qemu" || status=$?
-rm -f "$socket"
 if [ "$status" != 0 ] || ! tar -xf "$results/tar" -C "$results"; then
   cat "$results/qemu" "$results/console" >&2
   [ "$status" != 124 ] || echo "the guest was ended after $longest s" >&2
