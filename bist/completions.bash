@@ -17,6 +17,12 @@ _talvero_bist_help() {
   done < <("$program" "$@" --help 2>/dev/null)
 }
 
+# Names of files, which bash quotes where they have blanks or quotes.
+_talvero_bist_files() { # BEGINNING
+  mapfile -t COMPREPLY < <(compgen -f -- "$1")
+  compopt -o filenames 2>/dev/null
+}
+
 _talvero_bist() {
   local program=${COMP_WORDS[0]} word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local ports="DownstreamPort1 DownstreamPort5 DownstreamPort7 DownstreamPort9"
@@ -33,7 +39,7 @@ _talvero_bist() {
   done
   case "$before" in
     --expect | --write-expectation | --log | --junit | --html | --trace | --csv | --resume)
-      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      _talvero_bist_files "$word"
       return
       ;;
     --seconds | --minutes | --cycles | --mask | --set | --drive-level | --post-cursor) place=none ;;
@@ -46,7 +52,7 @@ _talvero_bist() {
   esac
   case "$command $place" in
     capture\ 0)
-      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      _talvero_bist_files "$word"
       return
       ;;
     link\ 0 | errors\ 0 | prbs\ 0 | margin\ 0 | tx\ 0 | stop\ 0 | register\ 0)

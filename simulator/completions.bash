@@ -1,5 +1,12 @@
 # SPDX-License-Identifier: MIT
 # bash completion for talvero-sim
+
+# Names of files, which bash quotes where they have blanks or quotes.
+_talvero_sim_files() { # BEGINNING
+  mapfile -t COMPREPLY < <(compgen -f -- "$1")
+  compopt -o filenames 2>/dev/null
+}
+
 _talvero_sim() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} index
   local words="set --instrument --fast --trace --timestamps --expect --state --summary --seed --name
@@ -9,7 +16,7 @@ _talvero_sim() {
       if ((index + 1 == COMP_CWORD)); then
         mapfile -t COMPREPLY < <(compgen -c -- "$word")
       else
-        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        _talvero_sim_files "$word"
       fi
       return
     fi
@@ -17,11 +24,12 @@ _talvero_sim() {
   case "$before" in
     --instrument)
       words=$("${COMP_WORDS[0]}" --list 2>/dev/null | cut -f 1)
-      mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word" && compgen -f -- "$word")
+      _talvero_sim_files "$word"
+      mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W "$words" -- "$word")
       return
       ;;
     --trace | --expect | --state)
-      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      _talvero_sim_files "$word"
       return
       ;;
   esac

@@ -125,6 +125,16 @@ TEST(TalveroBist, IsCompleted) {
   EXPECT_EQ(completed("report --tests link,p"), (Words{"link,prbs", "link,power"}));
   EXPECT_EQ(completed("power 2 o"), (Words{"on", "off"}));
   EXPECT_EQ(completed("soak --minutes \"\""), Words());
+  const TemporaryDirectory directory;
+  directory.file("a b", "");
+  const std::string begin = directory.path + "/a";
+  EXPECT_EQ(runCommand("bash -c '. " SOURCE_DIR "/bist/completions.bash; compopt() { echo $*; }; "
+                       "COMP_WORDS=(" TALVERO_BIST " --log " +
+                       begin +
+                       "); COMP_CWORD=2; "
+                       "_talvero_bist; printf \"%s\\n\" \"${COMPREPLY[@]}\"'")
+                .output,
+            "-o filenames\n" + begin + " b\n");
   for (const std::string& test : completed("report --tests \"\"")) {
     EXPECT_EQ(bist("full", "list").output.find("\n  " + test + " ") != std::string::npos, true)
         << test;

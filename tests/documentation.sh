@@ -100,6 +100,7 @@ check_links() {
   done < <(grep -oE '\]\([^()]+\.md(#[^()]*)?\)' "$page")
 }
 
+number=0
 prefix=$(cd "$1" && pwd)
 page=$(realpath "$2")
 source=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -109,6 +110,7 @@ export PKG_CONFIG_PATH CMAKE_PREFIX_PATH=$prefix LD_LIBRARY_PATH=$libraries LC_A
 export PATH=$prefix/bin:$PATH CMAKE_GENERATOR=Ninja
 # Outside a simulated instrument it refuses: an example never reaches this machine's own hardware.
 LD_PRELOAD=$(find "$prefix" -name libtalvero-sim-preload.so)
+[[ $LD_PRELOAD == /* && $LD_PRELOAD != *[$' \t\n:']* ]] || fail "no library to preload: $LD_PRELOAD"
 export LD_PRELOAD
 
 work=$(mktemp -d)
@@ -119,7 +121,7 @@ mkdir "$work/page"
 cd "$work/page"
 ln -s "$source" libbist-talvero-hw-lib
 
-number=0 kind='' block='' files=() status=0
+kind='' block='' files=() status=0
 while IFS= read -r line; do
   number=$((number + 1))
   if [ -n "$kind" ]; then
