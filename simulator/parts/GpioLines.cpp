@@ -35,7 +35,7 @@ struct LineAttribute {
 std::optional<LineAttribute> lineAttribute(const std::string& path) {
   const std::size_t slash = path.find('/');
   const std::string digits = path.substr(0, slash).substr(path.compare(0, 4, "gpio") == 0 ? 4 : 0);
-  if (slash == std::string::npos || digits.size() == slash || digits.empty() || digits.size() > 4 ||
+  if (slash == std::string::npos || digits.size() == slash || digits.empty() || digits.size() > 5 ||
       digits.find_first_not_of("0123456789") != std::string::npos ||
       !isLineAttribute(path.substr(slash + 1))) {
     return std::nullopt;
