@@ -19,6 +19,7 @@
 
 #include "simulator/shared/HiddenFiles.h"
 #include "simulator/shared/State.h"
+#include "simulator/shared/Trace.h"
 
 namespace simulator {
 
@@ -126,6 +127,7 @@ void coverHardware() {
 }  // namespace
 
 void hideHostHardware() {
+  const Nested nested;  // the names of what is hidden are the host's
   if (unshare(CLONE_NEWNS) == 0) {
     coverHardware();
     return;

@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "simulator/shared/Trace.h"
+
 namespace simulator {
 
 namespace {
@@ -93,6 +95,7 @@ void addLink(Tree& tree, const std::string& path, const std::string& target) {
 
 void changeFiles(const std::string& root, const Tree& before, const Tree& after) {
   requireDirectories(after);
+  const Nested nested;
   for (auto file = before.rbegin(); file != before.rend(); ++file) {
     if (!isIn(after, *file)) {
       remove(root, file->first, after);

@@ -200,6 +200,15 @@ int openAttribute(const SysfsPath& path, int flags) {
   return createMemoryFile(path, mode == 'w' ? "" : content, flags);
 }
 
+bool isBelowSys(int fd) {
+  if (fd < 0 || !attached() || nested()) {
+    return false;
+  }
+  const std::string target = targetOf(fd);
+  return startsWith(target, memoryFileStart) ||
+         startsWith(target + "/", state()->root + std::string("/sys/"));
+}
+
 bool isWritableAttribute(int fd) {
   const OpenAttribute attribute = attributeOf(fd);
   return attribute.path && attribute.mode != 'r';

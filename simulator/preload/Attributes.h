@@ -22,6 +22,9 @@ namespace simulator {
 /// A descriptor for an attribute of a part; -1 with errno when it cannot be opened.
 int openAttribute(const SysfsPath& path, int flags);
 
+/// Whether the descriptor is a file below /sys, an attribute or another.
+bool isBelowSys(int fd);
+
 /// Whether the descriptor is an attribute that is open for writing.
 bool isWritableAttribute(int fd);
 

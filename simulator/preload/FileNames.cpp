@@ -7,21 +7,37 @@
 #include <fts.h>
 #include <ftw.h>
 #include <glob.h>
+#include <mntent.h>
+#include <nl_types.h>
+#include <sys/fanotify.h>
+#include <sys/inotify.h>
+#include <sys/ipc.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/statvfs.h>
+#include <sys/swap.h>
 #include <sys/time.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <utime.h>
+#include <utmp.h>
+#include <utmpx.h>
 #include <wordexp.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string>
 
+#include "simulator/preload/Attributes.h"
 #include "simulator/preload/Next.h"
 #include "simulator/preload/Paths.h"
+#include "simulator/shared/State.h"
 #include "simulator/shared/Trace.h"
 
 using simulator::next;
@@ -33,35 +49,68 @@ static_assert(sizeof(off_t) == sizeof(off64_t) && sizeof(struct stat) == sizeof(
 
 namespace {
 
-/// A file's name as it leads to the instrument's file.
+/// A file's name as it leads to the instrument's file, or to none where the instrument lacks one.
+/// Without a name it is an open file.
 class Shown {
  public:
-  Shown(int directory, const char* name) : given(name) {
-    if (const auto path = simulator::sysfsPath(simulator::absolutePath(directory, name))) {
-      redirected = simulator::treePath(*path);
+  Shown(int directory, const char* name, bool followLast = true) : given(name) {
+    const std::string absolute = simulator::absolutePath(directory, name, followLast);
+    if (simulator::isHidden(absolute)) {
+      inTree = belowSys = simulator::state()->root + absolute;
+    } else if (const auto path = simulator::sysfsPath(absolute)) {
+      inTree = simulator::treePath(*path);
+      belowSys = path->full;
     }
+    isOpen = absolute.empty() && simulator::isBelowSys(directory);
   }
-  explicit Shown(const char* name) : Shown(AT_FDCWD, name) {}
+  explicit Shown(const char* name, bool followLast = true) : Shown(AT_FDCWD, name, followLast) {}
 
-  operator const char*() const { return isBelowSys() ? redirected.c_str() : given; }
-  bool isBelowSys() const { return !redirected.empty(); }
+  /// Whether it is the instrument that decides about the file.
+  bool isInstruments() const { return isOpen || !inTree.empty(); }
+
+  /// For functions that ask the kernel themselves.
+  operator const char*() const { return inTree.empty() ? given : inTree.c_str(); }
+
+  /// For those that umockdev shows the tree.
+  const char* name() const { return inTree.empty() ? given : belowSys.c_str(); }
 
  private:
   const char* given;
-  std::string redirected;
+  bool isOpen = false;
+  std::string inTree;
+  std::string belowSys;
 };
 
-/// What a change of files comes to: refused, with EPERM, where one is the instrument's and it is
-/// not the instrument that makes it.
+constexpr bool itself = false;  // the symbolic link that the name is
+
+bool follows(int flags) { return (flags & AT_SYMLINK_NOFOLLOW) == 0; }
+
+/// What a change of files comes to: refused where one is the instrument's and it is not the
+/// instrument that makes it.
 template <typename Change>
-int change(std::initializer_list<Shown> files, Change real) {
+int change(int error, std::initializer_list<Shown> files, Change real) {
   for (const Shown& file : files) {
-    if (file.isBelowSys() && !simulator::nested()) {
-      errno = EPERM;
+    if (file.isInstruments() && !simulator::nested()) {
+      errno = error;
       return -1;
     }
   }
   return real();
+}
+
+/// Nobody makes one more door: a device by another name, or one more of the file systems that show
+/// the hardware.
+bool isDoor(mode_t mode) { return S_ISCHR(mode) || S_ISBLK(mode); }
+
+bool isDoor(const char* fileSystem) {
+  const auto is = [fileSystem](const char* name) { return std::strcmp(fileSystem, name) == 0; };
+  constexpr const char* doors[] = {"sysfs", "devtmpfs", "proc", "debugfs"};
+  return fileSystem != nullptr && std::any_of(std::begin(doors), std::end(doors), is);
+}
+
+int refuseDoor() {
+  errno = EPERM;
+  return -1;
 }
 
 /// A walk through a directory of the tree, whose files are shown by their names below /sys.
@@ -77,7 +126,7 @@ thread_local Walk walk;
 template <typename Real>
 int walkThrough(const char* directory, Walk wanted, Real real) {
   const Shown shown(directory);
-  if (!shown.isBelowSys()) {
+  if (!shown.isInstruments()) {
     return real(directory, false);
   }
   const std::string tree = static_cast<const char*>(shown);
@@ -93,10 +142,47 @@ int walkThrough(const char* directory, Walk wanted, Real real) {
 
 extern "C" {
 
-int faccessat(int directory, const char* path, int mode, int flags) noexcept {
-  static const auto real = next(&faccessat, "faccessat");
-  return real(directory, Shown(directory, path), mode, flags);
-}
+#define SHOWN(type, name, parameters, arguments)   \
+  type name parameters {                           \
+    static const auto real = next(&(name), #name); \
+    return real arguments;                         \
+  }
+
+SHOWN(int, stat, (const char* path, struct stat* result) noexcept, (Shown(path).name(), result))
+SHOWN(int, lstat, (const char* path, struct stat* result) noexcept,
+      (Shown(path, itself).name(), result))
+SHOWN(int, fstatat, (int directory, const char* path, struct stat* result, int flags) noexcept,
+      (directory, Shown(directory, path, follows(flags)).name(), result, flags))
+SHOWN(int, statx,
+      (int directory, const char* path, int flags, unsigned int mask,
+       struct statx* result) noexcept,
+      (directory, Shown(directory, path, follows(flags)).name(), flags, mask, result))
+SHOWN(int, access, (const char* path, int mode) noexcept, (Shown(path).name(), mode))
+SHOWN(int, faccessat, (int directory, const char* path, int mode, int flags) noexcept,
+      (directory, Shown(directory, path, follows(flags)), mode, flags))
+SHOWN(ssize_t, readlink, (const char* path, char* target, size_t size) noexcept,
+      (Shown(path, itself).name(), target, size))
+SHOWN(ssize_t, readlinkat, (int directory, const char* path, char* target, size_t size) noexcept,
+      (directory, Shown(directory, path, itself).name(), target, size))
+SHOWN(char*, realpath, (const char* path, char* result) noexcept, (Shown(path).name(), result))
+SHOWN(char*, canonicalize_file_name, (const char* path) noexcept, (Shown(path).name()))
+SHOWN(int, chdir, (const char* path) noexcept, (Shown(path).name()))
+SHOWN(int, statfs, (const char* path, struct statfs* result) noexcept, (Shown(path).name(), result))
+SHOWN(int, statvfs, (const char* path, struct statvfs* result) noexcept, (Shown(path), result))
+SHOWN(long, pathconf, (const char* path, int name) noexcept, (Shown(path), name))
+SHOWN(key_t, ftok, (const char* path, int number) noexcept, (Shown(path), number))
+SHOWN(ssize_t, getxattr, (const char* path, const char* name, void* value, size_t size) noexcept,
+      (Shown(path).name(), name, value, size))
+SHOWN(ssize_t, lgetxattr, (const char* path, const char* name, void* value, size_t size) noexcept,
+      (Shown(path, itself).name(), name, value, size))
+SHOWN(ssize_t, listxattr, (const char* path, char* list, size_t size) noexcept,
+      (Shown(path), list, size))
+SHOWN(ssize_t, llistxattr, (const char* path, char* list, size_t size) noexcept,
+      (Shown(path, itself), list, size))
+SHOWN(int, inotify_add_watch, (int fd, const char* path, uint32_t mask) noexcept,
+      (fd, Shown(path).name(), mask))
+SHOWN(int, open_tree, (int directory, const char* path, unsigned int flags) noexcept,
+      (directory, Shown(directory, path, follows(static_cast<int>(flags))), flags))
 
 int eaccess(const char* path, int mode) noexcept {
   return faccessat(AT_FDCWD, path, mode, AT_EACCESS);
@@ -104,19 +190,43 @@ int eaccess(const char* path, int mode) noexcept {
 
 int euidaccess(const char* path, int mode) noexcept { return eaccess(path, mode); }
 
-int statvfs(const char* path, struct statvfs* result) noexcept {
-  static const auto real = next(&statvfs, "statvfs");
-  return real(Shown(path), result);
+// umockdev shows the working directory to getcwd alone.
+
+char* getwd(char* buffer) noexcept { return getcwd(buffer, PATH_MAX); }
+
+char* get_current_dir_name() noexcept { return getcwd(nullptr, 0); }
+
+// What these become in programs built with -D_FORTIFY_SOURCE.
+char* __getwd_chk(char* buffer, size_t size) { return getcwd(buffer, size); }
+
+ssize_t __readlink_chk(const char* path, char* target, size_t size, size_t /*room*/) {
+  return readlink(path, target, size);
 }
 
-ssize_t listxattr(const char* path, char* list, size_t size) noexcept {
-  static const auto real = next(&listxattr, "listxattr");
-  return real(Shown(path), list, size);
+ssize_t __readlinkat_chk(int directory, const char* path, char* target, size_t size,
+                         size_t /*room*/) {
+  return readlinkat(directory, path, target, size);
 }
 
-ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
-  static const auto real = next(&llistxattr, "llistxattr");
-  return real(Shown(path), list, size);
+char* __realpath_chk(const char* path, char* result, size_t /*room*/) {
+  return realpath(path, result);
+}
+
+// What these were in programs built with older C libraries.
+int __xstat(int /*version*/, const char* path, struct stat* result) { return stat(path, result); }
+
+int __lxstat(int /*version*/, const char* path, struct stat* result) { return lstat(path, result); }
+
+int __fxstatat(int /*version*/, int directory, const char* path, struct stat* result, int flags) {
+  return fstatat(directory, path, result, flags);
+}
+
+int __xmknod(int /*version*/, const char* path, mode_t mode, const dev_t* device) {
+  return mknod(path, mode, *device);
+}
+
+int __xmknodat(int /*version*/, int directory, const char* path, mode_t mode, const dev_t* device) {
+  return mknodat(directory, path, mode, *device);
 }
 
 // The C library's own pattern matching and walks ask the kernel directly.
@@ -165,7 +275,7 @@ int nftw(const char* directory, int (*take)(const char*, const struct stat*, int
 FTS* fts_open(char* const* paths, int options, int (*compare)(const FTSENT**, const FTSENT**)) {
   static const auto real = next(&fts_open, "fts_open");
   for (char* const* path = paths; *path != nullptr; ++path) {
-    if (Shown(*path).isBelowSys()) {
+    if (Shown(*path).isInstruments()) {
       errno = EACCES;
       return nullptr;
     }
@@ -180,7 +290,7 @@ int wordexp(const char* words, wordexp_t* result, int flags) {
     return error;
   }
   for (std::size_t word = 0; word < result->we_wordc; ++word) {
-    if (Shown(result->we_wordv[result->we_offs + word]).isBelowSys()) {
+    if (Shown(result->we_wordv[result->we_offs + word]).isInstruments()) {
       wordfree(result);
       return WRDE_NOSPACE;
     }
@@ -188,70 +298,185 @@ int wordexp(const char* words, wordexp_t* result, int flags) {
   return 0;
 }
 
-#define REFUSED_BELOW_SYS(name, parameters, arguments, ...)       \
-  int name parameters noexcept {                                  \
-    static const auto real = next(&name, #name);                  \
-    return change({__VA_ARGS__}, [&] { return real arguments; }); \
+// These open or take what they are given by calls that could not be answered here.
+
+std::FILE* setmntent(const char* path, const char* mode) noexcept {
+  static const auto real = next(&setmntent, "setmntent");
+  return change(EACCES, {Shown(path)}, [] { return 0; }) == 0 ? real(path, mode) : nullptr;
+}
+
+nl_catd catopen(const char* path, int flags) {
+  static const auto real = next(&catopen, "catopen");
+  const bool refused = change(EACCES, {Shown(path)}, [] { return 0; }) != 0;
+  return refused ? reinterpret_cast<nl_catd>(-1)  // NOLINT(performance-no-int-to-ptr)
+                 : real(path, flags);
+}
+
+void updwtmp(const char* path, const utmp* record) noexcept {
+  static const auto real = next(&updwtmp, "updwtmp");
+  change(EACCES, {Shown(path)}, [&] { return real(path, record), 0; });
+}
+
+char* mkdtemp(char* pattern) noexcept {
+  static const auto real = next(&mkdtemp, "mkdtemp");
+  return change(EPERM, {Shown(pattern)}, [] { return 0; }) == 0 ? real(pattern) : nullptr;
+}
+
+int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
+  static const auto real = next(&bind, "bind");
+  const bool isFile = size > sizeof(sa_family_t) && address->sa_family == AF_UNIX;
+  const std::string name =
+      isFile ? std::string(address->sa_data, strnlen(address->sa_data, size - sizeof(sa_family_t)))
+             : "";
+  return change(EPERM, {Shown(AT_FDCWD, name.c_str())}, [&] { return real(fd, address, size); });
+}
+
+#define REFUSED(error, name, parameters, arguments, ...)                 \
+  int name parameters {                                                  \
+    static const auto real = next(&name, #name);                         \
+    return change(error, {__VA_ARGS__}, [&] { return real arguments; }); \
   }
 
-REFUSED_BELOW_SYS(chmod, (const char* path, mode_t mode), (path, mode), Shown(path))
-REFUSED_BELOW_SYS(lchmod, (const char* path, mode_t mode), (path, mode), Shown(path))
-REFUSED_BELOW_SYS(fchmodat, (int directory, const char* path, mode_t mode, int flags),
-                  (directory, path, mode, flags), Shown(directory, path))
-REFUSED_BELOW_SYS(chown, (const char* path, uid_t user, gid_t group), (path, user, group),
-                  Shown(path))
-REFUSED_BELOW_SYS(lchown, (const char* path, uid_t user, gid_t group), (path, user, group),
-                  Shown(path))
-REFUSED_BELOW_SYS(fchownat, (int directory, const char* path, uid_t user, gid_t group, int flags),
-                  (directory, path, user, group, flags), Shown(directory, path))
-REFUSED_BELOW_SYS(rename, (const char* from, const char* to), (from, to), Shown(from), Shown(to))
-REFUSED_BELOW_SYS(renameat, (int fromDirectory, const char* from, int toDirectory, const char* to),
-                  (fromDirectory, from, toDirectory, to), Shown(fromDirectory, from),
-                  Shown(toDirectory, to))
-REFUSED_BELOW_SYS(renameat2,
-                  (int fromDirectory, const char* from, int toDirectory, const char* to,
-                   unsigned int flags),
-                  (fromDirectory, from, toDirectory, to, flags), Shown(fromDirectory, from),
-                  Shown(toDirectory, to))
-REFUSED_BELOW_SYS(link, (const char* from, const char* to), (from, to), Shown(from), Shown(to))
-REFUSED_BELOW_SYS(linkat,
-                  (int fromDirectory, const char* from, int toDirectory, const char* to, int flags),
-                  (fromDirectory, from, toDirectory, to, flags), Shown(fromDirectory, from),
-                  Shown(toDirectory, to))
-REFUSED_BELOW_SYS(symlink, (const char* target, const char* path), (target, path), Shown(path))
-REFUSED_BELOW_SYS(symlinkat, (const char* target, int directory, const char* path),
-                  (target, directory, path), Shown(directory, path))
-REFUSED_BELOW_SYS(unlink, (const char* path), (path), Shown(path))
-REFUSED_BELOW_SYS(unlinkat, (int directory, const char* path, int flags), (directory, path, flags),
-                  Shown(directory, path))
-REFUSED_BELOW_SYS(remove, (const char* path), (path), Shown(path))
-REFUSED_BELOW_SYS(rmdir, (const char* path), (path), Shown(path))
-REFUSED_BELOW_SYS(mkdir, (const char* path, mode_t mode), (path, mode), Shown(path))
-REFUSED_BELOW_SYS(mkdirat, (int directory, const char* path, mode_t mode), (directory, path, mode),
-                  Shown(directory, path))
-REFUSED_BELOW_SYS(mknod, (const char* path, mode_t mode, dev_t device), (path, mode, device),
-                  Shown(path))
-REFUSED_BELOW_SYS(mknodat, (int directory, const char* path, mode_t mode, dev_t device),
-                  (directory, path, mode, device), Shown(directory, path))
-REFUSED_BELOW_SYS(mkfifo, (const char* path, mode_t mode), (path, mode), Shown(path))
-REFUSED_BELOW_SYS(mkfifoat, (int directory, const char* path, mode_t mode), (directory, path, mode),
-                  Shown(directory, path))
-REFUSED_BELOW_SYS(truncate, (const char* path, off_t size), (path, size), Shown(path))
-REFUSED_BELOW_SYS(utime, (const char* path, const utimbuf* times), (path, times), Shown(path))
-REFUSED_BELOW_SYS(utimes, (const char* path, const timeval times[2]), (path, times), Shown(path))
-REFUSED_BELOW_SYS(lutimes, (const char* path, const timeval times[2]), (path, times), Shown(path))
-REFUSED_BELOW_SYS(futimesat, (int directory, const char* path, const timeval times[2]),
-                  (directory, path, times), Shown(directory, path))
-REFUSED_BELOW_SYS(utimensat, (int directory, const char* path, const timespec times[2], int flags),
-                  (directory, path, times, flags), Shown(directory, path))
-REFUSED_BELOW_SYS(setxattr,
-                  (const char* path, const char* name, const void* value, size_t size, int flags),
-                  (path, name, value, size, flags), Shown(path))
-REFUSED_BELOW_SYS(lsetxattr,
-                  (const char* path, const char* name, const void* value, size_t size, int flags),
-                  (path, name, value, size, flags), Shown(path))
-REFUSED_BELOW_SYS(removexattr, (const char* path, const char* name), (path, name), Shown(path))
-REFUSED_BELOW_SYS(lremovexattr, (const char* path, const char* name), (path, name), Shown(path))
+REFUSED(EPERM, chmod, (const char* path, mode_t mode) noexcept, (path, mode), Shown(path))
+REFUSED(EPERM, lchmod, (const char* path, mode_t mode) noexcept, (path, mode), Shown(path, itself))
+REFUSED(EPERM, fchmod, (int fd, mode_t mode) noexcept, (fd, mode), Shown(fd, nullptr))
+REFUSED(EPERM, fchmodat, (int directory, const char* path, mode_t mode, int flags) noexcept,
+        (directory, path, mode, flags), Shown(directory, path, follows(flags)))
+REFUSED(EPERM, chown, (const char* path, uid_t user, gid_t group) noexcept, (path, user, group),
+        Shown(path))
+REFUSED(EPERM, lchown, (const char* path, uid_t user, gid_t group) noexcept, (path, user, group),
+        Shown(path, itself))
+REFUSED(EPERM, fchown, (int fd, uid_t user, gid_t group) noexcept, (fd, user, group),
+        Shown(fd, nullptr))
+REFUSED(EPERM, fchownat,
+        (int directory, const char* path, uid_t user, gid_t group, int flags) noexcept,
+        (directory, path, user, group, flags), Shown(directory, path, follows(flags)))
+REFUSED(EPERM, rename, (const char* from, const char* to) noexcept, (from, to), Shown(from, itself),
+        Shown(to, itself))
+REFUSED(EPERM, renameat,
+        (int fromDirectory, const char* from, int toDirectory, const char* to) noexcept,
+        (fromDirectory, from, toDirectory, to), Shown(fromDirectory, from, itself),
+        Shown(toDirectory, to, itself))
+REFUSED(EPERM, renameat2,
+        (int fromDirectory, const char* from, int toDirectory, const char* to,
+         unsigned int flags) noexcept,
+        (fromDirectory, from, toDirectory, to, flags), Shown(fromDirectory, from, itself),
+        Shown(toDirectory, to, itself))
+REFUSED(EPERM, link, (const char* from, const char* to) noexcept, (from, to), Shown(from, itself),
+        Shown(to, itself))
+REFUSED(EPERM, linkat,
+        (int fromDirectory, const char* from, int toDirectory, const char* to, int flags) noexcept,
+        (fromDirectory, from, toDirectory, to, flags),
+        Shown(fromDirectory, from, (flags & AT_SYMLINK_FOLLOW) != 0),
+        Shown(toDirectory, to, itself))
+REFUSED(EPERM, symlink, (const char* target, const char* path) noexcept, (target, path),
+        Shown(path, itself))
+REFUSED(EPERM, symlinkat, (const char* target, int directory, const char* path) noexcept,
+        (target, directory, path), Shown(directory, path, itself))
+REFUSED(EPERM, unlink, (const char* path) noexcept, (path), Shown(path, itself))
+REFUSED(EPERM, unlinkat, (int directory, const char* path, int flags) noexcept,
+        (directory, path, flags), Shown(directory, path, itself))
+REFUSED(EPERM, remove, (const char* path) noexcept, (path), Shown(path, itself))
+REFUSED(EPERM, rmdir, (const char* path) noexcept, (path), Shown(path, itself))
+REFUSED(EPERM, mkdir, (const char* path, mode_t mode) noexcept, (path, mode), Shown(path, itself))
+REFUSED(EPERM, mkdirat, (int directory, const char* path, mode_t mode) noexcept,
+        (directory, path, mode), Shown(directory, path, itself))
+REFUSED(EPERM, mkfifo, (const char* path, mode_t mode) noexcept, (path, mode), Shown(path, itself))
+REFUSED(EPERM, mkfifoat, (int directory, const char* path, mode_t mode) noexcept,
+        (directory, path, mode), Shown(directory, path, itself))
+REFUSED(EPERM, truncate, (const char* path, off_t size) noexcept, (path, size), Shown(path))
+REFUSED(EPERM, utime, (const char* path, const utimbuf* times) noexcept, (path, times), Shown(path))
+REFUSED(EPERM, utimes, (const char* path, const timeval times[2]) noexcept, (path, times),
+        Shown(path))
+REFUSED(EPERM, lutimes, (const char* path, const timeval times[2]) noexcept, (path, times),
+        Shown(path, itself))
+REFUSED(EPERM, futimes, (int fd, const timeval times[2]) noexcept, (fd, times), Shown(fd, nullptr))
+REFUSED(EPERM, futimens, (int fd, const timespec times[2]) noexcept, (fd, times),
+        Shown(fd, nullptr))
+REFUSED(EPERM, futimesat, (int directory, const char* path, const timeval times[2]) noexcept,
+        (directory, path, times), Shown(directory, path))
+REFUSED(EPERM, utimensat,
+        (int directory, const char* path, const timespec times[2], int flags) noexcept,
+        (directory, path, times, flags), Shown(directory, path, follows(flags)))
+REFUSED(EPERM, setxattr,
+        (const char* path, const char* name, const void* value, size_t size, int flags) noexcept,
+        (path, name, value, size, flags), Shown(path))
+REFUSED(EPERM, lsetxattr,
+        (const char* path, const char* name, const void* value, size_t size, int flags) noexcept,
+        (path, name, value, size, flags), Shown(path, itself))
+REFUSED(EPERM, fsetxattr,
+        (int fd, const char* name, const void* value, size_t size, int flags) noexcept,
+        (fd, name, value, size, flags), Shown(fd, nullptr))
+REFUSED(EPERM, removexattr, (const char* path, const char* name) noexcept, (path, name),
+        Shown(path))
+REFUSED(EPERM, lremovexattr, (const char* path, const char* name) noexcept, (path, name),
+        Shown(path, itself))
+REFUSED(EPERM, fremovexattr, (int fd, const char* name) noexcept, (fd, name), Shown(fd, nullptr))
+REFUSED(EOPNOTSUPP, fallocate, (int fd, int mode, off_t offset, off_t size),
+        (fd, mode, offset, size), Shown(fd, nullptr))
+REFUSED(EACCES, mkstemp, (char* pattern), (pattern), Shown(pattern))
+REFUSED(EACCES, mkostemp, (char* pattern, int flags), (pattern, flags), Shown(pattern))
+REFUSED(EACCES, mkstemps, (char* pattern, int length), (pattern, length), Shown(pattern))
+REFUSED(EACCES, mkostemps, (char* pattern, int length, int flags), (pattern, length, flags),
+        Shown(pattern))
+REFUSED(EPERM, chroot, (const char* path) noexcept, (path), Shown(path))
+REFUSED(EPERM, umount, (const char* path) noexcept, (path), Shown(path))
+REFUSED(EPERM, umount2, (const char* path, int flags) noexcept, (path, flags), Shown(path))
+REFUSED(EPERM, pivot_root, (const char* root, const char* before) noexcept, (root, before),
+        Shown(root), Shown(before))
+REFUSED(EPERM, move_mount,
+        (int fromDirectory, const char* from, int toDirectory, const char* to,
+         unsigned int flags) noexcept,
+        (fromDirectory, from, toDirectory, to, flags), Shown(fromDirectory, from),
+        Shown(toDirectory, to))
+REFUSED(EPERM, mount_setattr,
+        (int directory, const char* path, unsigned int flags, mount_attr* attributes,
+         size_t size) noexcept,
+        (directory, path, flags, attributes, size), Shown(directory, path))
+REFUSED(EPERM, fspick, (int directory, const char* path, unsigned int flags) noexcept,
+        (directory, path, flags), Shown(directory, path))
+REFUSED(EPERM, swapon, (const char* path, int flags) noexcept, (path, flags), Shown(path))
+REFUSED(EPERM, swapoff, (const char* path) noexcept, (path), Shown(path))
+REFUSED(EPERM, acct, (const char* path) noexcept, (path), Shown(path))
+REFUSED(EACCES, utmpname, (const char* path) noexcept, (path), Shown(path))
+REFUSED(EPERM, fanotify_mark,
+        (int fd, unsigned int flags, uint64_t mask, int directory, const char* path) noexcept,
+        (fd, flags, mask, directory, path), Shown(directory, path))
+REFUSED(EOPNOTSUPP, name_to_handle_at,
+        (int directory, const char* path, file_handle* handle, int* mountId, int flags) noexcept,
+        (directory, path, handle, mountId, flags),
+        Shown(directory, path, (flags & AT_SYMLINK_FOLLOW) != 0))
+
+int mknodat(int directory, const char* path, mode_t mode, dev_t device) noexcept {
+  static const auto real = next(&mknodat, "mknodat");
+  return simulator::attached() && isDoor(mode)
+             ? refuseDoor()
+             : change(EPERM, {Shown(directory, path, itself)},
+                      [&] { return real(directory, path, mode, device); });
+}
+
+int mknod(const char* path, mode_t mode, dev_t device) noexcept {
+  return mknodat(AT_FDCWD, path, mode, device);
+}
+
+int mount(const char* source, const char* path, const char* fileSystem, unsigned long flags,
+          const void* data) noexcept {
+  static const auto real = next(&mount, "mount");
+  return simulator::attached() && isDoor(fileSystem)
+             ? refuseDoor()
+             : change(EPERM, {Shown(source), Shown(path)},
+                      [&] { return real(source, path, fileSystem, flags, data); });
+}
+
+int fsopen(const char* fileSystem, unsigned int flags) noexcept {
+  static const auto real = next(&fsopen, "fsopen");
+  return simulator::attached() && isDoor(fileSystem) ? refuseDoor() : real(fileSystem, flags);
+}
+
+int posix_fallocate(int fd, off_t offset, off_t size) {
+  static const auto real = next(&posix_fallocate, "posix_fallocate");
+  return Shown(fd, nullptr).isInstruments() ? EOPNOTSUPP : real(fd, offset, size);
+}
 
 #define SAME_AS(name) __attribute__((alias(name)))
 
@@ -265,5 +490,24 @@ FTS64* fts64_open(char* const* paths, int options,
                   int (*compare)(const FTSENT64**, const FTSENT64**)) SAME_AS("fts_open");
 int statvfs64(const char* path, struct statvfs64* result) noexcept SAME_AS("statvfs");
 int truncate64(const char* path, off64_t size) noexcept SAME_AS("truncate");
+int stat64(const char* path, struct stat64* result) noexcept SAME_AS("stat");
+int lstat64(const char* path, struct stat64* result) noexcept SAME_AS("lstat");
+int fstatat64(int directory, const char* path, struct stat64* result, int flags) noexcept
+    SAME_AS("fstatat");
+int __xstat64(int version, const char* path, struct stat64* result) SAME_AS("__xstat");
+int __lxstat64(int version, const char* path, struct stat64* result) SAME_AS("__lxstat");
+int __fxstatat64(int version, int directory, const char* path, struct stat64* result, int flags)
+    SAME_AS("__fxstatat");
+int statfs64(const char* path, struct statfs64* result) noexcept SAME_AS("statfs");
+int __statfs(const char* path, struct statfs* result) noexcept __nonnull((1, 2)) SAME_AS("statfs");
+int fallocate64(int fd, int mode, off64_t offset, off64_t size) SAME_AS("fallocate");
+int posix_fallocate64(int fd, off64_t offset, off64_t size) SAME_AS("posix_fallocate");
+int mkstemp64(char* pattern) SAME_AS("mkstemp");
+int mkostemp64(char* pattern, int flags) SAME_AS("mkostemp");
+int mkstemps64(char* pattern, int length) SAME_AS("mkstemps");
+int mkostemps64(char* pattern, int length, int flags) SAME_AS("mkostemps");
+int utmpxname(const char* path) SAME_AS("utmpname");
+void updwtmpx(const char* path, const utmpx* record) SAME_AS("updwtmp");
+std::FILE* __setmntent(const char* path, const char* mode) noexcept SAME_AS("setmntent");
 
 }  // extern "C"

@@ -120,19 +120,12 @@ int openBelow(const SysfsPath& path, int flags, Open real) {
 
 template <typename Open>
 int openFile(int directory, const char* name, int flags, Open real) {
-  const std::string absolute = simulator::absolutePath(directory, name);
+  const std::string absolute = simulator::absolutePath(directory, name, (flags & O_NOFOLLOW) == 0);
   if (simulator::isHidden(absolute)) {
     return fail(ENOENT);
   }
-  if (const auto path = simulator::sysfsPath(absolute)) {
-    return openBelow(*path, flags, real);
-  }
-  const int fd = real(name);
-  if (const auto path = simulator::sysfsPathBehind(fd)) {
-    close(fd);
-    return openBelow(*path, flags, real);
-  }
-  return fd;
+  const auto path = simulator::sysfsPath(absolute);
+  return path ? openBelow(*path, flags, real) : real(name);
 }
 
 /// What a failing freopen does to its stream; leaves errno alone.
@@ -171,15 +164,8 @@ std::FILE* openStream(const char* name, const char* mode, std::FILE* stream, Ope
     closeStream(stream);
     return nullptr;
   }
-  if (const auto path = simulator::sysfsPath(absolute)) {
-    return openStreamBelow(*path, mode, stream, real);
-  }
-  std::FILE* result = real(name, mode);
-  if (result == nullptr) {
-    return nullptr;
-  }
-  const auto path = simulator::sysfsPathBehind(fileno(result));
-  return path ? openStreamBelow(*path, mode, result, real) : result;
+  const auto path = simulator::sysfsPath(absolute);
+  return path ? openStreamBelow(*path, mode, stream, real) : real(name, mode);
 }
 
 mode_t creationMode(int flags, va_list arguments) {
@@ -264,6 +250,9 @@ int openat(int directory, const char* path, int flags, ...) {
 
 int creat(const char* path, mode_t mode) { return open(path, O_CREAT | O_WRONLY | O_TRUNC, mode); }
 
+// What it was in programs built with older C libraries.
+std::FILE* _IO_fopen(const char* path, const char* mode) { return fopen(path, mode); }
+
 // What these become in programs built with -D_FORTIFY_SOURCE.
 int __open_2(const char* path, int flags) { return open(path, flags); }
 
@@ -281,13 +270,25 @@ int posix_spawn_file_actions_addopen(posix_spawn_file_actions_t* actions, int fd
   return refused ? EACCES : real(actions, fd, name, flags, mode);
 }
 
+int posix_spawn_file_actions_addchdir_np(posix_spawn_file_actions_t* actions,
+                                         const char* name) noexcept {
+  static const auto real =
+      next(&posix_spawn_file_actions_addchdir_np, "posix_spawn_file_actions_addchdir_np");
+  const auto path = simulator::sysfsPath(simulator::absolutePath(AT_FDCWD, name));
+  return real(actions, path ? simulator::treePath(*path).c_str() : name);
+}
+
 DIR* opendir(const char* name) {
   static const auto real = next(&opendir, "opendir");
-  const auto path = simulator::sysfsPath(simulator::absolutePath(AT_FDCWD, name));
-  if (!path) {
-    return real(name);
+  const std::string absolute = simulator::absolutePath(AT_FDCWD, name);
+  if (simulator::isHidden(absolute)) {
+    errno = ENOENT;
+    return nullptr;
   }
-  return openDirectory(*path, static_cast<DIR*>(nullptr), [&] { return real(name); });
+  const auto path = simulator::sysfsPath(absolute);
+  return path ? openDirectory(*path, static_cast<DIR*>(nullptr),
+                              [&] { return real(path->full.c_str()); })
+              : real(name);
 }
 
 ssize_t write(int fd, const void* data, size_t size) {
@@ -308,6 +309,15 @@ ssize_t writev(int fd, const iovec* parts, int count) {
   static const auto real = next(&writev, "writev");
   const auto taken = simulator::writeAttribute(fd, parts, count);
   return taken ? *taken : real(fd, parts, count);
+}
+
+// Nobody copies a range of another file to one below /sys, or from there, at once.
+ssize_t copy_file_range(int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t size,
+                        unsigned int flags) {
+  static const auto real = next(&copy_file_range, "copy_file_range");
+  return simulator::isBelowSys(from) || simulator::isBelowSys(to)
+             ? fail(EXDEV)
+             : real(from, fromOffset, to, toOffset, size, flags);
 }
 
 // An attribute is read anew by a program that returns to its start, and one that holds bytes by one
@@ -398,8 +408,9 @@ int scandirat(int directory, const char* path, dirent*** entries, int (*select)(
               int (*compare)(const dirent**, const dirent**)) {
   static const auto real = next(&scandirat, "scandirat");
   const std::string absolute = simulator::absolutePath(directory, path);
-  return simulator::sysfsPath(absolute) ? scandir(absolute.c_str(), entries, select, compare)
-                                        : real(directory, path, entries, select, compare);
+  const bool isElsewhere = !simulator::isHidden(absolute) && !simulator::sysfsPath(absolute);
+  return isElsewhere ? real(directory, path, entries, select, compare)
+                     : scandir(absolute.c_str(), entries, select, compare);
 }
 
 #define SAME_AS(name) __attribute__((alias(name)))
@@ -407,6 +418,8 @@ int scandirat(int directory, const char* path, dirent*** entries, int (*select)(
 std::FILE* fopen64(const char* path, const char* mode) SAME_AS("fopen");
 std::FILE* freopen64(const char* path, const char* mode, std::FILE* stream) SAME_AS("freopen");
 int open64(const char* path, int flags, ...) SAME_AS("open");
+int __open(const char* path, int flags, ...) __nonnull((1)) SAME_AS("open");
+int __open64(const char* path, int flags, ...) __nonnull((1)) SAME_AS("open");
 int openat64(int directory, const char* path, int flags, ...) SAME_AS("openat");
 int creat64(const char* path, mode_t mode) SAME_AS("creat");
 int __open64_2(const char* path, int flags) SAME_AS("__open_2");

@@ -2,31 +2,86 @@
 #include "simulator/preload/Paths.h"
 
 #include <fcntl.h>
-#include <linux/magic.h>
-#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
 
 #include "simulator/shared/HiddenFiles.h"
 #include "simulator/shared/State.h"
+#include "simulator/shared/Trace.h"
 
 namespace simulator {
 
 namespace {
+
+bool isBelow(const std::string& path, const std::string& directory) {
+  return startsWith(path, directory) &&
+         (path.size() == directory.size() || path[directory.size()] == '/');
+}
+
+/// A file of the tree by its name below /sys, as umockdev shows it.
+std::string shownPath(const std::string& path) {
+  const std::string root = attached() ? state()->root : "";
+  return !root.empty() && isBelow(path, root + "/sys") ? path.substr(root.size()) : path;
+}
+
+std::string withoutDetours(const std::string& path) {
+  // Two slashes at the beginning are kept as something special.
+  return std::filesystem::path("/." + path).lexically_normal().string();
+}
+
+/// What a symbolic link holds, from the kernel itself; empty for another file.
+std::string linkTarget(const std::string& path) {
+  const int before = errno;
+  char target[PATH_MAX];
+  const long length = syscall(SYS_readlinkat, AT_FDCWD, path.c_str(), target, sizeof target);
+  errno = before;
+  return length < 0 ? "" : std::string(target, static_cast<std::size_t>(length));
+}
+
+/// Where an absolute path leads by the symbolic links in it. Those below /sys lead nowhere else;
+/// who names the tree itself means that.
+std::string followLinks(const std::string& path, bool followLast) {
+  constexpr int most = 40;  // as the kernel
+  std::string done;
+  std::string rest = path;
+  for (int links = 0; links <= most;) {
+    const std::size_t start = rest.find_first_not_of('/');
+    if (start == std::string::npos) {
+      return done + (rest.empty() && !done.empty() ? "" : "/");
+    }
+    const std::size_t end = std::min(rest.find('/', start), rest.size());
+    const std::string part = rest.substr(start, end - start);
+    const std::string next = done + "/" + part;
+    rest.erase(0, end);
+    if (part == "." || part == "..") {
+      done.erase(part == "." ? done.size() : std::min(done.rfind('/'), done.size()));
+      continue;
+    }
+    const bool isTaken = isBelow(next, "/sys") || isHidden(next) || (rest.empty() && !followLast);
+    const std::string target = isTaken ? "" : linkTarget(next);
+    if (target.empty()) {
+      done = next;
+    } else {
+      ++links;
+      done = target[0] == '/' ? "" : done;
+      rest = shownPath(target) + rest;
+    }
+  }
+  return path;
+}
 
 std::string directoryPath(int directory) {
   if (directory == AT_FDCWD) {
     char path[PATH_MAX];
     return getcwd(path, sizeof path) == nullptr ? "" : path;
   }
-  const std::string path = targetOf(directory);
-  const std::string root = attached() ? state()->root : "";
-  return !root.empty() && startsWith(path, root + "/") ? path.substr(root.size()) : path;
+  return shownPath(targetOf(directory));
 }
 
 }  // namespace
@@ -37,23 +92,19 @@ bool startsWith(const std::string& text, const std::string& start) {
 
 std::string linkOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
-std::string targetOf(int fd) {
-  char target[PATH_MAX];
-  const long length = syscall(SYS_readlinkat, AT_FDCWD, linkOf(fd).c_str(), target, sizeof target);
-  return length < 0 ? "" : std::string(target, static_cast<std::size_t>(length));
-}
+std::string targetOf(int fd) { return linkTarget(linkOf(fd)); }
 
-std::string absolutePath(int directory, const char* name) {
+std::string absolutePath(int directory, const char* name, bool followLast) {
   if (name == nullptr || name[0] == '\0') {
     return "";
   }
   const bool absolute = name[0] == '/';
-  if (absolute && std::strstr(name, "//") == nullptr && std::strstr(name, "/.") == nullptr) {
+  const bool hasDetours = std::strstr(name, "//") != nullptr || std::strstr(name, "/.") != nullptr;
+  if (absolute && !hasDetours && isBelow(name, "/sys")) {
     return name;
   }
   const std::string path = absolute ? name : directoryPath(directory) + "/" + name;
-  // Two slashes at the beginning are kept as something special.
-  return std::filesystem::path("/." + path).lexically_normal().string();
+  return nested() ? withoutDetours(path) : followLinks(path, followLast);
 }
 
 std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
@@ -70,15 +121,6 @@ std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
     }
   }
   return attached() ? std::make_optional(result) : std::nullopt;
-}
-
-std::optional<SysfsPath> sysfsPathBehind(int fd) {
-  struct statfs system {};
-  // Asked of the kernel itself: umockdev says the same of its tree.
-  if (fd < 0 || syscall(SYS_fstatfs, fd, &system) != 0 || system.f_type != SYSFS_MAGIC) {
-    return std::nullopt;
-  }
-  return sysfsPath(targetOf(fd));
 }
 
 bool isHidden(const std::string& absolute) {

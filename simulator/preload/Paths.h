@@ -16,17 +16,13 @@ struct SysfsPath {
   const Attributes* attributes = nullptr;  ///< those that it is one of; null for a plain file
 };
 
-/// A name as an absolute path without detours; relative ones begin at an open directory or, for
-/// AT_FDCWD, the working directory. Empty for a name that is null or empty.
-std::string absolutePath(int directory, const char* name);
+/// A name as an absolute path without detours and symbolic links; relative ones begin at an open
+/// directory or, for AT_FDCWD, the working directory. Empty for a name that is null or empty.
+std::string absolutePath(int directory, const char* name, bool followLast = true);
 
 /// The simulator's view of an absolute path; nothing when it is outside /sys, which is none of the
 /// simulator's business. Ends the process when it is the host's GPIO.
 std::optional<SysfsPath> sysfsPath(const std::string& absolute);
-
-/// The path of an open file of the host's own /sys, which a name has led to that does not show it,
-/// a symbolic link for instance.
-std::optional<SysfsPath> sysfsPathBehind(int fd);
 
 /// Whether an absolute path leads to hardware by another door than /sys, which the instrument does
 /// not have.

@@ -8,6 +8,7 @@
 #include <alloca.h>
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -125,7 +126,7 @@ void search(const char* name, char (&program)[PATH_MAX]) {
     const char* const end = strchrnul(path, ':');
     const int length = static_cast<int>(end - path);
     std::snprintf(program, sizeof program, "%.*s%s%s", length, path, length == 0 ? "" : "/", name);
-    if (access(program, X_OK) == 0) {
+    if (syscall(SYS_faccessat, AT_FDCWD, program, X_OK) == 0) {
       return;
     }
     path = *end == '\0' ? nullptr : end + 1;
@@ -283,5 +284,8 @@ std::FILE* popen(const char* command, const char* mode) {
   completeOwnEnvironment();
   return real(command, mode);
 }
+
+// What it was in programs built with older C libraries.
+std::FILE* _IO_popen(const char* command, const char* mode) { return popen(command, mode); }
 
 }  // extern "C"
