@@ -226,6 +226,17 @@ TEST(HostHardware, IsAsBeforeWhereNamespacesAreNotAllowed) {
   }
 }
 
+TEST(HostHardware, IsReachedByNoMoreFunctionsWhereItIsNotHidden) {
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__ || !defined __x86_64__
+  GTEST_SKIP() << "functions of the C library, without those of a sanitizer or of QEMU";
+#endif
+  EXPECT_EQ(runCommand(WAYS).status, 2) << "of this machine's own files it tries none";
+  const std::string command = TALVERO_SIM " --instrument " SOURCE_DIR "/prove/ways.conf -- " WAYS;
+  const std::string hidden = outputAfter(changeNothing, command);
+  EXPECT_THAT(hidden, testing::StartsWith("open                simulated           open open64 "));
+  EXPECT_EQ(outputAfter(refuseNamespaces, command), hidden);
+}
+
 /// A trace of three lines, of which a sleep is one.
 constexpr char traced[] =
     "sh -c 'cat /sys/class/gpio/gpiochip0/base; sleep 3.02; cat /sys/class/gpio/gpiochip0/ngpio'";
