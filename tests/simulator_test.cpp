@@ -620,6 +620,13 @@ TEST(Forks, LeaveTheChildNoLockOfAnotherThread) {
   busy.join();
 }
 
+TEST(Instruments, HaveRoomForTheirState) {
+  const Instrument instrument("");
+  struct stat status {};
+  ASSERT_EQ(stat((std::getenv("UMOCKDEV_DIR") + std::string("/state")).c_str(), &status), 0);
+  EXPECT_GE(status.st_blocks * 512, status.st_size) << "programs would end by SIGBUS";
+}
+
 TEST(TalveroSim, PassesOnHowTheProgramEnds) {
   const std::string sim = TALVERO_SIM " --fast -- ";
   EXPECT_EQ(runCommand(sim + "sh -c 'exit 7'").status, 7);

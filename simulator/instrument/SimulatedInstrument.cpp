@@ -36,6 +36,16 @@ int createLock(const fs::path& root) {
   return fd;
 }
 
+/// Has room for all of the state at once: a hole in it would end programs by SIGBUS on a full disk.
+void createState(const std::string& file) {
+  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  const int error = fd < 0 ? errno : posix_fallocate(fd, 0, sizeof(State));
+  ::close(fd);
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), file);
+  }
+}
+
 void initialise(State& state, const std::string& root, const std::string& traceFile,
                 const Hardware& hardware, const SimulatedInstrument::Options& options) {
   pthread_mutexattr_t attributes;
@@ -97,8 +107,7 @@ SimulatedInstrument::SimulatedInstrument(const Hardware& hardware, const Options
     }
     lock = createLock(root);
     const std::string stateFile = root + "/state";
-    std::ofstream(stateFile).close();
-    fs::resize_file(stateFile, sizeof(State));
+    createState(stateFile);
     State& shared = attach(stateFile.c_str());
     initialise(shared, root, traceFile, hardware, options);
     settle(shared);
