@@ -857,7 +857,11 @@ TEST(TalveroSim, LeavesNothingBehind) {
   std::filesystem::remove(directory.path + "/pid");
   std::filesystem::remove(directory.path + "/never");
   EXPECT_NE(runCommand("ls " + directory.path).output, "") << "nobody was left to remove it";
+  const std::string ofOther = directory.file("talvero-sim-notes/sys", "");
+  directory.file("talvero-sim.killed/sys", "");  // before it had a lock
   runCommand(sim + "true");
+  EXPECT_TRUE(std::filesystem::remove(ofOther) &&
+              std::filesystem::remove(directory.path + "/talvero-sim-notes"));
   EXPECT_EQ(runCommand("ls " + directory.path).output, "");
 }
 

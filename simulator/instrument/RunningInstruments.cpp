@@ -49,7 +49,9 @@ void forEachInstrument(Running running, Abandoned abandoned) {
     if (!isOwn(entry.path())) {
       continue;
     }
-    const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CLOEXEC);
+    // One without a lock is of a process that was killed before it made that, or late in removing
+    // it.
+    const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) {
       abandoned(entry.path());
     } else if (fd >= 0) {

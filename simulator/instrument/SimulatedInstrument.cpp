@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <glib.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,15 +26,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
+/// Locks a new directory; -1 when it has been taken for an abandoned one before that, and removed.
 int createLock(const fs::path& root) {
-  // Named only once it is locked, so that nobody takes the new instrument for an abandoned one.
-  const fs::path draft = root / "lock";
-  const int fd = ::open(draft.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0 || flock(fd, LOCK_EX) != 0) {
-    throw std::system_error(errno, std::generic_category(), draft.string());
+  const fs::path file = root / lockName;
+  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0 ? errno != ENOENT : flock(fd, LOCK_EX) != 0) {
+    throw std::system_error(errno, std::generic_category(), file.string());
   }
-  fs::rename(draft, root / lockName);
-  return fd;
+  struct stat own {};
+  struct stat named {};
+  if (fd >= 0 && fstat(fd, &own) == 0 && stat(file.c_str(), &named) == 0 &&
+      own.st_ino == named.st_ino) {
+    return fd;
+  }
+  ::close(fd);
+  return -1;
 }
 
 /// Has room for all of the state at once: a hole in it would end programs by SIGBUS on a full disk.
@@ -101,11 +108,13 @@ SimulatedInstrument::SimulatedInstrument(const Hardware& hardware)
 SimulatedInstrument::SimulatedInstrument(const Hardware& hardware, const Options& options)
     : root(createRoot()) {
   try {
+    while ((lock = createLock(root)) < 0) {
+      root = createRoot();
+    }
     traceFile = options.trace.empty() ? root + "/trace" : fs::absolute(options.trace).string();
     if (!std::ofstream(traceFile)) {
       throw std::runtime_error(traceFile + ": cannot be written");
     }
-    lock = createLock(root);
     const std::string stateFile = root + "/state";
     createState(stateFile);
     State& shared = attach(stateFile.c_str());
