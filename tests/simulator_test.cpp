@@ -772,6 +772,17 @@ TEST(TalveroSim, PutsEveryProgramOnTheInstrument) {
             "talvero-sim\ntalvero-sim\ntalvero-sim\n");
 }
 
+TEST(TalveroSim, FindsADirectoryBehindALink) {
+  const TemporaryDirectory directory;
+  std::filesystem::create_directory(directory.path + "/tmp");
+  std::filesystem::create_directory_symlink("tmp", directory.path + "/link");
+  const std::string run = TALVERO_SIM " --fast -- sh -c '" TALVERO_SIM
+                                      " set \"gpio 5=high\" && exec " TALVERO_BIST " slots'";
+  const Outcome outcome = runCommand("TMPDIR=" + directory.path + "/link " + run);
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_EQ(outcome.output, runCommand(run).output);
+}
+
 TEST(TalveroSim, LeavesSignalsAsTheyWere) {
   const auto ignored = [](const std::string& command) {
     const std::string status = runCommand(command + "cat /proc/self/status").output;

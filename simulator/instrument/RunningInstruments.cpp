@@ -45,7 +45,7 @@ bool isOwn(const fs::path& directory) {
 template <typename Running, typename Abandoned>
 void forEachInstrument(Running running, Abandoned abandoned) {
   std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(g_get_tmp_dir(), ignored)) {
+  for (const fs::directory_entry& entry : fs::directory_iterator(temporaryDirectory(), ignored)) {
     if (!isOwn(entry.path())) {
       continue;
     }
@@ -119,6 +119,13 @@ fs::path findInstrument(const std::string& nameOrProcess) {
 }
 
 }  // namespace
+
+fs::path temporaryDirectory() {
+  const fs::path given = g_get_tmp_dir();
+  std::error_code missing;
+  fs::path directory = given.is_absolute() ? fs::canonical(given, missing) : given;
+  return missing ? given : directory;
+}
 
 void removeAbandonedInstruments() {
   forEachInstrument([](const fs::path& /*directory*/) {},

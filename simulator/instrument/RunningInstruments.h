@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -8,7 +9,12 @@
 /// too: what they say of themselves need not be true.
 namespace simulator {
 
-/// How the name of an instrument's directory begins.
+/// Where instruments have their directories. Without links on the way to it, which umockdev would
+/// not know again; a relative one, which nobody has to follow, and one that is not there as they
+/// are.
+std::filesystem::path temporaryDirectory();
+
+/// How the names of instruments' directories begin.
 constexpr char directoryStart[] = "talvero-sim.";
 
 /// A file in an instrument's directory that its process holds locked for as long as it lives.

@@ -3,7 +3,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <glib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,9 +82,10 @@ std::string ownLibrary() {
 
 /// The directory of a new instrument, which umockdev shows from now on.
 std::string createRoot() {
-  std::string root = (fs::path(g_get_tmp_dir()) / directoryStart).string() + "XXXXXX";
-  if (!fs::path(root).is_absolute() || mkdtemp(root.data()) == nullptr) {
-    throw std::runtime_error("no directory for temporary files: " + std::string(g_get_tmp_dir()) +
+  const fs::path directory = temporaryDirectory();
+  std::string root = (directory / directoryStart).string() + "XXXXXX";
+  if (!directory.is_absolute() || mkdtemp(root.data()) == nullptr) {
+    throw std::runtime_error("no directory for temporary files: " + directory.string() +
                              " (TMPDIR)");
   }
   setenv(rootVariable, root.c_str(), 1);
