@@ -6,11 +6,13 @@
 #include <ftw.h>
 #include <glob.h>
 #include <gmock/gmock.h>
+#include <linux/magic.h>
 #include <pciaccess.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/time.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -618,6 +620,25 @@ TEST(Forks, LeaveTheChildNoLockOfAnotherThread) {
   EXPECT_EQ(status, 0);
   done = true;
   busy.join();
+}
+
+TEST(Threads, SeeWhichFileSystemTheirFilesAreOn) {
+  const Instrument instrument("");
+  std::atomic<int> wrong{0};
+  const auto ask = [&wrong](const char* path, bool isSysfs) {
+    const int fd = open(path, O_RDONLY);
+    for (int time = 0; time < 2000; ++time) {
+      struct statfs system {};
+      wrong += fstatfs(fd, &system) != 0 || (system.f_type == SYSFS_MAGIC) != isSysfs ? 1 : 0;
+    }
+    close(fd);
+  };
+  std::thread threads[] = {std::thread(ask, "/sys/class/gpio", true), std::thread(ask, "/", false),
+                           std::thread(ask, "/sys/class", true)};
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrong, 0);
 }
 
 TEST(Instruments, HaveRoomForTheirState) {

@@ -4,9 +4,12 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <pthread.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,7 +35,8 @@ using simulator::next;
 using simulator::SysfsPath;
 
 // One definition serves both names of a function: files are as large for the one as for the other.
-static_assert(sizeof(off_t) == sizeof(off64_t) && sizeof(dirent) == sizeof(dirent64),
+static_assert(sizeof(off_t) == sizeof(off64_t) && sizeof(dirent) == sizeof(dirent64) &&
+                  sizeof(struct statfs) == sizeof(struct statfs64),
               "two definitions are needed");
 
 namespace {
@@ -413,6 +417,15 @@ int scandirat(int directory, const char* path, dirent*** entries, int (*select)(
                      : scandir(absolute.c_str(), entries, select, compare);
 }
 
+// umockdev's own looks at the file of another thread.
+int fstatfs(int fd, struct statfs* system) noexcept {
+  const long result = syscall(SYS_fstatfs, fd, system);
+  if (result == 0 && simulator::isInTree(fd)) {
+    system->f_type = SYSFS_MAGIC;
+  }
+  return static_cast<int>(result);
+}
+
 #define SAME_AS(name) __attribute__((alias(name)))
 
 std::FILE* fopen64(const char* path, const char* mode) SAME_AS("fopen");
@@ -431,6 +444,7 @@ int scandirat64(int directory, const char* path, dirent64*** entries,
     SAME_AS("scandirat");
 ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset) SAME_AS("pwrite");
 off64_t lseek64(int fd, off64_t offset, int whence) noexcept SAME_AS("lseek");
+int fstatfs64(int fd, struct statfs64* system) noexcept SAME_AS("fstatfs");
 ssize_t pread64(int fd, void* data, size_t size, off64_t offset) SAME_AS("pread");
 ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t offset, size_t room)
     SAME_AS("__pread_chk");

@@ -123,6 +123,10 @@ std::optional<SysfsPath> sysfsPath(const std::string& absolute) {
   return attached() ? std::make_optional(result) : std::nullopt;
 }
 
+bool isInTree(int fd) {
+  return attached() && isBelow(targetOf(fd), state()->root + std::string("/sys"));
+}
+
 bool isHidden(const std::string& absolute) {
   const auto is = [&](const char* hidden) { return absolute == hidden; };
   const auto begins = [&](const char* hidden) { return startsWith(absolute, hidden); };

@@ -28,6 +28,9 @@ std::optional<SysfsPath> sysfsPath(const std::string& absolute);
 /// not have.
 bool isHidden(const std::string& absolute);
 
+/// Whether an open file is one that umockdev shows below /sys.
+bool isInTree(int fd);
+
 /// Where umockdev keeps a file. Opened there, umockdev takes it for no device of its own.
 std::string treePath(const SysfsPath& path);
 
