@@ -73,7 +73,8 @@ class ModuleI2CInfo {
   /// it runs, until the process exits: no thread may construct a ModuleI2CInfo after that.
   static std::map<unsigned int, ModuleI2CInfo> cache;
 
-  /// Guards `cache`; held for a whole construction, so not to be held while constructing.
+  /// Guards `cache`; held for a whole construction, so not to be held while constructing. A fork
+  /// waits for it, so not to be held by the thread that forks either.
   static std::mutex cacheLock;
 
  private:

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <future>
+#include <mutex>
 #include <thread>
 
 #include "modules/BackplaneInterface.h"
@@ -216,6 +221,26 @@ TEST(Topology, IsResolvedOnceForManyThreads) {
   EXPECT_EQ(right, 8);
   const std::vector<std::string> trace = instrument.takeTrace();
   EXPECT_EQ(std::count(trace.begin(), trace.end(), "udev_new"), 2);
+}
+
+TEST(Topology, IsNotLockedInTheChildOfAFork) {
+  const Modules instrument(modules);
+  const ModuleI2CInfo first(1);
+  std::promise<void> locked;
+  std::thread holder([&locked] {
+    const std::lock_guard<std::mutex> lock(ModuleI2CInfo::cacheLock);
+    locked.set_value();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  });
+  locked.get_future().wait();
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(ModuleI2CInfo::cacheLock.try_lock() ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  holder.join();
 }
 
 TEST(Topology, ABusIsLookedUpOnItsOwnMultiplexers) {
