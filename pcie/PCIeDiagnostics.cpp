@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "pcie/PCIeDiagnostics.h"
 
-#include <pciaccess.h>
-
 #include "pcie/internal/Console.h"
 #include "pcie/internal/ErrorReporting.h"
 #include "pcie/internal/Ports.h"
@@ -20,7 +18,7 @@ bool discoverMainSwitch(PCIeDiagnostics& diagnostics) {
     ids = {};
   }
   // libpciaccess crashes on look-ups without an initialised system.
-  diagnostics.pciSystemReady = pci_system_init() == 0;
+  diagnostics.pciSystemReady = initialisePci();
   if (!diagnostics.pciSystemReady) {
     return false;
   }

@@ -29,7 +29,8 @@ struct pci_device;
 /// numbers are lower-case, without prefix or leading zeros; std::cout is set to decimal after each
 /// of them. The stream's other settings are neither used nor changed.
 ///
-/// An object is used by one thread at a time.
+/// An object is used by one thread at a time, several objects by as many threads: they reach the
+/// same registers, whose bits they set and clear by reading and writing them.
 class PCIeDiagnostics {
  public:
   /// Calls setupAdvancedErrorReportingOnRootSwitch. Never fails: what was found is in the fields.

@@ -30,7 +30,7 @@ std::optional<int> reportBuses(pci_device* bridge, const std::string& prefix) {
   int primary = -1;
   int secondary = -1;
   int subordinate = -1;
-  if (pci_device_get_bridge_buses(bridge, &primary, &secondary, &subordinate) != 0) {
+  if (bridgeBuses(bridge, primary, secondary, subordinate) != 0) {
     printLine(std::cerr, "Device was not a bridge");
     return std::nullopt;
   }

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <iomanip>
 #include <iostream>
+#include <thread>
+#include <vector>
 
 #include "pcie/DiagnosticMaskRegs.h"
 #include "pcie/PCIeDiagnostics.h"
@@ -221,6 +224,25 @@ TEST(Discovery, RepeatedForgetsWhatIsGone) {
   EXPECT_EQ(diagnostics.rootPort, nullptr);
   EXPECT_FALSE(diagnostics.rootPortFound);
   EXPECT_EQ(diagnostics.rootPortIds.deviceId, 0x1000) << "kept";
+}
+
+TEST(Discovery, IsPossibleOnManyThreads) {
+  const Instrument instrument("[pci]\n");
+  std::atomic<int> right{0};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&right] {
+      for (int time = 0; time < 60 / fewer; ++time) {
+        PCIeDiagnostics diagnostics;
+        const DeviceIds ids = diagnostics.getDiagnosticsResults(DownstreamPort9, false).portIds;
+        right += diagnostics.switchUpstreamFound && ids.vendorId != 0 ? 1 : 0;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(right, 4 * (60 / fewer));
 }
 
 TEST(PortBits, ActOnTheSwitchOfThePort) {

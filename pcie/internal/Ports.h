@@ -94,6 +94,14 @@ Port rowOf(PCIeDownstreamPorts port);
 /// A port's entry in DiagnosticMaskRegs; 0, no bit, for a value that is no port.
 std::uint32_t portMask(PortMask column, PCIeDownstreamPorts port);
 
+// libpciaccess has one list of devices for the whole process, and no lock: these take one.
+
+/// Initialises libpciaccess, which gives it a new list; false when it cannot be.
+bool initialisePci();
+
+/// As pci_device_get_bridge_buses.
+int bridgeBuses(pci_device* bridge, int& primary, int& secondary, int& subordinate);
+
 /// The upstream port of the switch that owns the port; null when either is not resolved.
 pci_device* upstreamPortOf(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port);
 
