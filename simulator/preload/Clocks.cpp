@@ -3,6 +3,7 @@
 // nothing of that, so a wait until a time of such a clock is made to end by the host's clock, and
 // no sleep skips its end.
 
+#include <dlfcn.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <semaphore.h>
