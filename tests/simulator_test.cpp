@@ -597,6 +597,19 @@ TEST(Signals, WaitWhileTheStateIsHeld) {
   std::signal(SIGUSR1, before);
 }
 
+TEST(Signals, ThatKillAHolderLeaveTheStateToOthers) {
+  const Instrument instrument("");
+  const pid_t child = fork();
+  if (child == 0) {
+    const simulator::Locked state;
+    kill(getpid(), SIGKILL);
+  }
+  waitpid(child, nullptr, 0);
+  alarm(20);  // which ends who waits for ever
+  EXPECT_EQ(instrument.milliseconds(), 0);
+  alarm(0);
+}
+
 TEST(Forks, LeaveTheChildNoLockOfAnotherThread) {
   const Instrument instrument("");
   std::atomic<bool> done{false};
