@@ -82,7 +82,7 @@ std::vector<std::string> splitAtSlashes(const std::string& text) {
 // The lock lasts until the entry has been copied. Copying it straight into the new object is what
 // keeps a construction from the cache cheap.
 ModuleI2CInfo::ModuleI2CInfo(unsigned int moduleNumber)
-    : ModuleI2CInfo(cacheEntry(moduleNumber, lockAcrossForks<cacheLock>())) {}
+    : ModuleI2CInfo(cacheEntry(moduleNumber, ForkSafeLock<cacheLock>())) {}
 
 const ModuleI2CInfo& ModuleI2CInfo::cacheEntry(unsigned int moduleNumber,
                                                const std::lock_guard<std::mutex>& /*lock*/) {

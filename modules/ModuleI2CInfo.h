@@ -74,7 +74,7 @@ class ModuleI2CInfo {
   static std::map<unsigned int, ModuleI2CInfo> cache;
 
   /// Guards `cache`; held for a whole construction, so not to be held while constructing. A fork
-  /// waits for it, so not to be held by the thread that forks either.
+  /// waits until no construction holds it.
   static std::mutex cacheLock;
 
  private:

@@ -64,25 +64,25 @@ std::uint32_t portMask(PortMask column, PCIeDownstreamPorts port) {
 }
 
 bool initialisePci() {
-  const auto lock = lockAcrossForks<pciLock>();
+  const ForkSafeLock<pciLock> lock;
   return pci_system_init() == 0;
 }
 
 int bridgeBuses(pci_device* bridge, int& primary, int& secondary, int& subordinate) {
-  const auto lock = lockAcrossForks<pciLock>();
+  const ForkSafeLock<pciLock> lock;
   return pci_device_get_bridge_buses(bridge, &primary, &secondary, &subordinate);
 }
 
 pci_device* upstreamPortOf(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
   pci_device* const device = portEntry(diagnostics.downstreamPorts, port);
-  const auto lock = lockAcrossForks<pciLock>();
+  const ForkSafeLock<pciLock> lock;
   return device == nullptr ? nullptr : pci_device_get_parent_bridge(device);
 }
 
 pci_device* findDevice(int bus, std::uint32_t device) {
   // libpciaccess gives a bridge that has no secondary bus the number -1, and takes that number for
   // "any bus" in a look-up.
-  const auto lock = lockAcrossForks<pciLock>();
+  const ForkSafeLock<pciLock> lock;
   return bus < 0 ? nullptr : pci_device_find_by_slot(0, static_cast<std::uint32_t>(bus), device, 0);
 }
 
