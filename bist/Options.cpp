@@ -114,7 +114,7 @@ void addChoice(CLI::App& command, Choice& choice) {
              "how long PRBS is tested on each port, 0 to 86400; 1 unless given");
   command
       .add_flag_callback(
-          "--power-cycle", [&choice] { choice.added.emplace_back("power"); },
+          "--power-cycle", [&choice] { choice.added = {"power"}; },
           "also turn each module off and on; modules that were off stay off")
       ->disable_flag_override();
   command

@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "simulator/CommandLine.h"
 #include "simulator/instrument/ExpectedTrace.h"
 #include "simulator/instrument/HostHardware.h"
 #include "simulator/instrument/LeftBehind.h"
@@ -32,25 +33,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int traceDiffers = 1;
-constexpr int usageError = 2;
 constexpr int notExecutable = 126;
 constexpr int notFound = 127;
-
-struct Arguments {
-  std::string instrument = "full";
-  std::optional<std::string> trace;
-  std::optional<std::string> expect;
-  bool timestamps = false;
-  bool fast = false;
-  std::string name;
-  std::string state;
-  std::optional<std::uint64_t> seed;
-  bool summary = false;
-  bool show = false;
-  std::string on;
-  std::vector<std::string> settings;
-  std::vector<std::string> program;
-};
 
 // Beside the program where it was built, or where it was installed.
 fs::path instrumentsDirectory() {
@@ -293,77 +277,15 @@ void set(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
   Arguments arguments;
-  CLI::App app(
-      "Runs a program on a simulated instrument: whatever the program does to GPIO lines, udev\n"
-      "devices, PCI configuration space and the platform's classes happens to the instrument that\n"
-      "a description file describes instead of to this machine's own hardware. That holds for the\n"
-      "programs that it starts too; those for which it cannot hold are refused.\n\n"
-      "The exit status is the program's; 1 when the trace is not the expected one, 2 for a wrong\n"
-      "description or call, 126 or 127 when the program cannot be run.",
-      "talvero-sim");
-  app.set_version_flag("--version", TALVERO_VERSION);
-  app.add_option("--instrument", arguments.instrument,
-                 "description file, or the name of a shipped one (see --list)")
-      ->capture_default_str();
-  app.add_flag("--fast", arguments.fast, "advance a virtual clock instead of sleeping");
-  CLI::Option* const trace =
-      app.add_option("--trace", arguments.trace, "write every access to this file, one line each");
-  app.add_flag("--timestamps", arguments.timestamps,
-               "begin each line with the instrument's time, in seconds, and the process")
-      ->needs(trace);
-  app.add_option("--expect", arguments.expect,
-                 "compare with this file, a trace from before, and show the first difference");
-  app.add_option(
-      "--state", arguments.state,
-      "write to this file, at the end, what has become of the instrument: a description");
-  app.add_flag("--summary", arguments.summary,
-               "say at the end what has been left behind: PRBS, loopback, power, clocks, outputs");
-  app.add_option("--seed", arguments.seed, "repeat what happens by chance")
-      ->check(CLI::NonNegativeNumber);
-  app.add_option("--name", arguments.name, "the instrument's name, for talvero-sim set --on")
-      ->check([](const std::string& name) {
-        const bool isNumber = name.find_first_not_of("0123456789") == std::string::npos;
-        return name.size() >= simulator::textSize ? "is too long"
-               : isNumber                         ? "is a number, as processes have"
-                                                  : "";
-      });
-  CLI::Option* const showFlag =
-      app.add_flag("--show", arguments.show, "print the instrument's whole description, and end");
-  app.add_flag_callback(
-      "--list",
-      [] {
-        listInstruments();
-        throw CLI::Success();
-      },
-      "list the shipped instruments");
-  app.add_option("PROGRAM", arguments.program, "the program and its arguments, after --")
-      ->option_text(" ")
-      ->excludes(showFlag);
-  app.positionals_at_end();
-  CLI::App* const setting = app.add_subcommand("set", "change an instrument that runs");
-  setting->add_option("--on", arguments.on,
-                      "its name, or a process on it; otherwise the only one that runs");
-  setting
-      ->add_option("SETTING", arguments.settings,
-                   "a group, a key of it and the new value, such as \"pci port1 link=down\"")
-      ->required()
-      ->option_text(" ");
+  if (const std::optional<int> status = readCommandLine(argc, argv, arguments)) {
+    return *status;
+  }
   try {
-    app.parse(argc, argv);
-    if (setting->parsed()) {
-      set(arguments);
-      return 0;
+    if (!arguments.list && !arguments.set && !arguments.show) {
+      return run(arguments);
     }
-    if (arguments.show) {
-      show(arguments);
-      return 0;
-    }
-    if (arguments.program.empty()) {
-      throw CLI::RequiredError("PROGRAM");
-    }
-    return run(arguments);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : usageError;
+    arguments.list ? listInstruments() : arguments.set ? set(arguments) : show(arguments);
+    return 0;
   } catch (const std::exception& error) {
     std::cerr << "talvero-sim: " << error.what() << "\n";
     return usageError;

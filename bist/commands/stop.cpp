@@ -8,11 +8,11 @@
 namespace {
 
 PortOption target;
-const CLI::Option* named = nullptr;
+bool namesPort = false;
 
 void addOptions(CLI::App& app) {
   target.addTo(app, false);
-  named = app.get_option("PORT");
+  app.get_option("PORT")->each([](const std::string&) { namesPort = true; });
 }
 
 /// Ends PRBS and loopback on ports of one switch, and judges what they read afterwards.
@@ -55,7 +55,7 @@ void run(Report& report) {
   Section section{"stop", "PRBS and loopback"};
   PCIeDiagnostics diagnostics;
   report.takeMessages({});
-  if (named->count() != 0) {
+  if (namesPort) {
     section.about = target.subject();
     target.reach(diagnostics);
     stop(diagnostics, {target.port}, target.slot(), section.lines);
