@@ -150,7 +150,7 @@ Expectation::Expectation(const std::string& file) {
   }
   try {
     expected = Json::parse(stream);
-  } catch (const Json::parse_error& error) {
+  } catch (const Json::exception& error) {  // also of numbers that are too large
     throw std::runtime_error(file + ": is no JSON: " + error.what());
   }
   if (!expected.is_object()) {
