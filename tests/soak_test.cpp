@@ -282,6 +282,7 @@ TEST_F(Soak, TellsErrorRates) {
                 "; 1e+12 bits, error rate at least 1.0e-06  FAIL"},
                {"9,pass,0x2012,pass,0,fail,0.5,255,5000000000",
                 "; 5e+09 bits, error rate at least 5.1e-08  FAIL"},
+               {"9,pass,0x2012,pass,0,fail,0.5,,5", "made.csv:2: bits without errors in them"},
                {"9,pass,0x2012,pass,0,fail,0.5,7,0", "; errors 7; 0 bits  FAIL"}};
   for (const auto& test : cases) {
     directory.file("made.csv", csv({test.cycle}));
@@ -297,6 +298,10 @@ TEST_F(Soak, TellsErrorRates) {
   EXPECT_NEAR(prbs["errorRateUpper"], (400000 + 1.96 * std::sqrt(400000)) / 2e12, 2e-12);
   EXPECT_EQ(soak["firstFailedCycles"].size(), 100U);
   EXPECT_EQ(soak["failedCycles"], 2000);
+  directory.file("made.csv", csv({"9,pass,0x2012,pass,0,fail,0.5,200,1000000000",
+                                  "9,pass,0x2012,pass,0,fail,0.5,4000000000000,8000000000000"}));
+  const json huge = json::parse(run("soak --cycles 2 --json --resume made.csv").output)["soak"];
+  EXPECT_NEAR(huge["tests"]["DownstreamPort1.prbs"]["errorRate"], 0.5, 0.001);
 }
 
 TEST_F(Soak, KeepsFewPointsOfManyCycles) {

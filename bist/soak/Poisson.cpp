@@ -47,6 +47,12 @@ Bounds poissonBounds(double events) {
   if (events == 0) {
     return {0, -std::log(0.05)};
   }
+  // So many are normally distributed, and adding their probabilities up takes long.
+  constexpr double many = 1e6;
+  if (events > many) {
+    const double deviation = 1.96 * std::sqrt(events);
+    return {events - deviation, events + deviation};
+  }
   constexpr double tail = 0.025;
   const double far = events + 10 + 10 * std::sqrt(events);
   return {

@@ -70,6 +70,14 @@ bool isVerdict(const std::string& field) {
   return std::find(std::begin(verdicts), std::end(verdicts), field) != std::end(verdicts);
 }
 
+/// Where bits have been tested, it has been counted how many were wrong.
+void requireCount(const std::map<std::string, double>& figures) {
+  const auto bits = figures.find("bits");
+  if (bits != figures.end() && bits->second > 0 && figures.count("errors") == 0) {
+    throw std::runtime_error("bits without errors in them");
+  }
+}
+
 /// Takes what a cycle says of a test: the verdict and its figures.
 void takeResult(SoakedTest& test, unsigned int cycle, const std::string& verdict,
                 const std::map<std::string, double>& figures) {
@@ -297,6 +305,7 @@ void Statistics::take(const std::string& line) {
       }
       ++field;
     }
+    requireCount(results.back().second);
   }
   ++done;
   elapsed = seconds;
