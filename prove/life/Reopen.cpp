@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-#include "prove/Holdings.h"
+#include "prove/life/Holdings.h"
 
 namespace {
 

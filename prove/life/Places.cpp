@@ -11,8 +11,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "prove/Life.h"
-#include "prove/Processes.h"
+#include "prove/life/Life.h"
+#include "prove/life/Processes.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "prove/Operations.h"
+#include "prove/life/Operations.h"
 
 #include <memory>
 
@@ -11,7 +11,7 @@
 #include "modules/ModuleI2CInfo.h"
 #include "modules/Udev_PCA9536.h"
 #include "pcie/PCIeDiagnostics.h"
-#include "prove/Holdings.h"
+#include "prove/life/Holdings.h"
 #include "sysfs/SysfsUtil.h"
 
 namespace {

@@ -2,7 +2,7 @@
 #include <memory>
 
 #include "board/BoardId.h"
-#include "prove/FaultSweep.h"
+#include "prove/faults/FaultSweep.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "modules/ModuleControllerInterfaceFactory.h"
 #include "modules/ModuleI2CInfo.h"
 #include "modules/Udev_PCA9536.h"
-#include "prove/FaultSweep.h"
+#include "prove/faults/FaultSweep.h"
 
 namespace {
 

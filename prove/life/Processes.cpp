@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "prove/Processes.h"
+#include "prove/life/Processes.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "prove/OutsideCalls.h"
+#include "prove/faults/OutsideCalls.h"
 
 #include <dirent.h>
 #include <dlfcn.h>

@@ -2,7 +2,7 @@
 // life: what becomes of the library, the simulated instrument and its programs under load and over
 // a long life. Prints one line for each claim.
 
-#include "prove/Life.h"
+#include "prove/life/Life.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,7 +22,7 @@
 #include <sstream>
 #include <thread>
 
-#include "prove/Processes.h"
+#include "prove/life/Processes.h"
 
 namespace {
 

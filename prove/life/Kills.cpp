@@ -19,8 +19,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "prove/Life.h"
-#include "prove/Processes.h"
+#include "prove/life/Life.h"
+#include "prove/life/Processes.h"
 
 namespace {
 

@@ -23,9 +23,9 @@
 #include "board/BoardId.h"
 #include "modules/ModuleI2CInfo.h"
 #include "pcie/PCIeDiagnostics.h"
-#include "prove/Everything.h"
-#include "prove/Holdings.h"
-#include "prove/Operations.h"
+#include "prove/life/Everything.h"
+#include "prove/life/Holdings.h"
+#include "prove/life/Operations.h"
 #include "sysfs/SysfsUtil.h"
 
 namespace {

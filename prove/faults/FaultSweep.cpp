@@ -2,7 +2,7 @@
 // Lets each call that the library makes to the outside fail, once and for ever, in each of its
 // operations, and prints what was tried and what did not hold.
 
-#include "prove/FaultSweep.h"
+#include "prove/faults/FaultSweep.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -22,7 +22,7 @@
 #include <regex>
 #include <thread>
 
-#include "prove/OutsideCalls.h"
+#include "prove/faults/OutsideCalls.h"
 #include "simulator/instrument/DescriptionFile.h"
 #include "simulator/instrument/SimulatedInstrument.h"
 

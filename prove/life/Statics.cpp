@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "prove/Everything.h"
+#include "prove/life/Everything.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include <memory>
 
 #include "pcie/PCIeDiagnostics.h"
-#include "prove/FaultSweep.h"
+#include "prove/faults/FaultSweep.h"
 
 namespace {
 

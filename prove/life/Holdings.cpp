@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "prove/Holdings.h"
+#include "prove/life/Holdings.h"
 
 #include <malloc.h>
 #include <pciaccess.h>

@@ -1386,7 +1386,7 @@ bool isOnItsInstrument() {
 
 int main(int argc, char** argv) {
   if (!isOnItsInstrument()) {
-    std::fputs("ways: not on its instrument: talvero-sim --instrument prove/ways.conf -- ways\n",
+    std::fputs("ways: not on its instrument: talvero-sim --instrument prove/ways/ways.conf -- ways\n",
                stderr);
     return 2;
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "prove/Everything.h"
+#include "prove/life/Everything.h"
 
 #include <memory>
 #include <vector>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <memory>
 
-#include "prove/FaultSweep.h"
+#include "prove/faults/FaultSweep.h"
 #include "sysfs/SysfsUtil.h"
 
 namespace {
