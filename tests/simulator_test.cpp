@@ -913,6 +913,8 @@ TEST(TalveroSim, LeavesNothingBehind) {
   EXPECT_NE(runCommand("ls " + directory.path).output, "") << "nobody was left to remove it";
   const std::string ofOther = directory.file("talvero-sim-notes/sys", "");
   directory.file("talvero-sim.killed/sys", "");  // before it had a lock
+  std::filesystem::permissions(directory.path + "/talvero-sim.killed",
+                               std::filesystem::perms::owner_all);
   runCommand(sim + "true");
   EXPECT_TRUE(std::filesystem::remove(ofOther) &&
               std::filesystem::remove(directory.path + "/talvero-sim-notes"));
