@@ -5,6 +5,8 @@
 
 #include <iterator>
 #include <mutex>
+#include <optional>
+#include <system_error>
 #include <type_traits>
 
 #include "internal/ForkSafeLock.h"
@@ -12,6 +14,21 @@
 namespace {
 
 std::mutex pciLock;
+
+/// A thread's turn with libpciaccess. No operation fails for want of the lock.
+class Turn {
+ public:
+  Turn() {
+    try {
+      lock.emplace();
+    } catch (const std::system_error&) {
+      lock.reset();
+    }
+  }
+
+ private:
+  std::optional<ForkSafeLock<pciLock>> lock;
+};
 
 // Of an enumerator that is missing here the compiler warns.
 constexpr bool isPort(PCIeDownstreamPorts port) {
@@ -64,25 +81,25 @@ std::uint32_t portMask(PortMask column, PCIeDownstreamPorts port) {
 }
 
 bool initialisePci() {
-  const ForkSafeLock<pciLock> lock;
+  const Turn turn;
   return pci_system_init() == 0;
 }
 
 int bridgeBuses(pci_device* bridge, int& primary, int& secondary, int& subordinate) {
-  const ForkSafeLock<pciLock> lock;
+  const Turn turn;
   return pci_device_get_bridge_buses(bridge, &primary, &secondary, &subordinate);
 }
 
 pci_device* upstreamPortOf(const PCIeDiagnostics& diagnostics, PCIeDownstreamPorts port) {
   pci_device* const device = portEntry(diagnostics.downstreamPorts, port);
-  const ForkSafeLock<pciLock> lock;
+  const Turn turn;
   return device == nullptr ? nullptr : pci_device_get_parent_bridge(device);
 }
 
 pci_device* findDevice(int bus, std::uint32_t device) {
   // libpciaccess gives a bridge that has no secondary bus the number -1, and takes that number for
   // "any bus" in a look-up.
-  const ForkSafeLock<pciLock> lock;
+  const Turn turn;
   return bus < 0 ? nullptr : pci_device_find_by_slot(0, static_cast<std::uint32_t>(bus), device, 0);
 }
 

@@ -187,11 +187,19 @@ void lockUmockdev() { pthread_mutex_lock(umockdevLock()); }
 
 void unlockUmockdev() { pthread_mutex_unlock(umockdevLock()); }
 
-// Programs that talvero-sim starts find the instrument in their environment.
-__attribute__((constructor)) void start() {
-  if (umockdevLock() != nullptr) {
+// A fork takes locks in the reverse order of their registration: umockdev's, which others' holders
+// take as well, has to be the first that is registered.
+void registerForForks() {
+  static bool isRegistered = false;
+  if (!isRegistered && umockdevLock() != nullptr) {
+    isRegistered = true;
     pthread_atfork(lockUmockdev, unlockUmockdev, unlockUmockdev);
   }
+}
+
+// Programs that talvero-sim starts find the instrument in their environment.
+__attribute__((constructor)) void start() {
+  registerForForks();
   if (const char* stateFile = secure_getenv(simulator::stateVariable)) {
     simulator::attach(stateFile);
     simulator::requireTree();
@@ -216,6 +224,13 @@ __attribute__((destructor)) void finish() {
 }  // namespace
 
 extern "C" {
+
+// What pthread_atfork calls, in libraries that begin before this one too.
+int __register_atfork(void (*prepare)(), void (*parent)(), void (*child)(), void* library) {
+  static const auto real = next(&__register_atfork, "__register_atfork");
+  registerForForks();
+  return real(prepare, parent, child, library);
+}
 
 std::FILE* fopen(const char* path, const char* mode) {
   static const auto real = next(&fopen, "fopen");
