@@ -289,7 +289,7 @@ TEST(Descriptions, AreRefusedWithFileGroupAndKey) {
       {"[faults]\nudev=on", "d.conf: [faults] udev: unknown key"},
       {"[faults]\nudev-context=1", "d.conf: [faults] udev-context: must be on or off, not \"1\""},
       {"straps=1", "d.conf: "},
-      {std::string("[gpio]\n80=low\0x", 16), "d.conf: line 2: has a control character"},
+      {std::string("[gpio]\n80=low\0x", 15), "d.conf: line 2: has a control character"},
       {manyDevices, "d.conf: [i2c] 9-0080: more than 128 I2C devices"},
       {longText, "d.conf: [module 2-0050] top: longer than 255 characters"},
       {"[power 1]\non-delay=x", "d.conf: [power 1] on-delay: must be a time in seconds"},

@@ -38,10 +38,11 @@ std::string withoutDetours(const std::string& path) {
 /// What a symbolic link holds, from the kernel itself; empty for another file.
 std::string linkTarget(const std::string& path) {
   const int before = errno;
-  char target[PATH_MAX];
-  const long length = syscall(SYS_readlinkat, AT_FDCWD, path.c_str(), target, sizeof target);
+  std::string target(PATH_MAX, '\0');  // not on the stack, which may be a page in all
+  const long length = syscall(SYS_readlinkat, AT_FDCWD, path.c_str(), target.data(), target.size());
   errno = before;
-  return length < 0 ? "" : std::string(target, static_cast<std::size_t>(length));
+  target.resize(static_cast<std::size_t>(std::max(length, 0L)));
+  return target;
 }
 
 /// Where an absolute path leads by the symbolic links in it. Those below /sys lead nowhere else;
