@@ -8,8 +8,8 @@
 #include <mutex>
 
 /// Locks a mutex that a fork waits for: the child of a program with several threads would find it
-/// locked for ever by a thread that the child does not have. The thread that has it may fork itself,
-/// as what it calls then might do.
+/// locked for ever by a thread that the child does not have. The thread that has it may fork
+/// itself, as what it calls then might do.
 template <std::mutex& mutex>
 class ForkSafeLock : public std::lock_guard<std::mutex> {
  public:

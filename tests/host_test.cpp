@@ -231,7 +231,8 @@ TEST(HostHardware, IsReachedByNoMoreFunctionsWhereItIsNotHidden) {
   GTEST_SKIP() << "functions of the C library, without those of a sanitizer or of QEMU";
 #endif
   EXPECT_EQ(runCommand(WAYS).status, 2) << "of this machine's own files it tries none";
-  const std::string command = TALVERO_SIM " --instrument " SOURCE_DIR "/prove/ways/ways.conf -- " WAYS;
+  const std::string command =
+      TALVERO_SIM " --instrument " SOURCE_DIR "/prove/ways/ways.conf -- " WAYS;
   const std::string hidden = outputAfter(changeNothing, command);
   EXPECT_THAT(hidden, testing::StartsWith("open                simulated           open open64 "));
   EXPECT_EQ(outputAfter(refuseNamespaces, command), hidden);

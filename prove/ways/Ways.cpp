@@ -1386,8 +1386,9 @@ bool isOnItsInstrument() {
 
 int main(int argc, char** argv) {
   if (!isOnItsInstrument()) {
-    std::fputs("ways: not on its instrument: talvero-sim --instrument prove/ways/ways.conf -- ways\n",
-               stderr);
+    std::fputs(
+        "ways: not on its instrument: talvero-sim --instrument prove/ways/ways.conf -- ways\n",
+        stderr);
     return 2;
   }
   cat = programOf("cat");
