@@ -45,7 +45,7 @@ class ForkSafeLock : public std::lock_guard<std::mutex> {
   }
 
   static inline std::atomic<pthread_t> holder{};
-  static inline bool lockedForFork = false;
+  static inline thread_local bool lockedForFork = false;  // several threads may fork at once
 
   // Before any thread could take it.
   static inline const int registered =

@@ -101,8 +101,8 @@ void enableBridgeErrorReporting(pci_device* bridge) {
 }
 
 void clearBridgeErrorStatus(pci_device* bridge) {
-  pci_device_cfg_write_u32(bridge, uncorrectableErrors, portRegister::uncorrectableStatus);
-  pci_device_cfg_write_u32(bridge, correctableErrors, portRegister::correctableStatus);
+  writeConfig32(bridge, uncorrectableErrors, portRegister::uncorrectableStatus);
+  writeConfig32(bridge, correctableErrors, portRegister::correctableStatus);
 }
 
 std::string PCIeDiagnostics::DecodeUncorrectableStatus(unsigned int status) const {

@@ -4,31 +4,11 @@
 #include <pciaccess.h>
 
 #include <iterator>
-#include <mutex>
-#include <optional>
-#include <system_error>
 #include <type_traits>
 
-#include "internal/ForkSafeLock.h"
+#include "pcie/internal/Turn.h"
 
 namespace {
-
-std::mutex pciLock;
-
-/// A thread's turn with libpciaccess. No operation fails for want of the lock.
-class Turn {
- public:
-  Turn() {
-    try {
-      lock.emplace();
-    } catch (const std::system_error&) {
-      lock.reset();
-    }
-  }
-
- private:
-  std::optional<ForkSafeLock<pciLock>> lock;
-};
 
 // Of an enumerator that is missing here the compiler warns.
 constexpr bool isPort(PCIeDownstreamPorts port) {

@@ -12,7 +12,7 @@ std::string text(bool result) { return result ? "true" : "false"; }
 
 std::vector<Operation> boardOperations() {
   return {
-      {"BoardId", "[0-9]+ [01]{6} [A-Z].*", 0,
+      {"BoardId", "34 100010 TALVERO PROTO-2 SPB", "[0-9]+ [01]{6} [A-Z].*", 0,
        [] {
          return [] {
            const BoardId board;
@@ -20,6 +20,7 @@ std::vector<Operation> boardOperations() {
          };
        }},
       {"BoardId::isPMBConnected",
+       "false",
        "true|false",
        0,
        [] {
@@ -28,7 +29,7 @@ std::vector<Operation> boardOperations() {
          return [board] { return text(board->isPMBConnected()); };
        },
        {"udev_new|udev_enumerate_new", "false"}},
-      {"BoardId::isIMBConnected", "true|false", 0,
+      {"BoardId::isIMBConnected", "true", "true|false", 0,
        [] {
          const auto board = std::make_shared<BoardId>();
          return [board] { return text(board->isIMBConnected()); };

@@ -22,6 +22,7 @@ struct Failure {
 /// A public operation of the library.
 struct Operation {
   const char* name;
+  const char* inOrder;   ///< what it says where nothing fails
   Said said;             ///< whatever fails; want of memory is told by std::bad_alloc besides
   std::int64_t longest;  ///< milliseconds on the instrument's clock that it may take
   std::function<Call()> prepare;  ///< makes the object that the call is made on; nothing fails here

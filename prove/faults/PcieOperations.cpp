@@ -31,6 +31,7 @@ const std::string anyRecord = "(true|false) (true|false) 0 (true|false) 0";
 std::vector<Operation> pcieOperations() {
   return {
       {"PCIeDiagnostics",
+       "true true true",
        "(true|false) (true|false) (true|false)",
        0,
        [] {
@@ -41,7 +42,8 @@ std::vector<Operation> pcieOperations() {
          };
        },
        {"pci_system_init", "false false false"}},
-      {"PCIeDiagnostics, whatever it has found", anyRecord + " (0|122)", 630,
+      {"PCIeDiagnostics, whatever it has found", "true true 0 true 0 122", anyRecord + " (0|122)",
+       630,
        [] {
          return [] {
            PCIeDiagnostics diagnostics;
@@ -51,94 +53,105 @@ std::vector<Operation> pcieOperations() {
                   std::to_string(diagnostics.getDevicePortBits(port, 0, 0xFF00, 8) & 0x7A);
          };
        }},
-      {"PCIeDiagnostics::setupAdvancedErrorReportingOnRootSwitch", "0", 0,
+      {"PCIeDiagnostics::setupAdvancedErrorReportingOnRootSwitch", "0", "0", 0,
        on([](PCIeDiagnostics& diagnostics) {
          return std::to_string(diagnostics.setupAdvancedErrorReportingOnRootSwitch());
        })},
-      {"PCIeDiagnostics::DecodeUncorrectableStatus", ".*ECRC Error.*|.*ECRC.*", 0,
-       on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::DecodeUncorrectableStatus",
+       "Data Link, Surprise Down, Poisoned DLP, Flow Control, Completion Timeout, Completion "
+       "Abort, Unexpected Completion, Receiver Overflow, Malformed TLP, ECRC Error, Unsupported "
+       "Request, ACS Violation",
+       ".*ECRC Error.*|.*ECRC.*", 0, on([](PCIeDiagnostics& diagnostics) {
          return diagnostics.DecodeUncorrectableStatus(0xFFFFFFFF);
        })},
-      {"PCIeDiagnostics::DecodeCorrectableStatus", ".*Bad TLP.*", 0,
+      {"PCIeDiagnostics::DecodeCorrectableStatus",
+       "Rx Errors, Bad TLP, Bad DLLP, Replay Num, Replay Timeout, Advisory", ".*Bad TLP.*", 0,
        on([](PCIeDiagnostics& diagnostics) {
          return diagnostics.DecodeCorrectableStatus(0xFFFFFFFF);
        })},
-      {"PCIeDiagnostics::getDevicePortBits", "0|122", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::getDevicePortBits", "122", "0|122", 0,
+       on([](PCIeDiagnostics& diagnostics) {
          return std::to_string(diagnostics.getDevicePortBits(port, 0, 0xFF00, 8) & 0x7A);
        })},
-      {"PCIeDiagnostics::setDevicePortBits", "0|5", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::setDevicePortBits", "5", "0|5", 0, on([](PCIeDiagnostics& diagnostics) {
          return std::to_string(diagnostics.setDevicePortBits(port, 0xB98, 5, ~0xFU));
        })},
-      {"PCIeDiagnostics::clearDevicePortBits", "0", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::clearDevicePortBits", "0", "0", 0, on([](PCIeDiagnostics& diagnostics) {
          return std::to_string(diagnostics.clearDevicePortBits(port, 0x25C, 0x0F000000));
        })},
-      {"PCIeDiagnostics::testDevicePortBits", "true|false", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::testDevicePortBits", "true", "true|false", 0,
+       on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.testDevicePortBits(port, 0x1F4, 0xF00));
        })},
-      {"PCIeDiagnostics::retrainLink", "", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::retrainLink", "", "", 0, on([](PCIeDiagnostics& diagnostics) {
          diagnostics.retrainLink(port);
          return std::string();
        })},
-      {"PCIeDiagnostics::getDiagnosticsResults", anyRecord, 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::getDiagnosticsResults", "true true 0 false 0", anyRecord, 0,
+       on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.getDiagnosticsResults(port, true));
        })},
-      {"PCIeDiagnostics::clearDownstreamResults", "", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::clearDownstreamResults", "", "", 0, on([](PCIeDiagnostics& diagnostics) {
          diagnostics.clearDownstreamResults(port);
          return std::string();
        })},
-      {"PCIeDiagnostics::wait_ms", "0", 300,
+      {"PCIeDiagnostics::wait_ms", "0", "0", 300,
        on([](PCIeDiagnostics& diagnostics) { return std::to_string(diagnostics.wait_ms(300)); })},
-      {"PCIeDiagnostics::checkLiveDownstreamPort", anyRecord, 110,
+      {"PCIeDiagnostics::checkLiveDownstreamPort", "true true 0 false 0", anyRecord, 110,
        on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.checkLiveDownstreamPort(port, 0, true));
        })},
-      {"PCIeDiagnostics::isLinkUp", "true|false", 110,
+      {"PCIeDiagnostics::isLinkUp", "true", "true|false", 110,
        on([](PCIeDiagnostics& diagnostics) { return text(diagnostics.isLinkUp(port)); })},
-      {"PCIeDiagnostics::testDownstreamPort", anyRecord, 520, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::testDownstreamPort", "true true 0 true 0", anyRecord, 520,
+       on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.testDownstreamPort(port, 0));
        })},
-      {"PCIeDiagnostics::setupShimSwitch", "true|false", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::setupShimSwitch", "true", "true|false", 0,
+       on([](PCIeDiagnostics& diagnostics) {
          diagnostics.setupShimSwitch(1);
          return text(diagnostics.shimUpstreamFound);
        })},
-      {"PCIeDiagnostics::setPostCursorEmphasis", "true", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::setPostCursorEmphasis", "true", "true", 0,
+       on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.setPostCursorEmphasis(port, 0, 3));
        })},
-      {"PCIeDiagnostics::setDriveLevel", "true", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::setDriveLevel", "true", "true", 0, on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.setDriveLevel(port, 0, 3));
        })},
-      {"PCIeDiagnostics::setTo5GQuietTransmitWithoutLoopback", "true", 20,
+      {"PCIeDiagnostics::setTo5GQuietTransmitWithoutLoopback", "true", "true", 20,
        on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.setTo5GQuietTransmitWithoutLoopback(port, true));
        })},
-      {"PCIeDiagnostics::setPCIeExternalAnalogLoopback", "true|false", 120,
+      {"PCIeDiagnostics::setPCIeExternalAnalogLoopback", "true", "true|false", 120,
        on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.setPCIeExternalAnalogLoopback(port, true));
        })},
-      {"PCIeDiagnostics::setLoopbackMasterControl", "true|false", 10,
+      {"PCIeDiagnostics::setLoopbackMasterControl", "true", "true|false", 10,
        on([](PCIeDiagnostics& diagnostics) {
          return text(diagnostics.setLoopbackMasterControl(port, true));
        })},
-      {"PCIeDiagnostics::setPRBSMode", "", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::setPRBSMode", "", "", 0, on([](PCIeDiagnostics& diagnostics) {
          diagnostics.setPRBSMode(port, true);
          return std::string();
        })},
-      {"PCIeDiagnostics::configurePRBSDiagnosicRegister", "", 0,
+      {"PCIeDiagnostics::configurePRBSDiagnosicRegister", "", "", 0,
        on([](PCIeDiagnostics& diagnostics) {
          diagnostics.configurePRBSDiagnosicRegister(port);
          return std::string();
        })},
-      {"PCIeDiagnostics::setupPRBSLoopbackTest", "", 10, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::setupPRBSLoopbackTest", "", "", 10, on([](PCIeDiagnostics& diagnostics) {
          diagnostics.setupPRBSLoopbackTest(port);
          return std::string();
        })},
-      {"PCIeDiagnostics::tearDownPRBSLoopbackTest", "", 10, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::tearDownPRBSLoopbackTest", "", "", 10,
+       on([](PCIeDiagnostics& diagnostics) {
          diagnostics.tearDownPRBSLoopbackTest(port);
          return std::string();
        })},
-      {"PCIeDiagnostics::checkForPRBSSync", "true|false", 0,
+      {"PCIeDiagnostics::checkForPRBSSync", "false", "true|false", 0,
        on([](PCIeDiagnostics& diagnostics) { return text(diagnostics.checkForPRBSSync(port)); })},
-      {"PCIeDiagnostics::readPRBSErrorCounter", "0", 0, on([](PCIeDiagnostics& diagnostics) {
+      {"PCIeDiagnostics::readPRBSErrorCounter", "0", "0", 0, on([](PCIeDiagnostics& diagnostics) {
          return std::to_string(diagnostics.readPRBSErrorCounter(port));
        })},
   };

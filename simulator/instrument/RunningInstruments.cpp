@@ -41,17 +41,17 @@ bool isOwn(const fs::path& directory) {
          status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
-/// Calls `running` or `abandoned` with the directory of each of this user's instruments.
+/// Calls `running` or `abandoned` with the directory of each of this user's instruments. One
+/// without a lock is of a process that was killed before it made that, or late in removing it:
+/// abandoned if O_CREAT creates that lock.
 template <typename Running, typename Abandoned>
-void forEachInstrument(Running running, Abandoned abandoned) {
+void forEachInstrument(Running running, Abandoned abandoned, int creates = 0) {
   std::error_code ignored;
   for (const fs::directory_entry& entry : fs::directory_iterator(temporaryDirectory(), ignored)) {
     if (!isOwn(entry.path())) {
       continue;
     }
-    // One without a lock is of a process that was killed before it made that, or late in removing
-    // it.
-    const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int fd = ::open((entry.path() / lockName).c_str(), O_RDWR | O_CLOEXEC | creates, 0600);
     if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) {
       abandoned(entry.path());
     } else if (fd >= 0) {
@@ -133,7 +133,8 @@ void removeAbandonedInstruments() {
                       std::error_code ignored;
                       tellPrograms(directory / "state");
                       fs::remove_all(directory, ignored);
-                    });
+                    },
+                    O_CREAT);
 }
 
 void attachRunning(const std::string& nameOrProcess) {

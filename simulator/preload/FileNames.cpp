@@ -47,6 +47,8 @@ static_assert(sizeof(off_t) == sizeof(off64_t) && sizeof(struct stat) == sizeof(
                   sizeof(struct statvfs) == sizeof(struct statvfs64),
               "the names for large files need definitions of their own");
 
+extern "C" [[noreturn]] void __chk_fail();
+
 namespace {
 
 /// A file's name as it leads to the instrument's file, or to none where the instrument lacks one.
@@ -106,6 +108,13 @@ bool isDoor(const char* fileSystem) {
   const auto is = [fileSystem](const char* name) { return std::strcmp(fileSystem, name) == 0; };
   constexpr const char* doors[] = {"sysfs", "devtmpfs", "proc", "debugfs"};
   return fileSystem != nullptr && std::any_of(std::begin(doors), std::end(doors), is);
+}
+
+/// Ends a program that says it has more room than there is, as its fortified calls do.
+void requireRoom(size_t size, size_t room) {
+  if (size > room) {
+    __chk_fail();
+  }
 }
 
 int refuseDoor() {
@@ -197,14 +206,17 @@ char* getwd(char* buffer) noexcept { return getcwd(buffer, PATH_MAX); }
 char* get_current_dir_name() noexcept { return getcwd(nullptr, 0); }
 
 // What these become in programs built with -D_FORTIFY_SOURCE.
-char* __getwd_chk(char* buffer, size_t size) { return getcwd(buffer, size); }
+char* __getwd_chk(char* buffer, size_t room) {
+  return getcwd(buffer, std::min<size_t>(room, PATH_MAX));
+}
 
-ssize_t __readlink_chk(const char* path, char* target, size_t size, size_t /*room*/) {
+ssize_t __readlink_chk(const char* path, char* target, size_t size, size_t room) {
+  requireRoom(size, room);
   return readlink(path, target, size);
 }
 
-ssize_t __readlinkat_chk(int directory, const char* path, char* target, size_t size,
-                         size_t /*room*/) {
+ssize_t __readlinkat_chk(int directory, const char* path, char* target, size_t size, size_t room) {
+  requireRoom(size, room);
   return readlinkat(directory, path, target, size);
 }
 
@@ -462,7 +474,8 @@ int mknod(const char* path, mode_t mode, dev_t device) noexcept {
 int mount(const char* source, const char* path, const char* fileSystem, unsigned long flags,
           const void* data) noexcept {
   static const auto real = next(&mount, "mount");
-  return simulator::attached() && isDoor(fileSystem)
+  constexpr unsigned long withoutType = MS_REMOUNT | MS_BIND | MS_MOVE;
+  return simulator::attached() && (flags & withoutType) == 0 && isDoor(fileSystem)
              ? refuseDoor()
              : change(EPERM, {Shown(source), Shown(path)},
                       [&] { return real(source, path, fileSystem, flags, data); });

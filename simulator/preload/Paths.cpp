@@ -79,8 +79,8 @@ std::string followLinks(const std::string& path, bool followLast) {
 
 std::string directoryPath(int directory) {
   if (directory == AT_FDCWD) {
-    char path[PATH_MAX];
-    return getcwd(path, sizeof path) == nullptr ? "" : path;
+    std::string path(PATH_MAX, '\0');
+    return getcwd(path.data(), path.size()) == nullptr ? "" : path.c_str();
   }
   return shownPath(targetOf(directory));
 }
@@ -104,7 +104,11 @@ std::string absolutePath(int directory, const char* name, bool followLast) {
   if (absolute && !hasDetours && isBelow(name, "/sys")) {
     return name;
   }
-  const std::string path = absolute ? name : directoryPath(directory) + "/" + name;
+  const std::string start = absolute ? "" : directoryPath(directory);
+  if (!absolute && start.empty()) {
+    return "";  // there is no such directory: the kernel says so
+  }
+  const std::string path = absolute ? name : start + "/" + name;
   return nested() ? withoutDetours(path) : followLinks(path, followLast);
 }
 

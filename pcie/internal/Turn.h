@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <system_error>
+
+#include "internal/ForkSafeLock.h"
+
+inline std::mutex pciLock;
+
+/// A thread's turn with libpciaccess, which has one system for the process, made anew by each
+/// initialisation, and no lock. No operation fails for want of the lock.
+class Turn {
+ public:
+  Turn() {
+    try {
+      lock.emplace();
+    } catch (const std::system_error&) {
+      lock.reset();
+    }
+  }
+
+ private:
+  std::optional<ForkSafeLock<pciLock>> lock;
+};
