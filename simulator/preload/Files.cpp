@@ -178,22 +178,20 @@ mode_t creationMode(int flags, va_list arguments) {
 
 // umockdev's lock for whatever takes a path. A fork waits for it: the child of a program with
 // several threads would find it locked for ever by a thread that the child does not have.
-pthread_mutex_t* umockdevLock() {
-  static auto* const lock = static_cast<pthread_mutex_t*>(dlsym(RTLD_DEFAULT, "trap_path_lock"));
-  return lock;
-}
+pthread_mutex_t* umockdevLock = nullptr;
 
-void lockUmockdev() { pthread_mutex_lock(umockdevLock()); }
+void lockUmockdev() { pthread_mutex_lock(umockdevLock); }
 
-void unlockUmockdev() { pthread_mutex_unlock(umockdevLock()); }
+void unlockUmockdev() { pthread_mutex_unlock(umockdevLock); }
 
 // A fork takes locks in the reverse order of their registration: umockdev's, which others' holders
 // take as well, has to be the first that is registered.
 void registerForForks() {
-  static bool isRegistered = false;
-  if (!isRegistered && umockdevLock() != nullptr) {
-    isRegistered = true;
-    pthread_atfork(lockUmockdev, unlockUmockdev, unlockUmockdev);
+  if (umockdevLock == nullptr) {
+    umockdevLock = static_cast<pthread_mutex_t*>(dlsym(RTLD_DEFAULT, "trap_path_lock"));
+    if (umockdevLock != nullptr) {
+      pthread_atfork(lockUmockdev, unlockUmockdev, unlockUmockdev);
+    }
   }
 }
 
@@ -225,9 +223,11 @@ __attribute__((destructor)) void finish() {
 
 extern "C" {
 
-// What pthread_atfork calls, in libraries that begin before this one too.
+// What pthread_atfork calls, in libraries that begin before this one too: ThreadSanitizer among
+// them, which cannot have an initialisation guarded yet.
 int __register_atfork(void (*prepare)(), void (*parent)(), void (*child)(), void* library) {
-  static const auto real = next(&__register_atfork, "__register_atfork");
+  static decltype(&__register_atfork) real = nullptr;
+  real = real == nullptr ? next(&__register_atfork, "__register_atfork") : real;
   registerForForks();
   return real(prepare, parent, child, library);
 }
