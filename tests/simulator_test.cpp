@@ -810,7 +810,6 @@ TEST(TalveroSim, PutsEveryProgramOnTheInstrument) {
 TEST(TalveroSim, TakesALibraryThatIsOpenedAndClosed) {
   const Outcome outcome = runCommand(TALVERO_SIM " --fast -- " REOPEN " " STATICS_MODULE " 2");
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.errors, "");
   const std::string once = "constructor right\ndestructor right\n";
   EXPECT_EQ(outcome.output, once + once + once + once);
 }
