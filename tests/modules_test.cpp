@@ -233,7 +233,7 @@ TEST(Topology, IsNotLockedInTheChildOfAFork) {
   });
   std::atomic<int> failed{0};
   const auto forkOften = [&failed] {
-    for (int time = 0; time < 30; ++time) {
+    for (int time = 0; time < 10; ++time) {
       const pid_t child = fork();
       if (child == 0) {
         alarm(10);
