@@ -27,13 +27,18 @@ class ForkSafeLock : public std::lock_guard<std::mutex> {
   static void lockForFork() {
     constexpr int mostTries = 1000000;  // half a second or so
     lockedForFork = mutex.try_lock();
-    for (int tries = 0; !lockedForFork && tries < mostTries; lockedForFork = mutex.try_lock()) {
+    for (int tries = 0; !lockedForFork && tries < mostTries; ++tries) {
       const pthread_t by = holder;
       if (by == pthread_self()) {
         return;
       }
-      tries += by == pthread_t{} ? 1 : 0;
-      sched_yield();
+      if (by == pthread_t{}) {
+        sched_yield();
+        lockedForFork = mutex.try_lock();
+      } else {
+        mutex.lock();
+        lockedForFork = true;
+      }
     }
   }
 
