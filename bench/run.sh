@@ -31,6 +31,9 @@ trap 'rm -rf "$work"' EXIT
 # shellcheck disable=SC2016  # expanded by the shell on the instrument
 "$build/simulator/talvero-sim" --instrument "$work/instrument.conf" -- bash -ec '
   cp -a "$UMOCKDEV_DIR/sys" "$1"
+  for config in /sys/bus/pci/devices/*/config; do
+    cat "$config" >"$1/${config#/sys/}"
+  done
   for line in 80 81 82 133 135 {167..171}; do
     echo "$line" >/sys/class/gpio/export
     mkdir "$1/class/gpio/gpio$line"

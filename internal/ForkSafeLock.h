@@ -15,9 +15,9 @@ class ForkSafeLock : public std::lock_guard<std::mutex> {
  public:
   ForkSafeLock() : std::lock_guard<std::mutex>(mutex) {
     static_cast<void>(registered);
-    holder = pthread_self();
+    holder.store(pthread_self(), std::memory_order_relaxed);
   }
-  ~ForkSafeLock() { holder = pthread_t{}; }
+  ~ForkSafeLock() { holder.store(pthread_t{}, std::memory_order_relaxed); }
   ForkSafeLock(const ForkSafeLock&) = delete;
   ForkSafeLock& operator=(const ForkSafeLock&) = delete;
 
