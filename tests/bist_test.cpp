@@ -162,7 +162,7 @@ TEST(TalveroSim, IsDescribedAsItIs) {
   options.insert("--");
   EXPECT_EQ(matches(completed("\"\""), "(--[a-z-]*)"), options);
   EXPECT_EQ(completed("--instrument prot"), "proto-0\nproto-1\nproto-2\n");
-  EXPECT_EQ(completed("--fast -- " TALVERO_BIST), TALVERO_BIST "\n");
+  EXPECT_EQ(completed("--fast -- " TALVERO_SIM), TALVERO_SIM "\n");
 }
 
 TEST(TalveroBist, ReportsEveryShippedInstrument) {
