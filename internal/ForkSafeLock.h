@@ -8,18 +8,23 @@
 #include <mutex>
 
 /// Locks a mutex that a fork waits for: the child of a program with several threads would find it
-/// locked for ever by a thread that the child does not have. The thread that has it may fork
-/// itself, as what it calls then might do.
+/// locked for ever by a thread that the child does not have.
 template <std::mutex& mutex>
 class ForkSafeLock : public std::lock_guard<std::mutex> {
  public:
-  ForkSafeLock() : std::lock_guard<std::mutex>(mutex) {
-    static_cast<void>(registered);
-    holder.store(pthread_self(), std::memory_order_relaxed);
-  }
-  ~ForkSafeLock() { holder.store(pthread_t{}, std::memory_order_relaxed); }
-  ForkSafeLock(const ForkSafeLock&) = delete;
-  ForkSafeLock& operator=(const ForkSafeLock&) = delete;
+  ForkSafeLock() : std::lock_guard<std::mutex>(mutex) { static_cast<void>(registered); }
+
+  /// Says which thread has the lock while that makes calls to the outside, which take their time,
+  /// so that a fork of another thread sleeps until they are done, and which might fork themselves,
+  /// so that a fork of this thread does not wait for it. Nothing says so of the moment that a copy
+  /// takes, which it would make a fifth longer.
+  class Holder {
+   public:
+    Holder() { holder.store(pthread_self(), std::memory_order_relaxed); }
+    ~Holder() { holder.store(pthread_t{}, std::memory_order_relaxed); }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+  };
 
  private:
   // Who has locked the mutex without this class may be the thread that forks: that is not waited

@@ -94,6 +94,7 @@ const ModuleI2CInfo& ModuleI2CInfo::cacheEntry(unsigned int moduleNumber,
 }
 
 ModuleI2CInfo ModuleI2CInfo::resolve(unsigned int moduleNumber) {
+  const ForkSafeLock<cacheLock>::Holder holder;
   const Description description = describe(moduleNumber);
   const std::vector<std::string> components = splitAtSlashes(description.top);
   ModuleI2CInfo info;

@@ -15,12 +15,16 @@ class Turn {
  public:
   Turn() {
     try {
-      lock.emplace();
+      taken.emplace();
     } catch (const std::system_error&) {
-      lock.reset();
+      taken.reset();
     }
   }
 
  private:
-  std::optional<ForkSafeLock<pciLock>> lock;
+  struct Taken {
+    ForkSafeLock<pciLock> lock;
+    ForkSafeLock<pciLock>::Holder holder;
+  };
+  std::optional<Taken> taken;
 };
