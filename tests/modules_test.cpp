@@ -223,16 +223,26 @@ TEST(Topology, IsResolvedOnceForManyThreads) {
 
 TEST(Topology, IsNotLockedInTheChildOfAFork) {
   const Modules instrument(modules);
-  std::atomic<bool> ends{false};
-  std::thread resolver([&ends] {
-    while (!ends) {
+  // A thread that begins or ends takes locks of the allocator, for which no fork waits.
+  std::atomic<int> begun{0};
+  std::atomic<int> forked{0};
+  const auto waitFor = [](const std::atomic<int>& number, int all) {
+    while (number < all) {
+      std::this_thread::yield();
+    }
+  };
+  std::thread resolver([&] {
+    ++begun;
+    while (forked < 2) {
       const ModuleI2CInfo module(1);
       const std::lock_guard<std::mutex> lock(ModuleI2CInfo::cacheLock);
       ModuleI2CInfo::cache.clear();
     }
   });
   std::atomic<int> failed{0};
-  const auto forkOften = [&failed] {
+  const auto forkOften = [&] {
+    ++begun;
+    waitFor(begun, 3);
     for (int time = 0; time < 10; ++time) {
       const pid_t child = fork();
       if (child == 0) {
@@ -243,11 +253,12 @@ TEST(Topology, IsNotLockedInTheChildOfAFork) {
       waitpid(child, &status, 0);
       failed += status != 0 ? 1 : 0;
     }
+    ++forked;
+    waitFor(forked, 2);
   };
   std::thread other(forkOften);
   forkOften();
   other.join();
-  ends = true;
   resolver.join();
   EXPECT_EQ(failed, 0);
 }
