@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -75,15 +76,21 @@ class NoLines : public std::streambuf {
   std::streamsize xsputn(const char* /*text*/, std::streamsize size) override { return size; }
 };
 
+/// As many calls as a process has room for: some keep a descriptor each, within libpciaccess.
+long mostCallsOf(const Operation& operation) {
+  constexpr long most = 1000000;
+  return operation.bare == nullptr ? most : std::min(most, sysconf(_SC_OPEN_MAX) / 2);
+}
+
 /// Each operation, its number of calls times `percent` of them, but a million at most.
 void grow(long percent) {
   constexpr long least = 100;
-  constexpr long most = 1000000;
-  long fewest = most;
+  long fewest = LONG_MAX;
   long calls = 0;
   const std::vector<Operation> all = operations();
   for (const Operation& operation : all) {
-    const long count = std::clamp(operation.calls * percent / 100, least, most);
+    const long count =
+        std::max(least, std::min(operation.calls * percent / 100, mostCallsOf(operation)));
     fewest = std::min(fewest, count);
     calls += count;
     inChild(operation.name, static_cast<unsigned int>(60 + percent),
