@@ -117,16 +117,16 @@ TEST_F(Interruption, EndsAtOnceAtASecondSignal) {
   // Switching takes seven seconds, undoing five.
   directory.file("d.conf", instrument() + "[power 1]\non-delay=never\noff-delay=never\n");
   const std::string twice =
-      "start report --tests power --slots 1 >out & sleep 4; kill -TERM $!; sleep SLEEP; kill -HUP "
+      "start report --tests power --slots 1 >out & sleep 4; kill -HUP $!; WAIT; kill -TERM "
       "$!; wait $!; "
       "echo $?; cat out";
-  const auto after = [&](const char* seconds) {
-    return run(std::regex_replace(twice, std::regex("SLEEP"), seconds));
+  const auto after = [&](const char* wait) {
+    return run(std::regex_replace(twice, std::regex("WAIT"), wait));
   };
-  EXPECT_THAT(after("1").output, testing::StartsWith("129\n"));
-  const Outcome along = after("0.1");  // as where a terminal is closed
+  EXPECT_THAT(after("sleep 1").output, testing::StartsWith("143\n"));
+  const Outcome along = after(":");  // as where a terminal is closed
   EXPECT_THAT(along.output,
-              AllOf(testing::StartsWith("143\n"), HasSubstr("interrupted (SIGTERM): ")));
+              AllOf(testing::StartsWith("129\n"), HasSubstr("interrupted (SIGHUP): ")));
   EXPECT_EQ(along.errors, "talvero-sim: nothing left behind\n");
 }
 

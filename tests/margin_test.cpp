@@ -223,22 +223,24 @@ TEST_F(Margins, AreWrittenOrNot) {
 }
 
 TEST_F(Margins, AreKeptWhenInterrupted) {
-  const Outcome outcome = runCommand(
-      "cd " + directory.path +
-      " && " TALVERO_SIM " --fast --summary --state state.conf --instrument " +
-      describe("prbs-good=0-15/0-2\n") +
-      " -- sh -c '" TALVERO_BIST " margin 1 --csv map.csv & sleep 5.9; kill $!; wait $!; echo $?'");
+  const Outcome outcome =
+      runCommand("cd " + directory.path +
+                 " && " TALVERO_SIM " --fast --summary --state state.conf --instrument " +
+                 describe("prbs-good=0-15/0-2\n") +
+                 " -- sh -c '" TALVERO_BIST
+                 " margin 1 --seconds 20 --csv map.csv & sleep 90; kill $!; wait $!; echo $?'");
   EXPECT_THAT(
       outcome.output,
       AllOf(HasSubstr("\n            0     .   .   .   2   8  32   !"),
             EndsWith("\n            1     .\n\ninterrupted (SIGTERM): nothing tested\n143\n")));
-  EXPECT_THAT(contentOf(directory.path + "/map.csv"), EndsWith("\n0,15,0.0,0,,1\n1,0,1.0,1,0,1\n"))
+  EXPECT_THAT(contentOf(directory.path + "/map.csv"), EndsWith("\n0,15,0.0,0,,1\n1,0,20.0,1,0,1\n"))
       << "a setting that was being tested is not there, the others are";
   const Outcome data =
       runCommand("cd " + directory.path + " && " TALVERO_SIM " --fast --instrument " +
                  describe("prbs-good=0-15/0-2\n") +
                  " -- sh -c '" TALVERO_BIST
-                 " --json margin 1 --post-cursor 2-4 >out & sleep 5.5; kill $!; wait $!; cat out'");
+                 " --json margin 1 --seconds 20 --post-cursor 2-4 >out & sleep 30; kill $!; wait "
+                 "$!; cat out'");
   const json map = json::parse(data.output)["margin"]["map"];
   EXPECT_EQ(map["rowValues"].size(), map["counts"].size()) << map;
   EXPECT_EQ(map["counts"][0], json::parse("[0, 2, 8]")) << "the rows that are done";
@@ -246,10 +248,10 @@ TEST_F(Margins, AreKeptWhenInterrupted) {
     EXPECT_EQ(row.size(), 3U) << "and the one that is not";
   }
   EXPECT_LT(map["counts"].size(), 16U);
-  const Outcome early =
-      runCommand(TALVERO_SIM " --fast --instrument " + describe("") +
-                 " -- sh -c '" TALVERO_BIST
-                 " --json margin 1 --drive-level 4-5 --post-cursor 9 & sleep 1.5; kill $!; wait'");
+  const Outcome early = runCommand(
+      TALVERO_SIM " --fast --instrument " + describe("") +
+      " -- sh -c '" TALVERO_BIST
+      " --json margin 1 --seconds 20 --drive-level 4-5 --post-cursor 9 & sleep 30; kill $!; wait'");
   EXPECT_EQ(json::parse(early.output)["margin"]["result"],
             "the present settings are not tested yet");
   EXPECT_THAT(contentOf(directory.path + "/state.conf"),
