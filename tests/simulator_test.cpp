@@ -599,6 +599,9 @@ TEST(Signals, WaitWhileTheStateIsHeld) {
 }
 
 TEST(Signals, ThatKillAHolderLeaveTheStateToOthers) {
+#ifndef __x86_64__
+  GTEST_SKIP() << "QEMU tells nobody of locks that a thread has died with";
+#endif
   const Instrument instrument("");
   const pid_t child = fork();
   if (child == 0) {
@@ -606,9 +609,7 @@ TEST(Signals, ThatKillAHolderLeaveTheStateToOthers) {
     kill(getpid(), SIGKILL);
   }
   waitpid(child, nullptr, 0);
-  alarm(20);  // which ends who waits for ever
-  EXPECT_EQ(instrument.milliseconds(), 0);
-  alarm(0);
+  EXPECT_EQ(instrument.milliseconds(), 0) << "does not wait for ever, which the time allowed ends";
 }
 
 TEST(Forks, LeaveTheChildNoLockOfAnotherThread) {
