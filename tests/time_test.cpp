@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
@@ -6,6 +7,7 @@
 #include <semaphore.h>
 #include <spawn.h>
 #include <sys/epoll.h>
+#include <sys/ptrace.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -297,7 +299,7 @@ TEST(VirtualTime, IsThatOfTheLongestOfParallelPrograms) {
   };
   EXPECT_THAT(elapsed("sleep 60 & sleep 61 & (sleep 10; sleep 52) & wait"),
               AllOf(Ge(62000), Lt(64000)));
-#ifdef __x86_64__  // QEMU waits for itself while it starts a program
+#ifdef __x86_64__  // QEMU knows no locks whose holder has died
   EXPECT_THAT(elapsed("sleep 100 & sleep 1; kill -KILL $!; sleep 200"),
               AllOf(Ge(201000), Lt(203000)))
       << "a program that was killed does not stop the others";
@@ -320,6 +322,47 @@ TEST(VirtualTime, CountsForAChildFromItsFork) {
     EXPECT_EQ(instrument.milliseconds(), 2000);
     waitpid(child, nullptr, 0);
     EXPECT_EQ(instrument.milliseconds(), 2000);
+  }
+}
+
+/// Ends as a program of an emulator does: its first thread before one that takes no part.
+void* outliveTheFirst(void* /*argument*/) {
+  const timespec time{0, 300000000};
+  syscall(SYS_nanosleep, &time, nullptr);
+  syscall(SYS_exit_group, 0);
+  return nullptr;
+}
+
+TEST(VirtualTime, IsHeldByProgramsThatAreAboutToGoOn) {
+#if defined __SANITIZE_THREAD__ || defined __SANITIZE_ADDRESS__ || !defined __x86_64__
+  GTEST_SKIP() << "sanitizers and QEMU have threads of their own and trace their own way";
+#endif
+  const auto beginThread = reinterpret_cast<decltype(&pthread_create)>(
+      dlsym(dlopen("libc.so.6", RTLD_LAZY), "pthread_create"));
+  const std::function<void()> ways[] = {
+      [] {  // as below a debugger that has stopped it
+        ptrace(PTRACE_TRACEME);
+        raise(SIGSTOP);
+      },
+      [&] {
+        pthread_t thread{};
+        beginThread(&thread, nullptr, outliveTheFirst, nullptr);
+        syscall(SYS_exit, 0);
+      },
+  };
+  for (const auto& way : ways) {
+    const Instrument instrument("");
+    usleep(0);  // from which on this process takes part
+    const double begin = hostSeconds();
+    const pid_t child = fork();
+    if (child == 0) {
+      way();
+      _exit(1);
+    }
+    usleep(200000);
+    EXPECT_GE(hostSeconds() - begin, 0.1) << &way - ways;
+    kill(child, SIGKILL);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
   }
 }
 

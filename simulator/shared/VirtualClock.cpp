@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,9 +47,15 @@ constexpr std::int64_t longestDelay = 1000 * millisecond;
 /// The kernel counts the time of a thread that runs this often, or more often.
 constexpr std::int64_t longestTick = 10 * millisecond;
 
-Participant* begin(VirtualClock& clock) { return clock.participants; }
+template <typename Clock>
+auto* begin(Clock& clock) {
+  return clock.participants;
+}
 
-Participant* end(VirtualClock& clock) { return clock.participants + clock.used; }
+template <typename Clock>
+auto* end(Clock& clock) {
+  return clock.participants + clock.used;
+}
 
 bool isFree(const Participant& place) { return place.process == 0; }
 
@@ -60,6 +67,7 @@ void release(Participant& place) {
 /// What the kernel says of a thread.
 struct Activity {
   char state;         ///< as in /proc: R runs or could run
+  long threads;       ///< of its process
   std::uint64_t ran;  ///< grows whenever it runs
 };
 
@@ -75,29 +83,50 @@ bool readOf(const Participant& thread, const char* file, char (&text)[512]) {
   return length > 0;
 }
 
-/// Nothing for a thread that is gone or has ended.
-std::optional<Activity> activityOf(const Participant& thread) {
-  char text[512];
-  const char* const name = readOf(thread, "stat", text) ? std::strrchr(text, ')') : nullptr;
-  if (name == nullptr || name[1] == '\0') {
-    return std::nullopt;
-  }
-  const char state = name[2];
-  if (state == 'Z' || state == 'X') {
-    return std::nullopt;
-  }
-  std::uint64_t ran = 0;
-  if (readOf(thread, "schedstat", text)) {
-    ran = std::strtoull(text, nullptr, 10);
-  }
-  return Activity{thread.thread != 0 ? state : 'R', ran};
+/// Whether a process is still ending: its first thread has ended, and one that takes no part in the
+/// clock, as an emulator has them, has not. Who waits for the process is told only then.
+bool isStillEnding(const VirtualClock& clock, const Participant& thread, const Activity& activity) {
+  return activity.state == 'Z' && activity.threads > 1 &&
+         std::none_of(begin(clock), end(clock), [&](const Participant& other) {
+           return &other != &thread && other.process == thread.process;
+         });
 }
 
-bool isWaiting(const Activity& activity) { return activity.state != 'R' && activity.state != 'D'; }
+/// Nothing for a thread that is gone or has ended.
+std::optional<Activity> activityOf(const VirtualClock& clock, const Participant& thread) {
+  char text[512];
+  const char* const name = readOf(thread, "stat", text) ? std::strrchr(text, ')') : nullptr;
+  Activity activity{};
+  if (name == nullptr ||
+      std::sscanf(name, ") %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %ld",
+                  &activity.state, &activity.threads) != 2) {
+    return std::nullopt;
+  }
+  const bool hasEnded = activity.state == 'Z' || activity.state == 'X';
+  if (hasEnded && !isStillEnding(clock, thread, activity)) {
+    return std::nullopt;
+  }
+  if (hasEnded || thread.thread == 0) {
+    activity.state = 'R';
+  }
+  // How long it has run is told late, and how often it has begun to at once: one that runs already
+  // may have the state of one that waits until it has taken what it has waited for.
+  std::uint64_t duration = 0;
+  std::uint64_t times = 0;
+  if (readOf(thread, "schedstat", text) &&
+      std::sscanf(text, "%" SCNu64 " %*u %" SCNu64, &duration, &times) == 2) {
+    activity.ran = duration + times;
+  }
+  return activity;
+}
+
+/// A thread that is traced is about to go on: a debugger has stopped it, or, at the end of its
+/// program, a sanitizer.
+bool isWaiting(const Activity& activity) { return std::strchr("RDt", activity.state) == nullptr; }
 
 /// Whether a thread that is left out has run since, or is about to: then it takes part again.
-bool isBack(Participant& thread) {
-  const auto activity = activityOf(thread);
+bool isBack(const VirtualClock& clock, Participant& thread) {
+  const auto activity = activityOf(clock, thread);
   if (!activity) {
     release(thread);
     return false;
@@ -110,8 +139,8 @@ bool isBack(Participant& thread) {
 
 /// Looks at a thread that is awake. Returns whether it is the thread that holds the clock, and not
 /// the machine, which does not run it.
-bool lookAt(Participant& thread) {
-  const auto activity = activityOf(thread);
+bool lookAt(const VirtualClock& clock, Participant& thread) {
+  const auto activity = activityOf(clock, thread);
   if (!activity && thread.grace > 1) {
     thread.grace = 1;  // who waits for its end may not be awake yet
     return false;
@@ -142,7 +171,7 @@ bool look(VirtualClock& clock) {
   clock.lookedAt = time;
   bool held = false;
   for (Participant* place = begin(clock); place != end(clock); ++place) {
-    held = (holdsClock(*place) && lookAt(*place)) || held;
+    held = (holdsClock(*place) && lookAt(clock, *place)) || held;
   }
   if (held) {
     clock.held += std::min(time - clock.heldAt, longestTick);
@@ -185,8 +214,8 @@ void wake(VirtualClock& clock, Participant& sleeper, const Participant& self) {
 }
 
 /// Whether a sleeper that waits for something may just have got it.
-bool hasRun(Participant& waiting) {
-  const auto activity = activityOf(waiting);
+bool hasRun(const VirtualClock& clock, Participant& waiting) {
+  const auto activity = activityOf(clock, waiting);
   if (!activity) {
     release(waiting);
     return false;
@@ -208,10 +237,11 @@ bool passesWait(VirtualClock& clock) {
 void advance(VirtualClock& clock, const Participant& self) {
   if (std::none_of(begin(clock), end(clock), holdsClock) &&
       std::none_of(begin(clock), end(clock),
-                   [](Participant& place) { return isAwake(place) && isBack(place); }) &&
+                   [&](Participant& place) { return isAwake(place) && isBack(clock, place); }) &&
       std::none_of(begin(clock), end(clock),
                    [&](Participant& place) {
-                     return &place != &self && place.asleep != 0 && place.waits && hasRun(place);
+                     return &place != &self && place.asleep != 0 && place.waits &&
+                            hasRun(clock, place);
                    }) &&
       !passesWait(clock)) {
     wake(clock, *nextSleeper(clock), self);
@@ -240,8 +270,8 @@ Participant* freePlace(VirtualClock& clock) {
     clock.used += place == end(clock) ? 1 : 0;
     return place;
   }
-  return std::find_if(begin(clock), end(clock), [](Participant& place) {
-    if (!isFree(place) && !activityOf(place)) {
+  return std::find_if(begin(clock), end(clock), [&](Participant& place) {
+    if (!isFree(place) && !activityOf(clock, place)) {
       release(place);
     }
     return isFree(place);
