@@ -7,6 +7,7 @@
 
 using nlohmann::json;
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -237,7 +238,8 @@ TEST_F(Margins, AreKeptWhenInterrupted) {
       outcome.output,
       AllOf(HasSubstr("\n            0     .   .   .   2   8  32   !"),
             EndsWith("\n            1     .\n\ninterrupted (SIGTERM): nothing tested\n143\n")));
-  EXPECT_THAT(contentOf(directory.path + "/map.csv"), EndsWith("\n0,15,0.0,0,,1\n1,0,20.0,1,0,1\n"))
+  EXPECT_THAT(contentOf(directory.path + "/map.csv"),
+              ContainsRegex("\n0,15,0\\.0,0,,1\n1,0,2[0-4]\\.[0-9],1,0,1\n$"))
       << "a setting that was being tested is not there, the others are";
   const Outcome data =
       runCommand("cd " + directory.path + " && " TALVERO_SIM " --fast --instrument " +

@@ -191,7 +191,8 @@ TEST_F(Soak, RunsForLongWithFewDescriptors) {
 
 TEST_F(Soak, SeesALinkThatIsLost) {
   describe(
-      "[at 30]\npci port1 link=down\n[at 45]\npci port1 link=up\npci port5 link-status=0x2011\n");
+      "[at 10]\npci port5 link-status=0x2011\n[at 30]\npci port1 link=down\n[at 45]\npci port1 "
+      "link=up\n");
   const Outcome outcome = run("soak --minutes 1 --json");
   EXPECT_EQ(outcome.status, 1);
   const json result = json::parse(outcome.output);

@@ -651,8 +651,8 @@ TEST(VirtualTime, IsThatOfManyThreads) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  // A slow machine creates the last when the first have slept once.
-  EXPECT_THAT(instrument.milliseconds(), AllOf(Ge(1000), Le(1200)));
+  // A slow machine creates the last when the first have slept some times.
+  EXPECT_THAT(instrument.milliseconds(), AllOf(Ge(1000), Le(2000)));
   EXPECT_LT(hostSeconds() - begin, 30);
 }
 
