@@ -325,10 +325,15 @@ TEST(VirtualTime, CountsForAChildFromItsFork) {
   }
 }
 
-/// Ends as a program of an emulator does: its first thread before one that takes no part.
-void* outliveTheFirst(void* /*argument*/) {
+/// The host's time, in which no clock of the instrument's goes on.
+void passOutside() {
   const timespec time{0, 300000000};
   syscall(SYS_nanosleep, &time, nullptr);
+}
+
+/// Ends as a program of an emulator does: its first thread before one that takes no part.
+void* outliveTheFirst(void* /*argument*/) {
+  passOutside();
   syscall(SYS_exit_group, 0);
   return nullptr;
 }
@@ -349,6 +354,12 @@ TEST(VirtualTime, IsHeldByProgramsThatAreAboutToGoOn) {
         beginThread(&thread, nullptr, outliveTheFirst, nullptr);
         syscall(SYS_exit, 0);
       },
+      [] {                   // until the child has begun a program, or has ended
+        if (vfork() == 0) {  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+          passOutside();     // NOLINT(clang-analyzer-unix.Vfork): it changes nothing
+          _exit(0);
+        }
+      },
   };
   for (const auto& way : ways) {
     const Instrument instrument("");
@@ -364,6 +375,32 @@ TEST(VirtualTime, IsHeldByProgramsThatAreAboutToGoOn) {
     kill(child, SIGKILL);
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
   }
+}
+
+TEST(VirtualTime, IsNotHeldByWhatHasEnded) {
+  const double begin = hostSeconds();
+  const std::function<void()> ways[] = {
+      [] { _exit(0); },  // for which nobody waits yet
+      [] {
+        std::thread([] {
+          sleep(100);
+          _exit(0);
+        }).detach();
+        syscall(SYS_exit, 0);  // the first thread alone
+      },
+  };
+  for (const auto& way : ways) {
+    const Instrument instrument("");
+    usleep(0);  // from which on this process takes part
+    const pid_t child = fork();
+    if (child == 0) {
+      way();
+    }
+    sleep(200);
+    EXPECT_EQ(instrument.milliseconds(), 200000) << &way - ways;
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  }
+  EXPECT_LT(hostSeconds() - begin, 30);
 }
 
 /// Run below talvero-sim by the test after it.

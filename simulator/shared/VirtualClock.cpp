@@ -31,8 +31,8 @@ constexpr std::int64_t lookPeriod = millisecond;
 /// Where many sleep, each does so more rarely.
 constexpr std::int64_t sleepersOfPeriod = 8;
 
-/// So many looks in a row find a thread waiting until it is left out: at first, and when it waits
-/// again without having slept.
+/// So many looks find a thread waiting until it is left out: at first, and when it waits again
+/// without having slept.
 constexpr int firstGrace = 10;
 constexpr int nextGrace = 2;
 
@@ -47,15 +47,9 @@ constexpr std::int64_t longestDelay = 1000 * millisecond;
 /// The kernel counts the time of a thread that runs this often, or more often.
 constexpr std::int64_t longestTick = 10 * millisecond;
 
-template <typename Clock>
-auto* begin(Clock& clock) {
-  return clock.participants;
-}
+Participant* begin(VirtualClock& clock) { return clock.participants; }
 
-template <typename Clock>
-auto* end(Clock& clock) {
-  return clock.participants + clock.used;
-}
+Participant* end(VirtualClock& clock) { return clock.participants + clock.used; }
 
 bool isFree(const Participant& place) { return place.process == 0; }
 
@@ -85,7 +79,7 @@ bool readOf(const Participant& thread, const char* file, char (&text)[512]) {
 
 /// Whether a process is still ending: its first thread has ended, and one that takes no part in the
 /// clock, as an emulator has them, has not. Who waits for the process is told only then.
-bool isStillEnding(const VirtualClock& clock, const Participant& thread, const Activity& activity) {
+bool isStillEnding(VirtualClock& clock, const Participant& thread, const Activity& activity) {
   return activity.state == 'Z' && activity.threads > 1 &&
          std::none_of(begin(clock), end(clock), [&](const Participant& other) {
            return &other != &thread && other.process == thread.process;
@@ -93,7 +87,7 @@ bool isStillEnding(const VirtualClock& clock, const Participant& thread, const A
 }
 
 /// Nothing for a thread that is gone or has ended.
-std::optional<Activity> activityOf(const VirtualClock& clock, const Participant& thread) {
+std::optional<Activity> activityOf(VirtualClock& clock, const Participant& thread) {
   char text[512];
   const char* const name = readOf(thread, "stat", text) ? std::strrchr(text, ')') : nullptr;
   Activity activity{};
@@ -125,7 +119,7 @@ std::optional<Activity> activityOf(const VirtualClock& clock, const Participant&
 bool isWaiting(const Activity& activity) { return std::strchr("RDt", activity.state) == nullptr; }
 
 /// Whether a thread that is left out has run since, or is about to: then it takes part again.
-bool isBack(const VirtualClock& clock, Participant& thread) {
+bool isBack(VirtualClock& clock, Participant& thread) {
   const auto activity = activityOf(clock, thread);
   if (!activity) {
     release(thread);
@@ -139,7 +133,7 @@ bool isBack(const VirtualClock& clock, Participant& thread) {
 
 /// Looks at a thread that is awake. Returns whether it is the thread that holds the clock, and not
 /// the machine, which does not run it.
-bool lookAt(const VirtualClock& clock, Participant& thread) {
+bool lookAt(VirtualClock& clock, Participant& thread) {
   const auto activity = activityOf(clock, thread);
   if (!activity && thread.grace > 1) {
     thread.grace = 1;  // who waits for its end may not be awake yet
@@ -214,7 +208,7 @@ void wake(VirtualClock& clock, Participant& sleeper, const Participant& self) {
 }
 
 /// Whether a sleeper that waits for something may just have got it.
-bool hasRun(const VirtualClock& clock, Participant& waiting) {
+bool hasRun(VirtualClock& clock, Participant& waiting) {
   const auto activity = activityOf(clock, waiting);
   if (!activity) {
     release(waiting);
