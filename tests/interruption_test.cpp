@@ -77,7 +77,10 @@ TEST_P(InterruptedCommand, LeavesTheHardwareAsFound) {
     const Outcome outcome = run(std::string("start ") + command + " >out & sleep " +
                                     std::to_string(time) + "; kill -TERM $!; wait $!; echo $?",
                                 "--state state.conf");
-    const bool begun = outcome.errors.find("Terminated") == std::string::npos;
+    bool begun = outcome.errors.find("Terminated") == std::string::npos;
+#ifndef __x86_64__  // below QEMU, one that ends before it has begun is not always told of
+    begun = begun && !contentOf(directory.path + "/out").empty();
+#endif
     if (outcome.output == "143\n") {  // or else it was over
       EXPECT_EQ(left(), before) << command << " after " << time << " s";
     }
